@@ -1,0 +1,37 @@
+// What every tool shares in the operator contract: the end of a saved record, and the
+// pass-through of an image input.
+#pragma once
+
+#include <cstdint>
+
+#include "host/archive.h"
+#include "host/image.h"
+#include "host/operator.h"
+#include "host/request.h"
+
+namespace kestrion::frame {
+
+// Instance attribute set by tools whose class is registered but not built yet.
+constexpr uint32_t kNotYetBuiltAttr = 0x1000F001;
+
+// Ends a saved record after the tool's own fields: a 32-bit 0, then "EndC".
+inline void WriteRecordEnd(CArchive* ar) {
+  ar->WriteWord(0);
+  ar->WriteWord(kEndOfRecord);
+}
+
+// Reads the two words that end a record, without checking them.
+inline void SkipRecordEnd(CArchive* ar) {
+  ar->ReadWord();
+  ar->ReadWord();
+}
+
+// Hands an input image on unchanged (a new reference); outputs nothing when there is none.
+inline uint32_t PassThrough(Request* req, Input* in, Output* out) {
+  Parameter* value = req->GetInputData(in);
+  if (!value) return 1;
+  value->Use();
+  return req->SetOutputData(out, value);
+}
+
+}  // namespace kestrion::frame

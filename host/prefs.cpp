@@ -1,0 +1,9 @@
+#include "host/prefs.h"
+
+namespace kestrion {
+
+GeneralPrefs PGeneral;
+VideoModePrefs PVidMode;
+PreviewPrefs PPreview;
+
+}  // namespace kestrion
