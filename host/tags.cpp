@@ -1,5 +1,6 @@
 #include "host/tags.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -8,9 +9,12 @@ namespace kestrion {
 
 std::string FourCCText(uint32_t code) {
   std::string out;
+  // A code whose text would begin "0x" is written with its '0' escaped, so that ParseFourCC
+  // does not read it back as a hexadecimal word.
+  const bool looks_hexadecimal = uint8_t(code) == '0' && (uint8_t(code >> 8) == 'x' || uint8_t(code >> 8) == 'X');
   for (int i = 0; i < 4; ++i) {
     const unsigned char c = uint8_t(code >> (8 * i));
-    if (c >= 0x20 && c < 0x7F && c != '\\') {
+    if (c >= 0x20 && c < 0x7F && c != '\\' && !(i == 0 && looks_hexadecimal)) {
       out += char(c);
     } else {
       char buf[8];
@@ -22,12 +26,11 @@ std::string FourCCText(uint32_t code) {
 }
 
 bool ParseFourCC(const std::string& text, uint32_t& code) {
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    if (text.size() > 10) return false;
-    char* end = nullptr;
-    const unsigned long v = std::strtoul(text.c_str() + 2, &end, 16);
-    if (*end != '\0') return false;
-    code = uint32_t(v);
+  // "0x" and one to eight hexadecimal digits; anything else that starts so may still be four
+  // characters ("0xG1").
+  if (text.size() > 2 && text.size() <= 10 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+      std::all_of(text.begin() + 2, text.end(), [](char c) { return std::isxdigit(uint8_t(c)) != 0; })) {
+    code = uint32_t(std::strtoul(text.c_str() + 2, nullptr, 16));
     return true;
   }
   uint32_t result = 0;

@@ -154,6 +154,7 @@ constexpr uint32_t Presentation05 = 0x10030005;
 constexpr uint32_t Presentation11 = 0x10030011;
 constexpr uint32_t Presentation06 = 0x10000006;
 constexpr uint32_t Presentation64 = 0x10000064;
+constexpr uint32_t Presentation65 = 0x10000065;
 constexpr uint32_t SliderPresentation = 0x20000006;
 }  // namespace in
 

@@ -1,0 +1,503 @@
+// The pull renderer over flows of small test operators: values at the requested times, the
+// result cache and what drops it, inputs a tool declines, failures and aborts, refused links,
+// named undo steps, and modifiers.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/document.h"
+#include "host/registry.h"
+#include "tests/host/test_tools.h"
+
+namespace kestrion {
+namespace {
+
+using namespace test_tools;
+
+class RenderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    classes_ = std::make_unique<TestClasses>();
+    doc_ = std::make_unique<CPipelineDoc>();
+  }
+  void TearDown() override {
+    doc_.reset();
+    classes_.reset();
+  }
+  CPipelineDoc& doc() { return *doc_; }
+
+  std::unique_ptr<TestClasses> classes_;
+  std::unique_ptr<CPipelineDoc> doc_;
+};
+
+Spline Keys(uint32_t curve, std::initializer_list<std::pair<double, double>> keys) {
+  Spline s(curve);
+  for (const auto& [t, v] : keys) s.SetKey({t, {v, 0.0}});
+  return s;
+}
+
+// --- values ---
+
+TEST_F(RenderTest, ToolsSeeTheirInputsAtTheRequestedTimes) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Adder* adder = Make<Adder>(doc(), "TestAdder");
+  Spread* spread = Make<Spread>(doc(), "TestSpread");
+  ASSERT_TRUE(clock && adder && spread);
+  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+
+  const struct {
+    const char* what;
+    std::function<void()> set_b;
+    Output* out;
+    double time, expected;
+  } cases[] = {
+      {"constant", [&] { adder->b->SetValue(new Number(3)); }, adder->out, 5.0, 5.0 + 3.0},
+      {"samples before and after", [&] { adder->b->SetValue(new Number(3)); }, spread->out, 5.0, (4.0 + 3) + (6.0 + 3)},
+      {"linear keys at the request time",
+       [&] { adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 100}})); }, adder->out, 5.0, 5.0 + 50.0},
+      {"held after the last key", [&] { adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 100}})); },
+       adder->out, 30.0, 30.0 + 100.0},
+      // Handles a third of the way along, slope (30 - 0) / 20 at the middle key: the curve
+      // through (0, 0), (0, 0), (10 - 5, 10 - 5), (10, 10) at its middle is 3.125.
+      {"Bezier keys", [&] { adder->b->SetAnimation(Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}})); },
+       adder->out, 5.0, 5.0 + 3.125},
+      {"Bezier keys at a key", [&] { adder->b->SetAnimation(Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}})); },
+       adder->out, 10.0, 10.0 + 10.0},
+  };
+  for (const auto& c : cases) {
+    c.set_b();
+    HostError err;
+    EXPECT_EQ(RenderNumber(doc(), c.out, c.time, &err), c.expected) << c.what << " " << err.message;
+  }
+  EXPECT_EQ(spread->slots_seen, 2);
+  EXPECT_EQ(spread->times_seen, (std::vector<double>{4.0, 6.0}));
+}
+
+// --- the cache ---
+
+TEST_F(RenderTest, EachToolRunsOnceForEachTimeAndKindOfRender) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Adder* adder = Make<Adder>(doc(), "TestAdder");
+  Spread* spread = Make<Spread>(doc(), "TestSpread");
+  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+
+  const struct {
+    const char* what;
+    Output* out;
+    double time;
+    uint32_t flags;
+    size_t clock, adder, spread;  // Process calls so far
+  } steps[] = {
+      {"first render", adder->out, 1.0, 0, 1, 1, 0},
+      {"the same again", adder->out, 1.0, 0, 1, 1, 0},
+      {"the upstream tool at a time it has", clock->out, 1.0, 0, 1, 1, 0},
+      {"another time", adder->out, 2.0, 0, 2, 2, 0},
+      {"a quick render is another result", adder->out, 1.0, rflag::Quick, 3, 3, 0},
+      {"flags that do not change results", adder->out, 1.0, 0x100, 3, 3, 0},
+      {"two samples, one already made", spread->out, 3.0, 0, 4, 4, 1},
+      {"the spread again", spread->out, 3.0, 0, 4, 4, 1},
+      {"a neighbouring time shares a sample", spread->out, 5.0, 0, 5, 5, 2},
+  };
+  for (const auto& s : steps) {
+    HostError err;
+    EXPECT_TRUE(RenderNumber(doc(), s.out, s.time, &err, s.flags).has_value()) << s.what << ": " << err.message;
+    EXPECT_EQ(doc().ProcessCount(clock), s.clock) << s.what;
+    EXPECT_EQ(doc().ProcessCount(adder), s.adder) << s.what;
+    EXPECT_EQ(doc().ProcessCount(spread), s.spread) << s.what;
+  }
+}
+
+// A change drops the results of the changed tool and of everything downstream of it, and
+// nothing else; the next render shows the change.
+TEST_F(RenderTest, ChangesDropTheResultsDownstreamOfThem) {
+  struct Tools {
+    Clock* clock;
+    Adder* adder;
+    Spread* spread;
+    Clock* other;
+  };
+  const struct {
+    const char* what;
+    std::function<void(CPipelineDoc&, Tools&)> change;
+    size_t clock, adder, spread, other;  // further Process calls
+    double spread_after;
+  } cases[] = {
+      {"a value of an unrelated tool", [](CPipelineDoc&, Tools& t) { t.other->scale->SetValue(new Number(3)); },
+       0, 0, 0, 1, 16.0},
+      {"a constant of the middle tool", [](CPipelineDoc&, Tools& t) { t.adder->b->SetValue(new Number(4)); },
+       0, 2, 1, 0, 18.0},
+      {"a value of the first tool", [](CPipelineDoc&, Tools& t) { t.clock->scale->SetValue(new Number(2)); },
+       2, 2, 1, 0, 26.0},
+      {"an animation of the middle tool",
+       [](CPipelineDoc&, Tools& t) { t.adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 10}})); },
+       0, 2, 1, 0, 20.0},
+      {"a new link", [](CPipelineDoc& d, Tools& t) { d.Connect(t.other->out, t.adder->b); }, 0, 2, 1, 2, 20.0},
+      {"a link taken away", [](CPipelineDoc&, Tools& t) { t.adder->a->ConnectTo(nullptr); }, 0, 2, 1, 0, 6.0},
+      {"a value of the last tool only", [](CPipelineDoc&, Tools& t) { t.spread->value->SetValue(new Number(1)); },
+       0, 0, 1, 0, 16.0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    CPipelineDoc doc;
+    Tools t{Make<Clock>(doc, "TestClock"), Make<Adder>(doc, "TestAdder"), Make<Spread>(doc, "TestSpread"),
+            Make<Clock>(doc, "TestClock")};
+    ASSERT_TRUE(doc.Connect(t.clock->out, t.adder->a));
+    ASSERT_TRUE(doc.Connect(t.adder->out, t.spread->value));
+    t.adder->b->SetValue(new Number(3));
+    ASSERT_EQ(RenderNumber(doc, t.spread->out, 5.0), 16.0);
+    ASSERT_EQ(RenderNumber(doc, t.other->out, 5.0), 5.0);
+    const size_t clock = doc.ProcessCount(t.clock), adder = doc.ProcessCount(t.adder),
+                 spread = doc.ProcessCount(t.spread), other = doc.ProcessCount(t.other);
+    c.change(doc, t);
+    EXPECT_EQ(RenderNumber(doc, t.spread->out, 5.0), c.spread_after);
+    RenderNumber(doc, t.other->out, 5.0);
+    EXPECT_EQ(doc.ProcessCount(t.clock) - clock, c.clock) << "first tool";
+    EXPECT_EQ(doc.ProcessCount(t.adder) - adder, c.adder) << "middle tool";
+    EXPECT_EQ(doc.ProcessCount(t.spread) - spread, c.spread) << "last tool";
+    EXPECT_EQ(doc.ProcessCount(t.other) - other, c.other) << "unrelated tool";
+  }
+}
+
+// --- inputs a tool does not need ---
+
+TEST_F(RenderTest, AnInputAToolDeclinesIsNeverRendered) {
+  Chooser* chooser = Make<Chooser>(doc(), "TestChooser");
+  Clock* first = Make<Clock>(doc(), "TestClock");
+  Trouble* second = Make<Trouble>(doc(), "TestTrouble");
+  ASSERT_TRUE(chooser && first && second);
+  first->scale->SetValue(new Number(10));
+  second->value->SetValue(new Number(-1));
+  second->mode->SetValue(new Number(Trouble::ReturnZero));
+  ASSERT_TRUE(doc().Connect(first->out, chooser->first));
+  ASSERT_TRUE(doc().Connect(second->out, chooser->second));
+
+  HostError err;
+  EXPECT_EQ(RenderNumber(doc(), chooser->out, 2.0, &err), 20.0) << err.message;
+  EXPECT_EQ(doc().ProcessCount(second), 0u) << "a declined input's tool ran";
+  EXPECT_FALSE(chooser->dropped_had_value) << "a declined input was handed a value";
+
+  chooser->which->SetValue(new Number(1));
+  second->mode->SetValue(new Number(Trouble::Pass));
+  EXPECT_EQ(RenderNumber(doc(), chooser->out, 3.0, &err), -1.0) << err.message;
+  EXPECT_EQ(doc().ProcessCount(first), 1u) << "the first tool ran for a render that declined it";
+  EXPECT_EQ(doc().ProcessCount(second), 1u);
+  EXPECT_FALSE(chooser->dropped_had_value);
+}
+
+// --- failures ---
+
+TEST_F(RenderTest, FailingToolsGiveAMessageAndLeaveTheFlowUsable) {
+  const struct {
+    Trouble::Mode mode;
+    const char* mentions;
+  } cases[] = {
+      {Trouble::ReturnZero, "TestTrouble1"},
+      {Trouble::ImpossibleImage, "TestTrouble1"},
+      {Trouble::Throw, "out of coffee"},
+      {Trouble::StopFlow, "stopped"},
+      {Trouble::StopSelf, "stopped"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("mode " + std::to_string(int(c.mode)));
+    CPipelineDoc doc;
+    Trouble* trouble = Make<Trouble>(doc, "TestTrouble");
+    Adder* adder = Make<Adder>(doc, "TestAdder");
+    Clock* clock = Make<Clock>(doc, "TestClock");
+    ASSERT_TRUE(doc.Connect(trouble->out, adder->a));
+    ASSERT_TRUE(doc.Connect(clock->out, adder->b));
+    ASSERT_EQ(trouble->Name(), "TestTrouble1");
+    trouble->value->SetValue(new Number(7));
+    trouble->mode->SetValue(new Number(c.mode));
+
+    // The failure reaches the render of a downstream tool, which is not cached.
+    for (int attempt = 1; attempt <= 2; ++attempt) {
+      HostError err;
+      Ref<Parameter> result = doc.Render(adder->out, 1.0, 0, &err);
+      EXPECT_EQ(result.get(), nullptr);
+      EXPECT_NE(err.message.find(c.mentions), std::string::npos) << err.message;
+      EXPECT_EQ(doc.ProcessCount(trouble), size_t(attempt)) << "a failed result was kept";
+    }
+    EXPECT_EQ(doc.ProcessCount(adder), 0u);
+
+    // The next render of another tool is not stopped, and a repaired tool renders.
+    HostError err;
+    EXPECT_EQ(RenderNumber(doc, clock->out, 1.0, &err), 1.0) << err.message;
+    trouble->mode->SetValue(new Number(Trouble::Pass));
+    EXPECT_EQ(RenderNumber(doc, adder->out, 1.0, &err), 8.0) << err.message;
+  }
+}
+
+TEST_F(RenderTest, AnOutputOutsideTheFlowIsRefused) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  CPipelineDoc other;
+  HostError err;
+  EXPECT_EQ(other.Render(clock->out, 0.0, 0, &err).get(), nullptr);
+  EXPECT_FALSE(err.message.empty());
+  err = {};
+  EXPECT_EQ(doc().Render(nullptr, 0.0, 0, &err).get(), nullptr);
+  EXPECT_FALSE(err.message.empty());
+}
+
+// --- links ---
+
+TEST_F(RenderTest, LinksThatMakeLoopsOrJoinOtherTypesAreRefused) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Adder* adder = Make<Adder>(doc(), "TestAdder");
+  Spread* spread = Make<Spread>(doc(), "TestSpread");
+  Adder* last = Make<Adder>(doc(), "TestAdder");
+  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
+  Ramp* ramp = dynamic_cast<Ramp*>(doc().AddModifier(clock->scale, "TestRamp"));
+  Operator* blur = doc().CreateTool("Blur");
+  ASSERT_TRUE(clock && adder && spread && last && defaults && ramp && blur);
+  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+  ASSERT_TRUE(doc().Connect(spread->out, last->a));
+
+  const struct {
+    const char* what;
+    Output* from;
+    Input* to;
+  } cases[] = {
+      {"a tool to itself", adder->out, adder->b},
+      {"back one step", spread->out, adder->b},
+      {"back three steps", last->out, clock->scale},
+      {"into the modifier of an upstream tool", last->out, ramp->rate},
+      {"a number into a point", clock->out, defaults->center},
+      {"a number into text", clock->out, defaults->label},
+      {"an image into a number", blur->Outputs()[0].get(), adder->b},
+      {"a number into an image", clock->out, defaults->image},
+      {"nothing", nullptr, adder->b},
+  };
+  doc().StartUndo("Links");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Output* before = c.to->Link();
+    HostError err;
+    EXPECT_FALSE(doc().Connect(c.from, c.to, &err));
+    EXPECT_FALSE(err.message.empty());
+    EXPECT_EQ(c.to->Link(), before);
+  }
+  doc().EndUndo(1);
+  EXPECT_EQ(doc().UndoName(), "") << "refused links recorded an undo step";
+  EXPECT_TRUE(RenderNumber(doc(), last->out, 2.0).has_value());
+}
+
+// --- undo ---
+
+std::map<const Input*, InputState> Snapshot(const CPipelineDoc& doc) {
+  std::map<const Input*, InputState> s;
+  for (Operator* op : doc.Tools())
+    for (const auto& in : op->Inputs()) s[in.get()] = in->State();
+  return s;
+}
+
+::testing::AssertionResult SameStates(const std::map<const Input*, InputState>& want, const CPipelineDoc& doc) {
+  for (Operator* op : doc.Tools())
+    for (const auto& in : op->Inputs()) {
+      auto it = want.find(in.get());
+      if (it == want.end()) return ::testing::AssertionFailure() << "new input " << in->Name();
+      const InputState& a = it->second;
+      const InputState& b = in->State();
+      const std::string where = op->Name() + "." + in->Name();
+      if (bool(a.constant) != bool(b.constant) || (a.constant && !a.constant->Equals(*b.constant)))
+        return ::testing::AssertionFailure() << where << ": constant differs";
+      if ((a.animation == nullptr) != (b.animation == nullptr) || (a.animation && !(*a.animation == *b.animation)))
+        return ::testing::AssertionFailure() << where << ": animation differs";
+      if (a.link != b.link) return ::testing::AssertionFailure() << where << ": link differs";
+      if (a.modifier.get() != b.modifier.get() || a.modifier_output != b.modifier_output)
+        return ::testing::AssertionFailure() << where << ": modifier differs";
+    }
+  return ::testing::AssertionSuccess();
+}
+
+TEST_F(RenderTest, ANamedStepUndoesAndRedoesEveryChangeExactly) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Adder* adder = Make<Adder>(doc(), "TestAdder");
+  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
+  Shape* shape = Make<Shape>(doc(), "TestShape");
+  ASSERT_TRUE(clock && adder && defaults && shape);
+  adder->b->SetValue(new Number(1));
+  shape->SetNodes({1.0, 2.0});
+  ASSERT_EQ(doc().UndoName(), "Edit Shape");
+  const auto before = Snapshot(doc());
+  ASSERT_EQ(RenderNumber(doc(), shape->out, 2.0), 3.0);
+  ASSERT_EQ(RenderNumber(doc(), adder->out, 2.0), 1.0);
+
+  doc().StartUndo("Change Values");
+  defaults->strength->SetValue(new Number(6));
+  defaults->center->SetValue(new Point(0.3f, 0.7f));
+  defaults->label->SetValue(new Text("changed"));
+  defaults->count->SetAnimation(Keys(Spline::Bezier, {{0, 1}, {4, 9}}));
+  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  adder->b->SetValue(new Number(5));
+  adder->b->SetValue(new Number(9));
+  shape->gain->SetValue(new Number(2));
+  shape->SetNodes({10.0, 20.0, 30.0});
+  doc().EndUndo(1);
+
+  EXPECT_EQ(doc().UndoName(), "Change Values");
+  EXPECT_EQ(doc().RedoName(), "");
+  const auto after = Snapshot(doc());
+  EXPECT_EQ(RenderNumber(doc(), shape->out, 2.0), 120.0);
+  EXPECT_EQ(RenderNumber(doc(), adder->out, 2.0), 11.0);
+
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    ASSERT_TRUE(doc().Undo());
+    EXPECT_TRUE(SameStates(before, doc()));
+    EXPECT_EQ(shape->nodes, (std::vector<double>{1.0, 2.0}));
+    EXPECT_EQ(RenderNumber(doc(), shape->out, 2.0), 3.0) << "a result from before the undo was kept";
+    EXPECT_EQ(RenderNumber(doc(), adder->out, 2.0), 1.0);
+    EXPECT_EQ(doc().UndoName(), "Edit Shape");
+    EXPECT_EQ(doc().RedoName(), "Change Values");
+
+    ASSERT_TRUE(doc().Redo());
+    EXPECT_TRUE(SameStates(after, doc()));
+    EXPECT_EQ(shape->nodes, (std::vector<double>{10.0, 20.0, 30.0}));
+    EXPECT_EQ(RenderNumber(doc(), shape->out, 2.0), 120.0);
+    EXPECT_EQ(RenderNumber(doc(), adder->out, 2.0), 11.0);
+    EXPECT_EQ(doc().UndoName(), "Change Values");
+    EXPECT_EQ(doc().RedoName(), "");
+  }
+
+  // A new step after an undo ends the redo history.
+  ASSERT_TRUE(doc().Undo());
+  doc().StartUndo("Other");
+  defaults->strength->SetValue(new Number(1));
+  doc().EndUndo(1);
+  EXPECT_EQ(doc().RedoName(), "");
+  EXPECT_FALSE(doc().Redo());
+}
+
+TEST_F(RenderTest, AStepClosedWithoutKeepingIsDropped) {
+  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
+  doc().StartUndo("First");
+  defaults->strength->SetValue(new Number(3));
+  doc().EndUndo(1);
+  doc().StartUndo("Scratch");
+  defaults->strength->SetValue(new Number(4));
+  defaults->count->SetValue(new Number(8));
+  doc().EndUndo(0);
+  EXPECT_EQ(CurrentNumber(defaults->strength), 4.0) << "a dropped step keeps its changes";
+  EXPECT_EQ(doc().UndoName(), "First");
+  ASSERT_TRUE(doc().Undo());
+  EXPECT_EQ(CurrentNumber(defaults->strength), 2.5);
+  EXPECT_EQ(CurrentNumber(defaults->count), 8.0) << "the dropped change was undone with another step";
+  EXPECT_FALSE(doc().Undo());
+}
+
+TEST_F(RenderTest, NestedStepsFormOneStepNamedByTheOutermost) {
+  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
+  Shape* shape = Make<Shape>(doc(), "TestShape");
+  doc().StartUndo("Outer");
+  defaults->strength->SetValue(new Number(5));
+  doc().StartUndo("Inner");
+  defaults->count->SetValue(new Number(2));
+  doc().EndUndo(1);
+  EXPECT_TRUE(doc().InUndoStep());
+  EXPECT_FALSE(doc().Undo()) << "undo ran inside an open step";
+  shape->SetNodes({4.0});  // the tool's own step, nested
+  defaults->label->SetValue(new Text("nested"));
+  doc().EndUndo(1);
+  EXPECT_FALSE(doc().InUndoStep());
+  EXPECT_EQ(doc().UndoName(), "Outer");
+
+  ASSERT_TRUE(doc().Undo());
+  EXPECT_EQ(CurrentNumber(defaults->strength), 2.5);
+  EXPECT_EQ(CurrentNumber(defaults->count), 0.0);
+  EXPECT_TRUE(shape->nodes.empty());
+  Ref<Parameter> label = Ref<Parameter>::Adopt(defaults->label->CurrentValue());
+  EXPECT_TRUE(label->Equals(Text("")));
+  EXPECT_FALSE(doc().Undo()) << "the nested steps were kept separately";
+}
+
+// --- modifiers ---
+
+TEST_F(RenderTest, AModifierTakesOverAnInputFromItsCurrentValue) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Adder* adder = Make<Adder>(doc(), "TestAdder");
+  Spread* spread = Make<Spread>(doc(), "TestSpread");
+  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+  adder->b->SetValue(new Number(3));
+  doc().current_time = 6.0;
+  ASSERT_EQ(RenderNumber(doc(), adder->out, 4.0), 7.0);
+
+  HostError err;
+  auto* ramp = dynamic_cast<Ramp*>(doc().AddModifier(adder->b, "TestRamp", &err));
+  ASSERT_NE(ramp, nullptr) << err.message;
+  EXPECT_EQ(ramp->Document(), &doc());
+  EXPECT_EQ(ramp->sources_set, 1);
+  EXPECT_EQ(ramp->source_value, 3.0) << "SetSource gets the input's current value";
+  EXPECT_EQ(ramp->source_time, 6.0);
+  EXPECT_EQ(ramp->source_output, ramp->out);
+  EXPECT_EQ(adder->b->Source(), ValueSource::Modifier);
+  EXPECT_EQ(adder->b->Modifier(), ramp);
+  EXPECT_EQ(adder->b->ModifierOutput(), ramp->out);
+
+  EXPECT_EQ(RenderNumber(doc(), adder->out, 4.0, &err), 4.0 + 3.0) << err.message;
+  ramp->rate->SetValue(new Number(2));
+  EXPECT_EQ(RenderNumber(doc(), adder->out, 4.0, &err), 4.0 + 3.0 + 2 * 4.0) << "the modifier's change was not seen";
+  EXPECT_EQ(RenderNumber(doc(), spread->out, 4.0, &err), (3.0 + 3 + 6) + (5.0 + 3 + 10));
+
+  // A modifier feeds its input's tool as a link does: no loops through it.
+  EXPECT_FALSE(doc().Connect(spread->out, ramp->start));
+}
+
+TEST_F(RenderTest, AddingAModifierThatCannotDriveTheInputChangesNothing) {
+  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
+  const size_t tools = doc().Tools().size();
+  const struct {
+    const char* what;
+    Input* in;
+    const char* class_name;
+  } cases[] = {
+      {"not a modifier", defaults->strength, "TestAdder"},
+      {"no such class", defaults->strength, "NoSuchModifier"},
+      {"no output of the input's type", defaults->center, "TestRamp"},
+  };
+  for (const auto& c : cases) {
+    HostError err;
+    EXPECT_EQ(doc().AddModifier(c.in, c.class_name, &err), nullptr) << c.what;
+    EXPECT_FALSE(err.message.empty()) << c.what;
+    EXPECT_EQ(c.in->Source(), ValueSource::Constant) << c.what;
+    EXPECT_EQ(doc().Tools().size(), tools) << c.what << ": a tool was left behind";
+  }
+  EXPECT_EQ(Ramp::alive, 0);
+}
+
+TEST_F(RenderTest, RemovingAModifiedToolTakesItsModifiersWithIt) {
+  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Adder* adder = Make<Adder>(doc(), "TestAdder");
+  Spread* spread = Make<Spread>(doc(), "TestSpread");
+  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+  Operator* on_a = doc().AddModifier(adder->b, "TestRamp");
+  Operator* on_clock = doc().AddModifier(clock->scale, "TestRamp");
+  ASSERT_TRUE(on_a && on_clock);
+  ASSERT_EQ(Ramp::alive, 2);
+  ASSERT_TRUE(RenderNumber(doc(), spread->out, 2.0).has_value());
+
+  doc().RemoveTool(adder);
+  const std::vector<Operator*> left = doc().Tools();
+  EXPECT_EQ(left, (std::vector<Operator*>{clock, spread, on_clock}));
+  EXPECT_EQ(Ramp::alive, 1) << "the removed tool's modifier lives on";
+  EXPECT_EQ(spread->value->Link(), nullptr);
+  EXPECT_TRUE(clock->out->Targets().empty());
+  EXPECT_EQ(RenderNumber(doc(), spread->out, 2.0), 0.0) << "a stale result of the removed tool was used";
+
+  // Removing a modifier itself gives its input back its own value.
+  doc().RemoveTool(on_clock);
+  EXPECT_EQ(Ramp::alive, 0);
+  EXPECT_EQ(clock->scale->Source(), ValueSource::Constant);
+  EXPECT_EQ(RenderNumber(doc(), clock->out, 2.0), 2.0);
+}
+
+}  // namespace
+}  // namespace kestrion
