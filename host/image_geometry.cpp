@@ -1,0 +1,295 @@
+// Host image operations that resample or filter: the samplers, resizing and the blurs.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/image.h"
+#include "host/image_internal.h"
+
+namespace kestrion {
+
+namespace {
+
+// --- Samplers ---
+
+// Pixel (i, j) as a word, a mask's value in all four bytes; outside the image 0, or with
+// kClamp the nearest edge pixel.
+template <bool kClamp>
+inline uint32_t WordAt(const Image& img, long i, long j) {
+  if constexpr (kClamp) {
+    i = std::clamp(i, 0L, long(img.Width()) - 1);
+    j = std::clamp(j, 0L, long(img.Height()) - 1);
+  } else if (i < 0 || j < 0 || i >= img.Width() || j >= img.Height()) {
+    return 0;
+  }
+  return img.Depth() == 8 ? uint32_t(img.MaskRow(int(j))[i]) * 0x01010101u : img.Row(int(j))[i];
+}
+
+template <bool kClamp>
+void Sample(const Image& img, Pixel* out, long x, long y, long quality) {
+  if (img.Width() == 0 || img.Height() == 0) {
+    *out = Pixel{};
+    return;
+  }
+  if (quality == 0) {
+    *out = Pixel::FromWord(WordAt<kClamp>(img, (x + 128) >> 8, (y + 128) >> 8));
+    return;
+  }
+  const long i = x >> 8, j = y >> 8;
+  const uint32_t fx = uint32_t(x & 255), fy = uint32_t(y & 255);
+  uint32_t p00, p10, p01, p11;
+  if (img.Depth() == 32 && i >= 0 && j >= 0 && i < img.Width() - 1 && j < img.Height() - 1) {
+    const uint32_t* top = img.Row(int(j)) + i;
+    const uint32_t* bottom = img.Row(int(j + 1)) + i;
+    p00 = top[0];
+    p10 = top[1];
+    p01 = bottom[0];
+    p11 = bottom[1];
+  } else {
+    p00 = WordAt<kClamp>(img, i, j);
+    p10 = WordAt<kClamp>(img, i + 1, j);
+    p01 = WordAt<kClamp>(img, i, j + 1);
+    p11 = WordAt<kClamp>(img, i + 1, j + 1);
+  }
+  uint32_t word = 0;
+  for (int shift = 0; shift < 32; shift += 8) {
+    const uint32_t top = ((p00 >> shift) & 255) * (256 - fx) + ((p10 >> shift) & 255) * fx;
+    const uint32_t bottom = ((p01 >> shift) & 255) * (256 - fx) + ((p11 >> shift) & 255) * fx;
+    word |= ((top * (256 - fy) + bottom * fy + 32768) >> 16) << shift;
+  }
+  *out = Pixel::FromWord(word);
+}
+
+// --- Resampling ---
+
+// The source positions and 14-bit weights (summing to 16384) of every destination position
+// along one axis; `count` taps each, unused ones weighing 0.
+struct Taps {
+  int count = 0;
+  std::vector<int> index;
+  std::vector<uint32_t> weight;
+};
+
+// Area average (box): destination pixel o covers source [o s, (o + 1) s), s = src / dst, and
+// each source pixel weighs by the length it shares. Triangle: centred at (o + 0.5) s - 0.5,
+// radius max(s, 1), source positions past the edges taken by the edge pixel.
+Taps MakeTaps(int src, int dst, bool triangle) {
+  const double s = double(src) / double(dst);
+  const double radius = std::max(s, 1.0);
+  std::vector<std::vector<std::pair<int, double>>> all(static_cast<size_t>(dst));
+  Taps t;
+  for (int o = 0; o < dst; ++o) {
+    auto& taps = all[size_t(o)];
+    if (triangle) {
+      const double c = (o + 0.5) * s - 0.5;
+      for (long k = long(std::ceil(c - radius)); k <= long(std::floor(c + radius)); ++k) {
+        const double w = 1.0 - std::abs(double(k) - c) / radius;
+        if (w > 0.0) taps.push_back({int(std::clamp(k, 0L, long(src) - 1)), w});
+      }
+    } else {
+      const double lo = o * s, hi = (o + 1) * s;
+      for (int k = int(lo); k < src && k < hi; ++k) {
+        const double w = std::min(hi, k + 1.0) - std::max(lo, double(k));
+        if (w > 0.0) taps.push_back({k, w});
+      }
+    }
+    t.count = std::max(t.count, int(taps.size()));
+  }
+  t.index.assign(size_t(dst) * size_t(t.count), 0);
+  t.weight.assign(size_t(dst) * size_t(t.count), 0);
+  for (int o = 0; o < dst; ++o) {
+    const auto& taps = all[size_t(o)];
+    double sum = 0.0;
+    for (const auto& tap : taps) sum += tap.second;
+    int total = 0;
+    size_t largest = 0;
+    for (size_t k = 0; k < taps.size(); ++k) {
+      const size_t at = size_t(o) * size_t(t.count) + k;
+      t.index[at] = taps[k].first;
+      t.weight[at] = uint32_t(std::lround(taps[k].second / sum * 16384.0));
+      total += int(t.weight[at]);
+      if (taps[k].second > taps[largest].second) largest = k;
+    }
+    // Rounding leftovers go to the heaviest tap, so a flat area stays flat.
+    const size_t at = size_t(o) * size_t(t.count) + largest;
+    t.weight[at] = uint32_t(int(t.weight[at]) + 16384 - total);
+  }
+  return t;
+}
+
+// Vertical pass into a row of 16-bit values (bytes x 256), then horizontal pass to bytes.
+void Resample(const Image& src, Image& dst, bool triangle) {
+  image_internal::RequireSameDepth(src, dst);
+  const int channels = int(src.BytesPerPixel());
+  const size_t dst_row_bytes = size_t(dst.Width()) * size_t(channels);
+  if (src.Width() == 0 || src.Height() == 0) {
+    for (int y = 0; y < dst.Height(); ++y) std::memset(dst.RowTable()[y], 0, dst_row_bytes);
+    return;
+  }
+  if (dst.Width() == 0 || dst.Height() == 0) return;
+  const Taps tx = MakeTaps(src.Width(), dst.Width(), triangle);
+  const Taps ty = MakeTaps(src.Height(), dst.Height(), triangle);
+  const size_t line = size_t(src.Width()) * size_t(channels);
+  std::vector<uint32_t> sum(line);
+  std::vector<uint32_t> mid(line);
+  for (int oy = 0; oy < dst.Height(); ++oy) {
+    std::fill(sum.begin(), sum.end(), 0u);
+    for (int k = 0; k < ty.count; ++k) {
+      const size_t at = size_t(oy) * size_t(ty.count) + size_t(k);
+      const uint32_t w = ty.weight[at];
+      if (w == 0) continue;
+      const auto* row = static_cast<const uint8_t*>(src.RowTable()[ty.index[at]]);
+      for (size_t i = 0; i < line; ++i) sum[i] += w * row[i];
+    }
+    for (size_t i = 0; i < line; ++i) mid[i] = (sum[i] + 32) >> 6;
+    auto* out = static_cast<uint8_t*>(dst.RowTable()[oy]);
+    for (int ox = 0; ox < dst.Width(); ++ox) {
+      const int* index = &tx.index[size_t(ox) * size_t(tx.count)];
+      const uint32_t* weight = &tx.weight[size_t(ox) * size_t(tx.count)];
+      for (int c = 0; c < channels; ++c) {
+        uint32_t acc = 0;
+        for (int k = 0; k < tx.count; ++k) acc += weight[k] * mid[size_t(index[k]) * size_t(channels) + size_t(c)];
+        out[size_t(ox) * size_t(channels) + size_t(c)] = uint8_t((acc + (1u << 21)) >> 22);
+      }
+    }
+  }
+}
+
+// --- Blurs ---
+
+__extension__ typedef unsigned __int128 Wide;
+
+// Division by a fixed divisor as a multiply and a shift, exact for every x below 2^63.
+class Reciprocal {
+ public:
+  explicit Reciprocal(uint64_t d) {
+    int bits = 0;
+    while ((uint64_t(1) << bits) < d) ++bits;
+    shift_ = 63 + bits;
+    m_ = uint64_t((Wide(1) << shift_) / d) + 1;
+  }
+  uint64_t Divide(uint64_t x) const { return uint64_t((Wide(x) * m_) >> shift_); }
+
+ private:
+  uint64_t m_;
+  int shift_;
+};
+
+constexpr long kMaxBlurRadius = 65535;
+
+// The window sums along one direction of n positions, `lanes` values per position:
+// at(k) gives the lanes at position k (0 <= k < n), emit(k, sums) takes the sums at k.
+// Box: the 2r + 1 positions around k alike. Triangle: offset d weighs r + 1 - |d|; moving on
+// adds the r + 1 positions ahead and drops the r + 1 behind. Positions past the ends repeat
+// the end.
+template <bool kTriangle, class At, class Emit>
+void WindowSums(int n, long r, size_t lanes, At at, Emit emit) {
+  const auto held = [n, &at](long k) { return at(int(std::clamp(k, 0L, long(n) - 1))); };
+  std::vector<uint64_t> sum(lanes, 0), ahead(lanes, 0), behind(lanes, 0);
+  for (long d = -r; d <= r; ++d) {
+    const auto* p = held(d);
+    const uint64_t w = kTriangle ? uint64_t(r + 1 - std::abs(d)) : 1;
+    for (size_t l = 0; l < lanes; ++l) sum[l] += w * p[l];
+    if (kTriangle && d <= 0)
+      for (size_t l = 0; l < lanes; ++l) behind[l] += p[l];
+  }
+  if (kTriangle) {
+    for (long k = 1; k <= r + 1; ++k) {
+      const auto* p = held(k);
+      for (size_t l = 0; l < lanes; ++l) ahead[l] += p[l];
+    }
+  }
+  for (int k = 0;; ++k) {
+    emit(k, sum.data());
+    if (k + 1 == n) break;
+    if constexpr (kTriangle) {
+      const auto* enter = held(k + 2 + r);
+      const auto* next = held(k + 1);
+      const auto* leave = held(k - r);
+      for (size_t l = 0; l < lanes; ++l) {
+        sum[l] = sum[l] + ahead[l] - behind[l];
+        ahead[l] = ahead[l] + enter[l] - next[l];
+        behind[l] = behind[l] + next[l] - leave[l];
+      }
+    } else {
+      const auto* enter = held(k + 1 + r);
+      const auto* leave = held(k - r);
+      for (size_t l = 0; l < lanes; ++l) sum[l] = sum[l] + enter[l] - leave[l];
+    }
+  }
+}
+
+// Horizontal pass into 16-bit values (bytes x 256, rounded), vertical pass back to bytes
+// (rounded), written only to the chosen channels.
+template <bool kTriangle>
+void BlurImage(Image& img, const bool (&on)[4], long x_radius, long y_radius) {
+  const int channels = int(img.BytesPerPixel());
+  // A mask's one channel follows the alpha switch.
+  bool write[4];
+  for (int c = 0; c < channels; ++c) write[c] = channels == 1 ? on[3] : on[c];
+  if (std::none_of(write, write + channels, [](bool b) { return b; })) return;
+  const int w = img.Width(), h = img.Height();
+  if (w == 0 || h == 0) return;
+  const long rx = std::clamp(x_radius, 0L, kMaxBlurRadius), ry = std::clamp(y_radius, 0L, kMaxBlurRadius);
+  const uint64_t nx = kTriangle ? uint64_t(rx + 1) * uint64_t(rx + 1) : uint64_t(2 * rx + 1);
+  const uint64_t ny = kTriangle ? uint64_t(ry + 1) * uint64_t(ry + 1) : uint64_t(2 * ry + 1);
+  const Reciprocal across(2 * nx), down(512 * ny);
+  const size_t line = size_t(w) * size_t(channels);
+  std::vector<uint16_t> plane(line * size_t(h));
+  for (int y = 0; y < h; ++y) {
+    const auto* row = static_cast<const uint8_t*>(img.RowTable()[y]);
+    uint16_t* out = &plane[line * size_t(y)];
+    WindowSums<kTriangle>(
+        w, rx, size_t(channels), [&](int k) { return row + size_t(k) * size_t(channels); },
+        [&](int k, const uint64_t* s) {
+          for (int c = 0; c < channels; ++c)
+            out[size_t(k) * size_t(channels) + size_t(c)] = uint16_t(across.Divide(512 * s[c] + nx));
+        });
+  }
+  WindowSums<kTriangle>(
+      h, ry, line, [&](int k) { return &plane[line * size_t(k)]; },
+      [&](int k, const uint64_t* s) {
+        auto* row = static_cast<uint8_t*>(img.RowTable()[k]);
+        for (size_t i = 0; i < line; ++i)
+          if (write[i & size_t(channels - 1)]) row[i] = uint8_t(down.Divide(2 * s[i] + 256 * ny));
+      });
+}
+
+}  // namespace
+
+Image* Image::ResizeOfImage(Request* req, int width, int height, int quality) const {
+  Image* out = NewImage(req, width, height, depth_, nullptr);
+  out->CopyAttributesFrom(*this);
+  Resample(*this, *out, quality != 0);
+  return out;
+}
+
+Image* Image::ScaleOfImage(Request* req, int factor) const {
+  if (factor < 1) throw ImageSizeError("scale factor " + std::to_string(factor) + " is below 1");
+  Image* out = NewImage(req, std::max(1, width_ / factor), std::max(1, height_ / factor), depth_, nullptr);
+  out->CopyAttributesFrom(*this);
+  Resample(*this, *out, false);
+  return out;
+}
+
+void Image::ImageResize(Image* dst) const { Resample(*this, *dst, true); }
+
+void Image::Blur(long red, long green, long blue, long alpha, long x_radius, long y_radius) {
+  const bool on[4] = {blue != 0, green != 0, red != 0, alpha != 0};
+  BlurImage<false>(*this, on, x_radius, y_radius);
+}
+
+void Image::Bartlet(long red, long green, long blue, long alpha, long x_radius, long y_radius) {
+  const bool on[4] = {blue != 0, green != 0, red != 0, alpha != 0};
+  BlurImage<true>(*this, on, x_radius, y_radius);
+}
+
+void Image::DoSample_Black(Pixel* out, long x, long y, long quality) const { Sample<false>(*this, out, x, y, quality); }
+
+void Image::DoSample_Clamp(Pixel* out, long x, long y, long quality) const { Sample<true>(*this, out, x, y, quality); }
+
+}  // namespace kestrion

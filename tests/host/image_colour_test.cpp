@@ -1,0 +1,289 @@
+// Colour conversions: hand-worked pixels, round trips over the whole RGB cube, and the HLS
+// conversions compared bit for bit with the double-precision formulas they are defined by.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include "host/image.h"
+#include "tests/host/image_fixtures.h"
+
+namespace kestrion {
+namespace {
+
+using test::Bgra;
+using test::MakeFrame;
+using test::MakeMask;
+using test::Rows;
+using test::Words;
+using Vec = std::vector<uint32_t>;
+
+enum class Op { RGBtoYUV, YUVtoRGB, RGBtoHLS, HLStoRGB, RGBtoGUV, ColourDifference };
+
+void Apply(Image& img, Op op) {
+  switch (op) {
+    case Op::RGBtoYUV: img.RGBtoYUV(); break;
+    case Op::YUVtoRGB: img.YUVtoRGB(); break;
+    case Op::RGBtoHLS: img.RGBtoHLS(); break;
+    case Op::HLStoRGB: img.HLStoRGB(); break;
+    case Op::RGBtoGUV: img.RGBtoGUV(); break;
+    case Op::ColourDifference: img.ColourDifference(); break;
+  }
+}
+
+// A pixel by its red, green and blue bytes (the order the spaces are written in), alpha 0x5A.
+struct Rgb {
+  uint32_t r, g, b;
+  uint32_t Word(uint32_t a = 0x5A) const { return Bgra(b, g, r, a); }
+};
+
+struct ConversionCase {
+  const char* what;
+  Op op;
+  Rgb in, out;
+  uint32_t alpha_out = 0x5A;
+};
+
+// clang-format off
+const ConversionCase kConversions[] = {
+  // YUV: Y = 0.299 R + 0.587 G + 0.114 B, U = 128 - 0.168736 R - 0.331264 G + 0.5 B,
+  // V = 128 + 0.5 R - 0.418688 G - 0.081312 B.
+  {"white to YUV",       Op::RGBtoYUV, {255, 255, 255}, {255, 128, 128}},
+  {"black to YUV",       Op::RGBtoYUV, {0, 0, 0},       {0, 128, 128}},
+  // 76.245, 84.97, 255.5 held to 255.
+  {"red to YUV",         Op::RGBtoYUV, {255, 0, 0},     {76, 85, 255}},
+  // 149.685, 43.53, 21.23.
+  {"green to YUV",       Op::RGBtoYUV, {0, 255, 0},     {150, 44, 21}},
+  // Y = 0.114 * 250 = 28.5 exactly: half away from zero.
+  {"Y on a tie",         Op::RGBtoYUV, {0, 0, 250},     {29, 253, 108}},
+  // R = 76 + 1.402 * 127 = 254.05; G = 76 + 14.80 - 90.70 = 0.10; B = 76 - 76.196 < 0.
+  {"red back",           Op::YUVtoRGB, {76, 85, 255},   {254, 0, 0}},
+  // B = 1.772 * 125 = 221.5 exactly; G = -43.02 held to 0.
+  {"B on a tie",         Op::YUVtoRGB, {0, 253, 128},   {0, 0, 222}},
+  // HLS: H, L, S in the red, green and blue bytes.
+  {"red to HLS",         Op::RGBtoHLS, {255, 0, 0},     {0, 128, 255}},
+  {"green to HLS",       Op::RGBtoHLS, {0, 255, 0},     {85, 128, 255}},
+  {"blue to HLS",        Op::RGBtoHLS, {0, 0, 255},     {170, 128, 255}},
+  {"dark red to HLS",    Op::RGBtoHLS, {128, 0, 0},     {0, 64, 255}},
+  {"grey to HLS",        Op::RGBtoHLS, {100, 100, 100}, {0, 100, 0}},
+  // l = 128/255 > 0.5: m2 = l + s - l s = 1, m1 = 2 l - 1 = 1/255.
+  {"red back from HLS",  Op::HLStoRGB, {0, 128, 255},   {255, 1, 1}},
+  // l = 127/255: m2 = 2 l = 254/255, m1 = 0.
+  {"darker red back",    Op::HLStoRGB, {0, 127, 255},   {254, 0, 0}},
+  // Hue 1/3: red at t = 2/3 (m1), green on the plateau (m2), blue at t = 0 (m1).
+  {"green back",         Op::HLStoRGB, {85, 128, 255},  {1, 255, 1}},
+  {"no saturation",      Op::HLStoRGB, {200, 77, 0},    {77, 77, 77}},
+  // Green difference: G, (B - G + 256) >> 1, (R - G + 256) >> 1.
+  {"GUV",                Op::RGBtoGUV, {200, 100, 50},  {100, 103, 178}},
+  {"GUV extremes",       Op::RGBtoGUV, {0, 255, 0},     {255, 0, 0}},
+  {"GUV other extreme",  Op::RGBtoGUV, {255, 0, 255},   {0, 255, 255}},
+  // Y = 76; 179 * 40000 / 65536 = 109.25; -76 * 50000 / 65536 = -57.98 and
+  // -76 * 30000 / 65536 = -34.79 round toward zero.
+  {"colour difference",  Op::ColourDifference, {255, 0, 0}, {237, 71, 94}, 76},
+  // Y = (19595 * 10 + 38470 * 200 + 7471 * 30) >> 16 = 123: 40000 * -113, 50000 * 77,
+  // 30000 * -93 over 65536 give -68.97, 58.75, -42.57.
+  {"colour difference 2", Op::ColourDifference, {10, 200, 30}, {60, 186, 86}, 123},
+};
+// clang-format on
+
+class ColourTest : public ::testing::TestWithParam<Rows> {};
+
+TEST_P(ColourTest, HandWorkedPixels) {
+  for (const ConversionCase& c : kConversions) {
+    auto img = MakeFrame(1, 1, GetParam(), {c.in.Word()});
+    Apply(*img.get(), c.op);
+    EXPECT_EQ(Words(*img.get())[0], c.out.Word(c.alpha_out)) << c.what;
+  }
+}
+
+TEST_P(ColourTest, MasksHaveNoColour) {
+  for (Op op : {Op::RGBtoYUV, Op::YUVtoRGB, Op::RGBtoHLS, Op::HLStoRGB, Op::RGBtoGUV, Op::ColourDifference}) {
+    auto mask = MakeMask(2, 1, GetParam(), {7, 200});
+    Apply(*mask.get(), op);
+    EXPECT_EQ(test::MaskValues(*mask.get()), (std::vector<uint8_t>{7, 200}));
+  }
+  auto mask = MakeMask(1, 1, GetParam(), {9});
+  mask->Saturate(0.0f, 0.0f, 0.0f);
+  EXPECT_EQ(test::MaskValues(*mask.get())[0], 9);
+}
+
+struct SaturateCase {
+  float r, g, b;
+  Rgb in, out;
+};
+
+// clang-format off
+const SaturateCase kSaturations[] = {
+  // Y = (19595 * 200 + 38470 * 100 + 7471 * 50) >> 16 = 124.
+  {0.0f, 0.0f, 0.0f, {200, 100, 50}, {124, 124, 124}},
+  {2.0f, 2.0f, 2.0f, {200, 100, 50}, {255, 76, 0}},
+  {1.0f, 1.0f, 1.0f, {200, 100, 50}, {200, 100, 50}},
+  // Y = 124 again; 124 + 77 / 2 = 162.5 and 124 - 73 / 2 = 87.5 both round up (half away
+  // from zero on positive values), 124 - 24 / 2 = 112.
+  {0.5f, 0.5f, 0.5f, {201, 100, 51}, {163, 112, 88}},
+  // One factor per channel, in the order red, green, blue.
+  {0.0f, 1.0f, 2.0f, {200, 100, 50}, {124, 100, 0}},
+};
+// clang-format on
+
+TEST_P(ColourTest, SaturateTable) {
+  for (const SaturateCase& c : kSaturations) {
+    auto img = MakeFrame(1, 1, GetParam(), {c.in.Word()});
+    img->Saturate(c.r, c.g, c.b);
+    EXPECT_EQ(Words(*img.get())[0], c.out.Word()) << c.r << " " << c.g << " " << c.b;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ColourTest, ::testing::Values(Rows::Owned, Rows::TopDown, Rows::BottomUp),
+                         [](const auto& info) { return test::RowsName(info.param); });
+
+// --- Over the whole cube, one 256 x 256 slice per first byte ---
+
+// Every pixel of a slice: x runs through the blue byte, y through green, red is the slice.
+Vec Slice(uint32_t red) {
+  Vec words;
+  for (uint32_t g = 0; g < 256; ++g)
+    for (uint32_t b = 0; b < 256; ++b) words.push_back(Bgra(b, g, red, 0xA5));
+  return words;
+}
+
+uint8_t Byte(uint32_t word, int index) { return uint8_t(word >> (8 * index)); }
+
+// The HLS formulas in double precision, each result byte the value * 255 rounded half away
+// from zero.
+double Round255(double v) { return std::clamp(std::floor(v * 255.0 + 0.5), 0.0, 255.0); }
+
+uint32_t HlsByDoubles(uint32_t word) {
+  const double r = Byte(word, 2) / 255.0, g = Byte(word, 1) / 255.0, b = Byte(word, 0) / 255.0;
+  const double mx = std::max({r, g, b}), mn = std::min({r, g, b});
+  const double l = (mx + mn) / 2.0;
+  double h = 0.0, s = 0.0;
+  if (mx != mn) {
+    s = l <= 0.5 ? (mx - mn) / (mx + mn) : (mx - mn) / (2.0 - mx - mn);
+    const double rc = (mx - r) / (mx - mn), gc = (mx - g) / (mx - mn), bc = (mx - b) / (mx - mn);
+    if (r == mx)
+      h = bc - gc;
+    else if (g == mx)
+      h = 2.0 + rc - bc;
+    else
+      h = 4.0 + gc - rc;
+    h = h / 6.0;
+    h = h - std::floor(h);
+  }
+  return Bgra(uint32_t(Round255(s)), uint32_t(Round255(l)), uint32_t(Round255(h)), word >> 24);
+}
+
+double HlsValue(double m1, double m2, double t) {
+  t = t - std::floor(t);
+  if (t < 1.0 / 6.0) return m1 + (m2 - m1) * 6.0 * t;
+  if (t < 0.5) return m2;
+  if (t < 2.0 / 3.0) return m1 + (m2 - m1) * (2.0 / 3.0 - t) * 6.0;
+  return m1;
+}
+
+uint32_t RgbOfHlsByDoubles(uint32_t word) {
+  const double h = Byte(word, 2) / 255.0, l = Byte(word, 1) / 255.0, s = Byte(word, 0) / 255.0;
+  double r = l, g = l, b = l;
+  if (s != 0.0) {
+    const double m2 = l <= 0.5 ? l * (1.0 + s) : l + s - l * s;
+    const double m1 = 2.0 * l - m2;
+    r = HlsValue(m1, m2, h + 1.0 / 3.0);
+    g = HlsValue(m1, m2, h);
+    b = HlsValue(m1, m2, h - 1.0 / 3.0);
+  }
+  return Bgra(uint32_t(Round255(b)), uint32_t(Round255(g)), uint32_t(Round255(r)), word >> 24);
+}
+
+TEST(ColourCube, HlsMatchesTheDoubleFormulasEverywhere) {
+  for (uint32_t red = 0; red < 256; ++red) {
+    const Vec in = Slice(red);
+    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->RGBtoHLS();
+    const Vec hls = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(hls[i], HlsByDoubles(in[i])) << std::hex << in[i];
+    // The same slice read as H, L, S bytes.
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->HLStoRGB();
+    const Vec rgb = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(rgb[i], RgbOfHlsByDoubles(in[i])) << std::hex << in[i];
+  }
+}
+
+// The largest difference of the three colour bytes.
+int ColourError(uint32_t a, uint32_t b) {
+  int worst = 0;
+  for (int i = 0; i < 3; ++i) worst = std::max(worst, std::abs(int(Byte(a, i)) - int(Byte(b, i))));
+  return worst;
+}
+
+TEST(ColourCube, YuvRoundTripWithinOne) {
+  for (uint32_t red = 0; red < 256; ++red) {
+    const Vec in = Slice(red);
+    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->RGBtoYUV();
+    img->YUVtoRGB();
+    const Vec back = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) {
+      ASSERT_LE(ColourError(in[i], back[i]), 1) << std::hex << in[i] << " came back as " << back[i];
+      ASSERT_EQ(back[i] >> 24, 0xA5u);
+    }
+  }
+}
+
+// HLS keeps the hue in 255 steps a turn. A step moves a colour channel by up to 6 / 255 of
+// the colour's chroma (max - min), so the half step that rounding may lose is worth up to
+// 3 * chroma / 255 of a byte, on top of the one of the byte rounding itself: greys come back
+// exactly, the most colourful pixels within 4.
+int HlsRoundTripAllowance(uint32_t word) {
+  const int chroma = std::max({Byte(word, 0), Byte(word, 1), Byte(word, 2)}) -
+                     std::min({Byte(word, 0), Byte(word, 1), Byte(word, 2)});
+  return 1 + (3 * chroma + 254) / 255;
+}
+
+TEST(ColourCube, HlsRoundTripWithinTheHueStep) {
+  int worst = 0;
+  for (uint32_t red = 0; red < 256; ++red) {
+    const Vec in = Slice(red);
+    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->RGBtoHLS();
+    img->HLStoRGB();
+    const Vec back = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) {
+      const int error = ColourError(in[i], back[i]);
+      worst = std::max(worst, error);
+      ASSERT_LE(error, HlsRoundTripAllowance(in[i])) << std::hex << in[i] << " came back as " << back[i];
+      if (Byte(in[i], 0) == Byte(in[i], 1) && Byte(in[i], 1) == Byte(in[i], 2)) {
+        ASSERT_EQ(back[i], in[i]);
+      }
+      ASSERT_EQ(back[i] >> 24, 0xA5u);
+    }
+  }
+  EXPECT_EQ(worst, 4);
+}
+
+TEST(ColourCube, ColourDifferenceTruncatesTowardZeroEverywhere) {
+  for (uint32_t red = 0; red < 256; ++red) {
+    const Vec in = Slice(red);
+    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->ColourDifference();
+    const Vec out = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) {
+      const int r = Byte(in[i], 2), g = Byte(in[i], 1), b = Byte(in[i], 0);
+      const int y = (19595 * r + 38470 * g + 7471 * b) >> 16;
+      // C++ division truncates toward zero, as the keyers' form asks.
+      const uint32_t expected = Bgra(uint32_t(128 + (b - y) * 30000 / 65536), uint32_t(128 + (g - y) * 50000 / 65536),
+                                     uint32_t(128 + (r - y) * 40000 / 65536), uint32_t(y));
+      ASSERT_EQ(out[i], expected) << std::hex << in[i];
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kestrion

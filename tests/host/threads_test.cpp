@@ -1,0 +1,142 @@
+// DoMultiProcess on 1, 2 and 7 worker threads: every chunk exactly once, the quick slot for
+// quick requests, nothing for zero chunks, and a row loop that stops when the abort flag is set.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/image_model.h"
+#include "host/image.h"
+#include "host/operator.h"
+#include "host/request.h"
+#include "host/threads.h"
+
+namespace kestrion {
+namespace {
+
+// Counts the calls of every chunk in each of the two chunk slots.
+class CountingTool : public ThreadedOperator {
+ public:
+  explicit CountingTool(long chunks)
+      : ThreadedOperator(nullptr, nullptr, nullptr), full(size_t(chunks)), quick(size_t(chunks)) {}
+  uint32_t Process(Request*) override { return 1; }
+  void ProcessChunk(Request* req, long chunk) override { Count(req, full, chunk); }
+  void QuickProcessChunk(Request* req, long chunk) override { Count(req, quick, chunk); }
+
+  std::vector<std::atomic<int>> full, quick;
+  std::atomic<int> wrong_request{0};
+  std::atomic<int> off_caller_thread{0};
+  Request* expected = nullptr;
+  std::thread::id caller = std::this_thread::get_id();
+
+ private:
+  void Count(Request* req, std::vector<std::atomic<int>>& counts, long chunk) {
+    if (req != expected) ++wrong_request;
+    if (std::this_thread::get_id() != caller) ++off_caller_thread;
+    ++counts[size_t(chunk)];
+  }
+};
+
+class DoMultiProcessTest : public ::testing::TestWithParam<int> {
+ protected:
+  void SetUp() override { SetWorkerThreads(GetParam()); }
+  void TearDown() override { SetWorkerThreads(0); }
+};
+
+TEST_P(DoMultiProcessTest, EveryChunkRunsExactlyOnce) {
+  EXPECT_EQ(WorkerThreads(), GetParam());
+  for (long chunks : {1L, 2L, 7L, 1080L, 5000L}) {
+    CountingTool tool(chunks);
+    Request req(&tool, 3.0, 0);
+    tool.expected = &req;
+    tool.DoMultiProcess(&req, chunks);
+    for (long c = 0; c < chunks; ++c) {
+      ASSERT_EQ(tool.full[size_t(c)].load(), 1) << "chunk " << c << " of " << chunks;
+      ASSERT_EQ(tool.quick[size_t(c)].load(), 0) << "chunk " << c << " of " << chunks;
+    }
+    EXPECT_EQ(tool.wrong_request.load(), 0);
+    // One thread runs the chunks inline, on the caller's own thread.
+    if (GetParam() == 1) {
+      EXPECT_EQ(tool.off_caller_thread.load(), 0);
+    }
+  }
+}
+
+TEST_P(DoMultiProcessTest, QuickRequestsRunTheQuickSlot) {
+  CountingTool tool(100);
+  Request req(&tool, 0.0, rflag::Quick | rflag::Proxy);
+  tool.expected = &req;
+  tool.DoMultiProcess(&req, 100);
+  for (size_t c = 0; c < 100; ++c) {
+    ASSERT_EQ(tool.quick[c].load(), 1) << c;
+    ASSERT_EQ(tool.full[c].load(), 0) << c;
+  }
+}
+
+TEST_P(DoMultiProcessTest, NoChunksReturnAtOnce) {
+  CountingTool tool(1);
+  Request req(&tool, 0.0, 0);
+  tool.DoMultiProcess(&req, 0);
+  tool.DoMultiProcess(&req, -3);
+  EXPECT_EQ(tool.full[0].load(), 0);
+}
+
+// Writes one row per chunk through the row loop helper and raises its own abort flag after
+// `stop_after` rows.
+class AbortingTool : public ThreadedOperator {
+ public:
+  AbortingTool(Image* out, int stop_after)
+      : ThreadedOperator(nullptr, nullptr, nullptr), out_(out), stop_after_(stop_after) {}
+  uint32_t Process(Request*) override { return 1; }
+  void ProcessChunk(Request*, long chunk) override {
+    ++calls;
+    frame::ForEachRow(*this, frame::BandRows(out_->Height(), out_->Height(), chunk), [this](int y) {
+      std::fill_n(out_->Row(y), out_->Width(), 0xFFFFFFFFu);
+      if (++written == stop_after_) abort_flag = 1;
+    });
+  }
+  std::atomic<int> calls{0}, written{0};
+
+ private:
+  Image* out_;
+  int stop_after_;
+};
+
+TEST_P(DoMultiProcessTest, AbortStopsTheRowLoopsAndKeepsWhatWasWritten) {
+  Ref<Image> img = Ref<Image>::Adopt(new Image(4, 70));
+  AbortingTool tool(img.get(), 5);
+  Request req(&tool, 0.0, 0);
+  tool.DoMultiProcess(&req, 70);
+  // Every chunk is still called once; each row is whole or untouched.
+  EXPECT_EQ(tool.calls.load(), 70);
+  int rows = 0;
+  for (int y = 0; y < 70; ++y) {
+    const uint32_t first = img->Row(y)[0];
+    ASSERT_TRUE(first == 0 || first == 0xFFFFFFFFu) << y;
+    for (int x = 1; x < 4; ++x) ASSERT_EQ(img->Row(y)[x], first) << y;
+    if (first) ++rows;
+  }
+  EXPECT_EQ(rows, tool.written.load());
+  // Rows that had passed the test before the flag went up may finish, one per other thread.
+  EXPECT_GE(rows, 5);
+  EXPECT_LE(rows, 5 + GetParam() - 1);
+  if (GetParam() == 1) {
+    for (int y = 0; y < 70; ++y) EXPECT_EQ(img->Row(y)[0], y < 5 ? 0xFFFFFFFFu : 0u) << y;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Threads, DoMultiProcessTest, ::testing::Values(1, 2, 7),
+                         [](const auto& info) { return std::to_string(info.param) + "Threads"; });
+
+TEST(WorkerThreads, BelowOneRestoresTheDefault) {
+  SetWorkerThreads(3);
+  EXPECT_EQ(WorkerThreads(), 3);
+  SetWorkerThreads(0);
+  EXPECT_EQ(WorkerThreads(), std::max(1, int(std::thread::hardware_concurrency())));
+}
+
+}  // namespace
+}  // namespace kestrion
