@@ -1,9 +1,11 @@
-// The kestrion command: lists and describes tools (and, as the renderer grows, renders and
-// converts flows). Exit status: 0 done, 1 a permanent failure, 2 a wrong command line.
+// The kestrion command: lists and describes tools, renders flows and converts them between
+// the text and binary forms. Exit status: 0 done, 1 a permanent failure, 2 a wrong command
+// line or flow, 75 a temporary failure, 128 + n stopped by signal n.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "cli/catalogue_commands.h"
+#include "cli/flow_commands.h"
 #include "host/module.h"
 
 int main(int argc, char** argv) {
@@ -20,6 +22,21 @@ int main(int argc, char** argv) {
   describe->add_option("TOOL", tool_name, "Registry or display name of the tool")->required();
   describe->add_flag("--json", describe_json, "Print JSON");
 
+  kestrion::cli::RenderOptions render_options;
+  auto* render = app.add_subcommand("render", "Render every Saver of a flow over a range of frames");
+  render->add_option("FLOW", render_options.flow, "The flow: a .json text flow or a .kfl document")->required();
+  render->add_option("-F,--frames", render_options.frames, "Frames START-END[xSTEP] (default: the flow's range)");
+  render->add_option("--threads", render_options.threads, "Worker threads (default: every core)")->check(CLI::Range(1, 1024));
+  render->add_option("--proxy", render_options.proxy, "Render at 1/N size")->check(CLI::Range(1, 1024));
+  render->add_flag("--quick", render_options.quick, "Quick (draft) quality");
+  render->add_flag("--fields", render_options.fields, "Render each frame as two fields, at n and n + 0.5");
+  render->add_flag("--resume", render_options.resume, "Skip frames whose output files already exist");
+
+  std::string convert_in, convert_out;
+  auto* convert = app.add_subcommand("convert", "Convert a flow between .json and .kfl");
+  convert->add_option("IN", convert_in, "The flow to read")->required();
+  convert->add_option("OUT", convert_out, "The flow to write")->required();
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -34,5 +51,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (tools->parsed()) return kestrion::cli::ListTools(tools_json);
-  return kestrion::cli::DescribeTool(tool_name, describe_json);
+  if (describe->parsed()) return kestrion::cli::DescribeTool(tool_name, describe_json);
+  if (render->parsed()) return kestrion::cli::RenderFlow(render_options);
+  return kestrion::cli::ConvertFlow(convert_in, convert_out);
 }

@@ -5,6 +5,7 @@
 #include "frame/registry.h"
 #include "host/operator.h"
 #include "tools/clip/loader.h"
+#include "tools/clip/saver.h"
 
 namespace kestrion::frame {
 namespace {
@@ -55,14 +56,14 @@ void RegisterCatalogue() {
   Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)});
   Standard<FourCC("Rsze")>(resize, "Resize", ImageTool, {Category("Transform"), Short("Rsz"), Describe("Resizes the frame to a new resolution"), Group(140), ToolNo(0x100001B), MakesFrames()});
   Standard<FourCC("CoCo")>(colour_correct, "ColourCorrect", ImageTool, {Category("Color"), Short("CC"), Describe("Allows changes to channel color curves"), Display("Color Corrector"), Group(222), ToolNo(0x1000014)});
-  Standard<FourCC("PSav")>(preview_saver, "PreviewSaver", PreviewOutput, {Category("Output"), MakesFrames()});
+  Standard<FourCC("PSav")>(preview_saver, "PreviewSaver", PreviewOutput, {Category("Output"), MakesFrames()}, &tools::NewPreviewSaver);
   Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)});
   Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")});
   Standard<FourCC("ChGn")>(char_gen, "CharGen", Creator, {Category("Loader/Creator"), Short("CG"), Describe("Simple Character Generator"), Display("Character Generator"), Group(148), ToolNo(0x1000004), MakesFrames()});
   Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)});
   Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()});
   Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)});
-  RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &PlaceholderFactory<FourCC("Load")>, FourCC("Load"), Creator,
+  RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &tools::NewLoader, FourCC("Load"), Creator,
                 {Category("Loader/Creator"), Short("LD"), Describe("Loads frames from a clip sequence or device"), Group(147), ToolNo(0x1000001), MakesFrames()});
   Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)});
   Standard<FourCC("Tran")>(transform, "Transform", ImageTool, {Category("Transform"), Short("Xf"), Describe("Applies rotation, scaling and mirroring effects"), Group(141), ToolNo(0x100001F)});
@@ -85,7 +86,8 @@ void RegisterCatalogue() {
   Standard<FourCC("CSpc")>(color_space, "ColorSpace", ImageTool, {Category("Color"), Short("CS"), Describe("Converts the color space of an image"), Display("Color Space"), Group(222), ToolNo(0x100001E)});
   Standard<FourCC("dmix")>(dissolve, "Dissolve", ImageTool, {Category("Composite"), Short("DX"), Describe("Dissolves and mixes two image together"), Display("Dissolve"), Group(144), ToolNo(0x1000005)});
   Standard<FourCC("CKey")>(chroma_key, "ChromaKey", ImageTool, {Category("Matte"), Short("CKy"), Describe("Creates a matte from a uniform colored background"), Display("Chroma Keyer"), Group(170), ToolNo(0x1000009)});
-  Standard<FourCC("Save")>(saver, "Saver", Saver, {Category("Output"), Short("SV"), Describe("Saves frames to a clip sequence or device"), Group(146), ToolNo(0x1000002), MakesFrames()});
+  Standard<FourCC("Save")>(saver, "Saver", Saver, {Category("Output"), Short("SV"), Describe("Saves frames to a clip sequence or device"), Group(146), ToolNo(0x1000002), MakesFrames()},
+                              &tools::NewSaver);
   Standard<FourCC("Dfrm")>(deform, "Deform", ImageTool, {Category("Warp"), Short("Dfm"), Describe("Deform refracts one image using another"), ToolNo(0x1000010)});
 }
 // clang-format on

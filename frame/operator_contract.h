@@ -35,3 +35,27 @@ inline uint32_t PassThrough(Request* req, Input* in, Output* out) {
 }
 
 }  // namespace kestrion::frame
+
+namespace kestrion::frame {
+
+// One row of a tool's input table: everything about an input on one line, in panel order.
+struct InputDecl {
+  const char* label;
+  uint32_t type;
+  uint32_t id;
+  TagList tags;
+};
+
+// Declares the inputs of a table in order and keeps each pointer at its row's index.
+template <size_t N>
+void DeclareInputs(Operator* op, const InputDecl (&table)[N], Input* (&inputs)[N]) {
+  for (size_t i = 0; i < N; ++i) inputs[i] = op->AddInput(table[i].label, table[i].type, table[i].id, table[i].tags);
+}
+
+// The value of a Number input for the request (0 when there is none).
+inline double NumberInput(Request* req, Input* in, int slot = 0) {
+  auto* n = dynamic_cast<Number*>(req->GetInputData(in, slot));
+  return n ? n->value : 0.0;
+}
+
+}  // namespace kestrion::frame

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "host/archive.h"
+#include "host/clip.h"
 #include "host/image.h"
 #include "host/prefs.h"
 #include "host/registry.h"
@@ -17,6 +18,8 @@ namespace {
 constexpr uint32_t kDocumentMagic = FourCC("KFlw");
 constexpr uint32_t kDocumentVersion = 1;
 constexpr uint32_t kDocumentEnd = FourCC("EndF");
+// More codec settings than this in a document mean it is corrupt.
+constexpr uint32_t kMaxCodecSettings = 64;
 constexpr int kMaxFlowDepth = 2000;
 constexpr size_t kMaxCacheEntries = 512;
 // Request flags that change what a tool outputs, and so key the cache.
@@ -158,6 +161,14 @@ bool CPipelineDoc::RenameTool(Operator* op, const std::string& name) {
   if (name.empty() || FindTool(name)) return false;
   op->name_ = name;
   return true;
+}
+
+void CPipelineDoc::SetRenderRange(TimeExtent range) {
+  render_range = range;
+  for (auto& op : tools_) {
+    TimeExtent extent = range;
+    op->OnGlobalExtentChanged(&extent);
+  }
 }
 
 Operator* CPipelineDoc::FindTool(const std::string& name) const {
@@ -453,6 +464,12 @@ void CPipelineDoc::Save(CArchive& ar) const {
   ar.WriteInt(PPreview.width);
   ar.WriteInt(PPreview.height);
   ar.WriteInt(PPreview.fit_to_box ? 1 : 0);
+  const auto compression = ClipParameter::Compression();
+  ar.WriteWord(uint32_t(compression.size()));
+  for (const auto& [extension, level] : compression) {
+    ar.WriteString(extension);
+    ar.WriteInt(level);
+  }
   ar.WriteWord(uint32_t(tools_.size()));
   for (const auto& op : tools_) op->Save(&ar, nullptr);
   ar.WriteWord(kDocumentEnd);
@@ -467,6 +484,7 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
   GeneralPrefs general;
   VideoModePrefs video;
   PreviewPrefs preview;
+  std::vector<std::pair<std::string, int>> compression;
   size_t record = 0;
   std::string record_class;
   try {
@@ -486,6 +504,15 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
     preview.width = ar.ReadInt();
     preview.height = ar.ReadInt();
     preview.fit_to_box = ar.ReadInt() != 0;
+    const uint32_t codecs = ar.ReadWord();
+    if (codecs > kMaxCodecSettings) return fail("the document is corrupt: it claims " + std::to_string(codecs) + " codec settings");
+    for (uint32_t i = 0; i < codecs; ++i) {
+      std::string extension = ar.ReadString();
+      const int level = ar.ReadInt();
+      if (extension.empty() || extension.size() > 16 || level < 0 || level > 100)
+        return fail("the document is corrupt: a codec setting is out of range");
+      compression.emplace_back(std::move(extension), level);
+    }
     const auto sane_size = [](int v) { return v > 0 && v <= 1 << 20; };
     const auto sane_aspect = [](double a) { return std::isfinite(a) && a > 0.0; };
     if (!std::isfinite(doc->current_time) || !std::isfinite(doc->render_range.start) ||
@@ -554,6 +581,7 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
   PGeneral = general;
   PVidMode = video;
   PPreview = preview;
+  for (const auto& [extension, level] : compression) ClipParameter::SetCompression(extension, level);
   for (auto& op : doc->tools_) op->OnAddToFlow();
   return doc;
 }

@@ -48,6 +48,8 @@ class CPipelineDoc {
 
   double current_time = 0.0;
   TimeExtent render_range{0.0, 0.0};
+  // Changes the global render range and tells every tool (OnGlobalExtentChanged).
+  void SetRenderRange(TimeExtent range);
   bool busy = false;
 
   // --- undo ---

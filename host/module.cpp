@@ -36,12 +36,25 @@ ToolModule::~ToolModule() {
   if (handle_) dlclose(handle_);
 }
 
-std::string ModuleFolder() {
-  if (const char* env = std::getenv("KESTRION_MODULES"); env && *env) return env;
+static std::filesystem::path ExecutableFolder() {
   std::error_code ec;
   const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (ec) return "modules";
-  return (exe.parent_path() / "modules").string();
+  return ec ? std::filesystem::path(".") : exe.parent_path();
+}
+
+std::string ModuleFolder() {
+  if (const char* env = std::getenv("KESTRION_MODULES"); env && *env) return env;
+  return (ExecutableFolder() / "modules").string();
+}
+
+std::string ApplicationFolder() {
+  std::string folder;
+  if (const char* env = std::getenv("KESTRION_HOME"); env && *env)
+    folder = env;
+  else
+    folder = ExecutableFolder().string();
+  if (folder.empty() || folder.back() != '/') folder += '/';
+  return folder;
 }
 
 std::vector<std::unique_ptr<ToolModule>> OpenModules(const std::string& folder, std::string* error) {

@@ -30,6 +30,10 @@ class ToolModule {
 // running executable.
 std::string ModuleFolder();
 
+// The application folder, ending with a separator: $KESTRION_HOME when set, else the folder of
+// the running executable. Class start-up reads its settings files (Clips.def) from there.
+std::string ApplicationFolder();
+
 // Opens every module (*.so) in a folder, in name order; stops at the first that fails.
 std::vector<std::unique_ptr<ToolModule>> OpenModules(const std::string& folder, std::string* error);
 

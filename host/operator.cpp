@@ -17,7 +17,6 @@ constexpr uint32_t kSavedConstant = 1;
 constexpr uint32_t kSavedAnimation = 2;
 constexpr uint32_t kSavedLink = 4;
 constexpr uint32_t kSavedModifier = 8;
-constexpr size_t kTitleSize = 256;
 }  // namespace
 
 struct Operator::SavedInput {
@@ -71,6 +70,10 @@ ValueSource Input::Source() const {
   return ValueSource::Constant;
 }
 
+void Input::SetAttrs(std::initializer_list<Tag> tags) {
+  for (const Tag& t : tags) tags_.Set(t);
+}
+
 double Input::Lowest() const { return tags_.GetDouble(in::Lowest, -HUGE_VAL); }
 double Input::Highest() const { return tags_.GetDouble(in::Highest, HUGE_VAL); }
 
@@ -92,8 +95,10 @@ void Input::SetValue(Parameter* value, double time) {
     const double clamped = std::clamp(n->value, Lowest(), Highest());
     if (clamped != n->value) v = Ref<Parameter>::Adopt(new Number(clamped));
   }
+  const bool animated = state_.animation && !state_.animation->Empty();
+  if (!animated && state_.constant && state_.constant->Equals(*v)) return;  // no change, no notice
   InputState next = state_;
-  if (next.animation && !next.animation->Empty() && time != kOutsideTime) {
+  if (animated && time != kOutsideTime) {
     KeyPoint k;
     k.time = time;
     if (auto* n = dynamic_cast<Number*>(v.get())) k.value[0] = n->value;
@@ -159,6 +164,7 @@ void Input::Change(InputState next) {
 Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) {
   if (tags) SetAttrsTagList(*tags);
   if (!ar) return;
+  op_flags |= 1;
   name_ = ar->ReadString();
   flow_x_ = ar->ReadInt();
   flow_y_ = ar->ReadInt();
@@ -358,6 +364,5 @@ void ThreadedOperator::ProcessChunk(Request*, long) {}
 void ThreadedOperator::QuickProcessChunk(Request* req, long chunk) { ProcessChunk(req, chunk); }
 
 CRect MaskOperator::GetBounds() { return CRect{}; }
-double SourceOperator::GetClipLength() { return 0.0; }
 
 }  // namespace kestrion

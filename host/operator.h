@@ -29,6 +29,8 @@ class Request;
 
 // The time at which an input's value outside a render is read and set.
 constexpr double kOutsideTime = -1000000000.0;
+// Size of the buffers that GetTitle and ControlGetTip fill, terminator included.
+constexpr size_t kTitleSize = 256;
 // An operator time step of this value is unset and read as 1.0.
 constexpr double kUnsetTimeStep = -1000000000.0;
 
@@ -125,6 +127,12 @@ class Input {
 
   double Lowest() const;
   double Highest() const;
+
+  // Attributes of the input's control (limits, slider ends, steps, host settings): later tags
+  // replace earlier ones with the same id. The limits apply to values set afterwards.
+  void SetAttrs(std::initializer_list<Tag> tags);
+  double GetAttrD(uint32_t tag, double fallback = 0.0) const { return tags_.GetDouble(tag, fallback); }
+  uint32_t GetAttrI(uint32_t tag, uint32_t fallback = 0) const { return tags_.GetInt(tag, fallback); }
 
  private:
   friend class Operator;
@@ -246,6 +254,8 @@ class Operator : public LockableObject {
   double time_step = kUnsetTimeStep;
   double time_origin = 0.0;
   double TimeStep() const { return time_step == kUnsetTimeStep ? 1.0 : time_step; }
+  // Operator flags: bit 0 is set while the tool is restored from a saved flow.
+  uint32_t op_flags = 0;
 
  protected:
   // Called by Input when a value, link or modifier changes (records undo, drops cached
@@ -305,13 +315,6 @@ class MaskOperator : public ThreadedOperator {
  public:
   using ThreadedOperator::ThreadedOperator;
   virtual CRect GetBounds();
-};
-
-// The base of tools that make frames or clips (loaders, creators, savers).
-class SourceOperator : public ThreadedOperator {
- public:
-  using ThreadedOperator::ThreadedOperator;
-  virtual double GetClipLength();
 };
 
 }  // namespace kestrion

@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libtbb-dev nlohmann-json3-dev libcli11-dev
+  libtbb-dev nlohmann-json3-dev libcli11-dev libopenimageio-dev
   libgtest-dev libbenchmark-dev
 )
 

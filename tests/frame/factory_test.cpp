@@ -183,7 +183,9 @@ TEST_F(FactoryTest, EveryCatalogueClassCreatesAndReloadsItsTool) {
     CArchive out;
     ASSERT_EQ(op->Save(&out, nullptr) & 1, 1u);
     CArchive in(out.Bytes());
-    ASSERT_EQ(in.ReadWord(), r->ClassId()) << "a record starts with its class id";
+    // The Preview Saver writes the Saver's id on purpose: its documents reload as Savers.
+    const uint32_t expected_id = r->Name() == "PreviewSaver" ? FourCC("Save") : r->ClassId();
+    ASSERT_EQ(in.ReadWord(), expected_id) << "a record starts with its class id";
     Ref<Object> loaded = Ref<Object>::Adopt(r->Create(&in, nullptr));
     ASSERT_NE(dynamic_cast<Operator*>(loaded.get()), nullptr);
     EXPECT_TRUE(in.AtEnd()) << "the tool read " << in.Position() << " of " << out.Bytes().size() << " bytes";

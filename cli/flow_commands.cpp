@@ -1,0 +1,285 @@
+#include "cli/flow_commands.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "host/clip.h"
+#include "host/failure.h"
+#include "host/flow_file.h"
+#include "host/prefs.h"
+#include "host/threads.h"
+
+namespace kestrion::cli {
+
+namespace {
+
+// Savers mark themselves with this operator flag.
+constexpr uint32_t kSaverFlag = 0x40;
+constexpr uint32_t kFilenameId = FourCC("File");
+
+volatile std::sig_atomic_t g_stop_signal = 0;
+extern "C" void OnStopSignal(int sig) { g_stop_signal = sig; }
+
+struct FrameList {
+  long first = 0, last = 0, step = 1;
+  long Count() const { return (last - first) / step + 1; }
+};
+
+// "12", "1-100" or "1-100x5"; frame numbers may be negative ("-10--1").
+std::optional<FrameList> ParseFrames(const std::string& text) {
+  static const std::regex form(R"((-?\d{1,9})(?:-(-?\d{1,9}))?(?:x(\d{1,9}))?)");
+  std::smatch m;
+  if (!std::regex_match(text, m, form)) return std::nullopt;
+  FrameList frames;
+  frames.first = std::stol(m[1]);
+  frames.last = m[2].matched ? std::stol(m[2]) : frames.first;
+  frames.step = m[3].matched ? std::stol(m[3]) : 1;
+  if (frames.last < frames.first || frames.step < 1) return std::nullopt;
+  return frames;
+}
+
+Ref<ClipParameter> ClipOf(const Input* in) {
+  Ref<Parameter> v = Ref<Parameter>::Adopt(in->CurrentValue());
+  return Ref<ClipParameter>::Share(dynamic_cast<ClipParameter*>(v.get()));
+}
+
+std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
+
+// Checks before rendering that every saver has a clip to write and every other tool's clip
+// has frames on disk; returns the first problem.
+std::string CheckClips(const std::vector<Operator*>& tools) {
+  for (Operator* op : tools)
+    for (const auto& in : op->Inputs()) {
+      if (in->Type() != vtype::Clip || in->Source() != ValueSource::Constant) continue;
+      Ref<ClipParameter> clip = ClipOf(in.get());
+      const std::string where = op->Name() + ", input " + Quoted(in->Name());
+      if (!clip || clip->Name().empty()) return where + ": no clip is set";
+      if (!(op->op_flags & kSaverFlag) && clip->Length() == 0)
+        return where + ": no frames of '" + clip->Path() + "' on disk";
+    }
+  return {};
+}
+
+bool FileHasData(const std::string& path) {
+  struct stat st{};
+  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
+}
+
+// A frame counts as rendered when every saver's file for it exists and is not empty.
+bool FrameOnDisk(const std::vector<Operator*>& savers, long frame) {
+  for (Operator* saver : savers) {
+    Input* in = saver->FindInput(kFilenameId);
+    Ref<ClipParameter> clip = in ? ClipOf(in) : Ref<ClipParameter>();
+    if (!clip || !FileHasData(clip->FramePath(int(frame)))) return false;
+  }
+  return true;
+}
+
+// Progress on stderr: a bar redrawn in place on a terminal, a line per frame otherwise.
+class Progress {
+ public:
+  explicit Progress(long total) : total_(total), live_(::isatty(STDERR_FILENO) != 0) {}
+
+  void FrameDone(long frame, bool skipped) {
+    ++done_;
+    if (!skipped) ++rendered_;
+    const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+    const double fps = rendered_ > 0 && seconds > 0 ? rendered_ / seconds : 0.0;
+    const long left = total_ - done_;
+    const std::string eta = fps > 0 ? Duration(double(left) / fps) : "--:--";
+    if (live_) {
+      constexpr int kWidth = 30;
+      const int filled = int(kWidth * done_ / total_);
+      std::fprintf(stderr, "\r[%.*s%*s] frame %ld  %ld/%ld  %.2f fps  %s left  ", filled,
+                   "##############################", kWidth - filled, "", frame, done_, total_, fps, eta.c_str());
+      if (done_ == total_) std::fputc('\n', stderr);
+    } else {
+      std::fprintf(stderr, "frame %ld %s (%ld/%ld, %.2f fps, %s left)\n", frame, skipped ? "already on disk" : "done",
+                   done_, total_, fps, eta.c_str());
+    }
+    std::fflush(stderr);
+  }
+
+  // Ends a live bar's line before a message.
+  void Interrupt() {
+    if (live_ && done_ > 0 && done_ < total_) std::fputc('\n', stderr);
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static std::string Duration(double seconds) {
+    const long s = long(std::ceil(seconds));
+    char text[32];
+    std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    return text;
+  }
+
+  long total_, done_ = 0, rendered_ = 0;
+  bool live_;
+  Clock::time_point start_ = Clock::now();
+};
+
+// Stops the render in progress when a stop signal arrives (handlers may only set a flag).
+class SignalWatch {
+ public:
+  explicit SignalWatch(CPipelineDoc& doc) : doc_(doc) {
+    struct sigaction action{};
+    action.sa_handler = OnStopSignal;
+    sigemptyset(&action.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &action, nullptr);
+    watcher_ = std::thread([this] {
+      while (!done_.load()) {
+        if (g_stop_signal != 0) doc_.Abort();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+  }
+  ~SignalWatch() {
+    done_.store(true);
+    watcher_.join();
+  }
+  int Signal() const { return g_stop_signal; }
+
+ private:
+  CPipelineDoc& doc_;
+  std::atomic<bool> done_{false};
+  std::thread watcher_;
+};
+
+struct FrameResult {
+  int status = status::Done;
+  std::string message;
+};
+
+// Renders every saver at the frame's times (two with fields: n and n + 0.5).
+FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers, long frame, bool fields,
+                        uint32_t flags) {
+  TakeFailures();
+  for (double time : fields ? std::vector<double>{double(frame), frame + 0.5} : std::vector<double>{double(frame)})
+    for (Operator* saver : savers) {
+      HostError err;
+      Ref<Parameter> out = doc.Render(saver->Outputs()[0].get(), time, flags, &err);
+      std::vector<Failure> failures = TakeFailures();
+      if (g_stop_signal != 0) return {status::SignalBase + int(g_stop_signal), "stopped by signal"};
+      if (out && err.message.empty()) {
+        for (const Failure& f : failures) std::fprintf(stderr, "warning: frame %ld: %s\n", frame, f.message.c_str());
+        continue;
+      }
+      FrameResult result{status::FrameFailed, "frame " + std::to_string(frame) + ", " + saver->Name() + ": "};
+      if (!failures.empty()) {
+        bool temporary = true;
+        for (size_t i = 0; i < failures.size(); ++i) {
+          result.message += (i ? "; " : "") + failures[i].message;
+          temporary = temporary && failures[i].temporary;
+        }
+        if (temporary) result.status = status::TryLater;
+      } else if (!err.message.empty()) {
+        result.message += err.message;
+      } else {
+        result.message += "no image reached it";
+      }
+      return result;
+    }
+  return {};
+}
+
+}  // namespace
+
+int RenderFlow(const RenderOptions& options) {
+  std::optional<FrameList> frames;
+  if (!options.frames.empty() && !(frames = ParseFrames(options.frames))) {
+    std::fprintf(stderr, "kestrion: -F %s: give frames as START-END or START-ENDxSTEP (START <= END, STEP >= 1)\n",
+                 options.frames.c_str());
+    return status::BadInput;
+  }
+  HostError err;
+  auto doc = LoadFlowFile(options.flow, &err);
+  if (!doc) {
+    std::fprintf(stderr, "kestrion: %s\n", err.message.c_str());
+    return status::BadInput;
+  }
+  if (!frames) {
+    const long first = long(std::ceil(doc->render_range.start)), last = long(std::floor(doc->render_range.end));
+    if (last < first) {
+      std::fprintf(stderr, "kestrion: '%s': its range holds no whole frame\n", options.flow.c_str());
+      return status::BadInput;
+    }
+    frames = FrameList{first, last, 1};
+  }
+
+  const std::vector<Operator*> tools = doc->Tools();
+  std::vector<Operator*> savers;
+  for (Operator* op : tools)
+    if (op->op_flags & kSaverFlag) savers.push_back(op);
+  if (savers.empty()) {
+    std::fprintf(stderr, "kestrion: '%s' has no Saver: nothing would be written\n", options.flow.c_str());
+    return status::BadInput;
+  }
+  if (const std::string problem = CheckClips(tools); !problem.empty()) {
+    std::fprintf(stderr, "kestrion: '%s': %s\n", options.flow.c_str(), problem.c_str());
+    return status::BadInput;
+  }
+
+  if (options.threads > 0) SetWorkerThreads(options.threads);
+  if (options.proxy > 0) PGeneral.proxy = options.proxy;
+  uint32_t flags = 0;
+  if (options.quick) flags |= rflag::Quick;
+  if (PGeneral.proxy > 1) flags |= rflag::Proxy;
+  const double step = options.fields ? 0.5 : 1.0;
+
+  RenderMessage message{double(frames->first), double(frames->last), step};
+  for (Operator* op : tools) {
+    op->time_step = step;
+    op->OnStartRender(&message);
+  }
+  FrameResult result;
+  {
+    SignalWatch signals(*doc);
+    Progress progress(frames->Count());
+    for (long frame = frames->first; frame <= frames->last; frame += frames->step) {
+      if (signals.Signal() != 0) {
+        result = {status::SignalBase + signals.Signal(), "stopped by signal"};
+        break;
+      }
+      if (options.resume && FrameOnDisk(savers, frame)) {
+        progress.FrameDone(frame, true);
+        continue;
+      }
+      result = RenderFrame(*doc, savers, frame, options.fields, flags);
+      if (result.status != status::Done) {
+        progress.Interrupt();
+        break;
+      }
+      progress.FrameDone(frame, false);
+    }
+  }
+  for (Operator* op : tools) op->OnEndRender();
+  if (result.status != status::Done) std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());
+  return result.status;
+}
+
+int ConvertFlow(const std::string& in, const std::string& out) {
+  HostError err;
+  auto doc = LoadFlowFile(in, &err);
+  if (!doc) {
+    std::fprintf(stderr, "kestrion: %s\n", err.message.c_str());
+    return status::BadInput;
+  }
+  if (!SaveFlowFile(*doc, out, &err)) {
+    std::fprintf(stderr, "kestrion: %s\n", err.message.c_str());
+    return status::FrameFailed;
+  }
+  return status::Done;
+}
+
+}  // namespace kestrion::cli

@@ -1,0 +1,344 @@
+#include "host/clip.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <OpenImageIO/imageio.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <vector>
+
+#include "host/archive.h"
+#include "host/failure.h"
+#include "host/request.h"
+
+namespace fs = std::filesystem;
+using OIIO::ImageInput;
+using OIIO::ImageOutput;
+using OIIO::ImageSpec;
+using OIIO::TypeDesc;
+
+namespace kestrion {
+
+namespace {
+
+std::mutex g_compression_lock;
+std::map<std::string, int>& CompressionTable() {
+  static std::map<std::string, int> table{{"png", 1}};
+  return table;
+}
+
+struct RegisterClipType {
+  RegisterClipType() { RegisterParameterType(vtype::Clip, &ClipParameter::Load); }
+} register_clip_type;
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = char(std::tolower(uint8_t(c)));
+  return s;
+}
+
+bool AllDigits(const std::string& s) {
+  if (s.empty()) return false;
+  for (char c : s)
+    if (c < '0' || c > '9') return false;
+  return true;
+}
+
+std::atomic<unsigned> g_temp_counter{0};
+
+// The folder of the flow file being loaded on this thread, while a ClipFolderScope is open.
+thread_local const std::string* t_loading_folder = nullptr;
+
+// Writes `path` by way of a temporary file in the same folder; fsyncs the file and the folder.
+bool WriteAtomically(const std::string& path, const ImageSpec& spec, const std::vector<uint8_t>& rgba,
+                     std::string* error, bool* temporary) {
+  const fs::path target(path);
+  const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+  std::error_code ec;
+  fs::create_directories(folder, ec);
+  std::string temp_name(".");
+  temp_name.append(target.filename().string()).append(".tmp-").append(std::to_string(getpid()));
+  temp_name.append("-").append(std::to_string(g_temp_counter.fetch_add(1)));
+  const std::string temp = (folder / temp_name).string();
+  auto out = ImageOutput::create(path);
+  if (!out) {
+    *error = "cannot write '" + path + "': no image format for its extension";
+    *temporary = false;
+    return false;
+  }
+  errno = 0;
+  bool ok = out->open(temp, spec) && out->write_image(TypeDesc::UINT8, rgba.data()) && out->close();
+  const int saved_errno = errno;
+  if (!ok) {
+    std::string why = out->geterror();
+    if (why.empty()) why = std::strerror(saved_errno ? saved_errno : EIO);
+    *error = "cannot write '" + path + "': " + why;
+    *temporary = IsTemporaryErrno(saved_errno);
+    out.reset();
+    ::unlink(temp.c_str());
+    return false;
+  }
+  out.reset();
+  const auto sync = [](const std::string& p, int flags) {
+    const int fd = ::open(p.c_str(), flags | O_CLOEXEC);
+    if (fd < 0) return errno;
+    int err = ::fsync(fd) == 0 ? 0 : errno;
+    if (::close(fd) != 0 && err == 0) err = errno;
+    return err;
+  };
+  int err = sync(temp, O_RDONLY);
+  if (err == 0 && std::rename(temp.c_str(), path.c_str()) != 0) err = errno;
+  if (err != 0) {
+    ::unlink(temp.c_str());
+    *error = "cannot write '" + path + "': " + std::strerror(err);
+    *temporary = IsTemporaryErrno(err);
+    return false;
+  }
+  err = sync(folder.string(), O_RDONLY | O_DIRECTORY);
+  if (err != 0) {
+    *error = "cannot write '" + path + "': " + std::strerror(err);
+    *temporary = IsTemporaryErrno(err);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+ClipParameter::ClipParameter(std::string name, std::string base_folder)
+    : name_(std::move(name)), base_folder_(std::move(base_folder)) {
+  Parse();
+  Scan();
+}
+
+Parameter* ClipParameter::Copy() const { return new ClipParameter(name_, base_folder_); }
+
+void ClipParameter::Save(CArchive& ar) const {
+  ar.WriteString(name_);
+  ar.WriteString(base_folder_);
+}
+
+Parameter* ClipParameter::Load(CArchive& ar) {
+  std::string name = ar.ReadString();
+  std::string base = ar.ReadString();
+  if (t_loading_folder) base = *t_loading_folder;
+  return new ClipParameter(std::move(name), std::move(base));
+}
+
+bool ClipParameter::Equals(const Parameter& other) const {
+  auto* c = dynamic_cast<const ClipParameter*>(&other);
+  return c && c->name_ == name_ && c->base_folder_ == base_folder_;
+}
+
+std::string ClipParameter::Path() const {
+  if (name_.empty() || base_folder_.empty() || fs::path(name_).is_absolute()) return name_;
+  return (fs::path(base_folder_) / name_).string();
+}
+
+// Splits the name into prefix, number width and suffix: "%04d" or "%d", a run of '#', or the
+// digits just before the extension of one member of a sequence.
+void ClipParameter::Parse() {
+  const std::string path = Path();
+  const size_t slash = path.rfind('/');
+  const size_t file_start = slash == std::string::npos ? 0 : slash + 1;
+  const size_t percent = path.find('%', file_start);
+  if (percent != std::string::npos) {
+    size_t i = percent + 1;
+    int width = 0;
+    while (i < path.size() && path[i] >= '0' && path[i] <= '9') width = width * 10 + (path[i++] - '0');
+    if (i < path.size() && path[i] == 'd' && width < 16) {
+      prefix_ = path.substr(0, percent);
+      suffix_ = path.substr(i + 1);
+      width_ = std::max(width, 1);
+      return;
+    }
+  }
+  const size_t hash = path.find('#', file_start);
+  if (hash != std::string::npos) {
+    size_t end = hash;
+    while (end < path.size() && path[end] == '#') ++end;
+    prefix_ = path.substr(0, hash);
+    suffix_ = path.substr(end);
+    width_ = int(end - hash);
+    return;
+  }
+  const size_t dot = path.rfind('.');
+  const size_t stem_end = dot == std::string::npos || dot < file_start ? path.size() : dot;
+  size_t digits = stem_end;
+  while (digits > file_start && path[digits - 1] >= '0' && path[digits - 1] <= '9') --digits;
+  if (digits < stem_end && stem_end - digits < 10) {
+    prefix_ = path.substr(0, digits);
+    suffix_ = path.substr(stem_end);
+    width_ = int(stem_end - digits);
+    return;
+  }
+  prefix_ = path;
+  suffix_.clear();
+  width_ = 0;
+}
+
+void ClipParameter::Scan() {
+  first_ = 0;
+  length_ = 0;
+  if (name_.empty()) return;
+  std::error_code ec;
+  if (!IsSequence()) {
+    length_ = fs::is_regular_file(prefix_, ec) ? 1 : 0;
+    return;
+  }
+  const fs::path pattern(prefix_);
+  const fs::path folder = prefix_.empty() || prefix_.back() == '/' ? fs::path(prefix_.empty() ? "." : prefix_)
+                                                                   : (pattern.has_parent_path() ? pattern.parent_path() : ".");
+  const std::string head = prefix_.back() == '/' ? std::string() : pattern.filename().string();
+  int lowest = INT_MAX, highest = INT_MIN;
+  for (const auto& entry : fs::directory_iterator(folder, ec)) {
+    const std::string file = entry.path().filename().string();
+    if (file.size() <= head.size() + suffix_.size() || file.compare(0, head.size(), head) != 0 ||
+        file.compare(file.size() - suffix_.size(), suffix_.size(), suffix_) != 0)
+      continue;
+    const std::string digits = file.substr(head.size(), file.size() - head.size() - suffix_.size());
+    // Numbers are padded to the pattern's width; wider ones are written in full.
+    if (!AllDigits(digits) || digits.size() > 9 || int(digits.size()) < width_ ||
+        (int(digits.size()) > width_ && digits[0] == '0'))
+      continue;
+    const int n = std::stoi(digits);
+    lowest = std::min(lowest, n);
+    highest = std::max(highest, n);
+  }
+  if (lowest <= highest) {
+    first_ = lowest;
+    length_ = highest - lowest + 1;
+  }
+}
+
+std::string ClipParameter::FramePath(int number) const {
+  if (!IsSequence()) return prefix_;
+  std::string digits = std::to_string(number < 0 ? -number : number);
+  if (int(digits.size()) < width_) digits.insert(0, size_t(width_) - digits.size(), '0');
+  return prefix_ + (number < 0 ? "-" : "") + digits + suffix_;
+}
+
+void ClipParameter::BeginUse() { Scan(); }
+void ClipParameter::EndUse() {}
+
+Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
+  if (tags) {
+    auto* abort = static_cast<const std::atomic<int32_t>*>(tags->GetPointer(cliptag::AbortFlag));
+    if (abort && abort->load()) return nullptr;
+  }
+  const std::string path = FramePath(IsSequence() ? first_ + frame : 0);
+  ImageSpec config;
+  config.attribute("oiio:UnassociatedAlpha", 1);
+  auto in = ImageInput::open(path, &config);
+  if (!in) {
+    std::error_code ec;
+    const bool exists = fs::exists(path, ec);
+    NoteFailure("cannot read '" + path + "': " + (exists ? OIIO::geterror() : std::string("no such file")), false);
+    return nullptr;
+  }
+  const ImageSpec& spec = in->spec();
+  const int64_t pixels = int64_t(spec.width) * int64_t(spec.height);
+  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0 || uint64_t(pixels) * 4 > Image::SizeLimit()) {
+    NoteFailure("cannot read '" + path + "': its size " + std::to_string(spec.width) + " x " +
+                    std::to_string(spec.height) + " is not possible",
+                false);
+    return nullptr;
+  }
+  const int channels = spec.nchannels;
+  std::vector<uint8_t> data(size_t(pixels) * size_t(channels));
+  if (!in->read_image(0, 0, 0, channels, TypeDesc::UINT8, data.data())) {
+    NoteFailure("cannot read '" + path + "': " + in->geterror(), false);
+    return nullptr;
+  }
+  Image* img;
+  try {
+    img = NewImage(req, spec.width, spec.height, 32, nullptr);
+  } catch (const ImageSizeError& e) {
+    NoteFailure("cannot read '" + path + "': " + e.what(), false);
+    return nullptr;
+  }
+  const int alpha = spec.alpha_channel >= 0 ? spec.alpha_channel : (channels == 2 ? 1 : channels >= 4 ? 3 : -1);
+  const bool grey = channels <= 2;
+  for (int y = 0; y < spec.height; ++y) {
+    const uint8_t* src = data.data() + size_t(y) * size_t(spec.width) * size_t(channels);
+    uint32_t* row = img->Row(y);
+    for (int x = 0; x < spec.width; ++x, src += channels) {
+      const uint8_t r = src[0], g = grey ? src[0] : src[1], b = grey ? src[0] : src[2];
+      const uint8_t a = alpha >= 0 ? src[alpha] : 255;
+      row[x] = uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
+    }
+  }
+  img->x_aspect = spec.get_float_attribute("PixelAspectRatio", 1.0f);
+  img->y_aspect = 1.0f;
+  return img;
+}
+
+uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
+  const std::string path = FramePath(number);
+  if (!img || img->Depth() != 32 || img->Width() <= 0 || img->Height() <= 0) {
+    last_error_ = "cannot write '" + path + "': the frame is empty";
+    NoteFailure(last_error_, false);
+    return 0;
+  }
+  std::string ext = Lower(fs::path(path).extension().string());
+  if (!ext.empty()) ext.erase(0, 1);
+  ImageSpec spec(img->Width(), img->Height(), 4, ext == "exr" ? TypeDesc::HALF : TypeDesc::UINT8);
+  spec.alpha_channel = 3;
+  spec.attribute("oiio:UnassociatedAlpha", 1);
+  if (img->x_aspect != 1.0f || img->y_aspect != 1.0f)
+    spec.attribute("PixelAspectRatio", img->x_aspect / (img->y_aspect == 0.0f ? 1.0f : img->y_aspect));
+  int level = -1;
+  {
+    std::lock_guard<std::mutex> hold(g_compression_lock);
+    auto it = CompressionTable().find(ext == "jpeg" ? "jpg" : ext == "tif" ? "tiff" : ext);
+    if (it != CompressionTable().end()) level = it->second;
+  }
+  if (ext == "png") spec.attribute("png:compressionLevel", level >= 0 ? level : 1);
+  if ((ext == "jpg" || ext == "jpeg") && level >= 0) spec.attribute("CompressionQuality", level);
+  if (ext == "exr") spec.attribute("compression", level == 0 ? "none" : "zips");
+  if ((ext == "tif" || ext == "tiff") && level >= 0) spec.attribute("compression", level == 0 ? "none" : "zip");
+  std::vector<uint8_t> rgba(size_t(img->Width()) * size_t(img->Height()) * 4);
+  for (int y = 0; y < img->Height(); ++y) {
+    const uint32_t* row = img->Row(y);
+    uint8_t* dst = rgba.data() + size_t(y) * size_t(img->Width()) * 4;
+    for (int x = 0; x < img->Width(); ++x, dst += 4) {
+      const uint32_t p = row[x];
+      dst[0] = uint8_t(p >> 16);
+      dst[1] = uint8_t(p >> 8);
+      dst[2] = uint8_t(p);
+      dst[3] = uint8_t(p >> 24);
+    }
+  }
+  std::string error;
+  bool temporary = false;
+  if (!WriteAtomically(path, spec, rgba, &error, &temporary)) {
+    last_error_ = error;
+    NoteFailure(error, temporary);
+    return 0;
+  }
+  last_error_.clear();
+  return 1;
+}
+
+ClipFolderScope::ClipFolderScope(std::string folder) { t_loading_folder = new std::string(std::move(folder)); }
+ClipFolderScope::~ClipFolderScope() {
+  delete t_loading_folder;
+  t_loading_folder = nullptr;
+}
+
+void ClipParameter::SetCompression(const std::string& extension, int level) {
+  std::lock_guard<std::mutex> hold(g_compression_lock);
+  CompressionTable()[Lower(extension)] = level;
+}
+
+std::map<std::string, int> ClipParameter::Compression() {
+  std::lock_guard<std::mutex> hold(g_compression_lock);
+  return CompressionTable();
+}
+
+}  // namespace kestrion

@@ -1,0 +1,89 @@
+// Clips on disk: the value behind a Loader's or Saver's "Filename". A clip name is one image
+// file, or a numbered sequence written as plate.####.png, plate.%04d.png or one member such as
+// plate.0042.png. A sequence's frames are the numbers present on disk, first to last; clip
+// frame f is the file numbered first + f. Frames are read into BGRA images (alpha 255 where a
+// file has none, no premultiplication, no colour conversion) and written by extension,
+// atomically: a temporary file in the same folder, fsync, rename, fsync of the folder.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "host/image.h"
+#include "host/parameter.h"
+
+namespace kestrion {
+
+class Request;
+
+// Tags of a frame read (ClipParameter::ReadFrame).
+namespace cliptag {
+constexpr uint32_t FieldSetting = 0x10000068;
+constexpr uint32_t SizeSetting = 0x10000069;
+constexpr uint32_t AbortFlag = 0x1000006a;  // pointer to the reading operator's abort flag
+constexpr uint32_t Preview = 0x1000006b;    // a preview write
+}  // namespace cliptag
+
+class ClipParameter final : public Parameter {
+ public:
+  // A relative name is taken from `base_folder` (the folder of the flow that holds it).
+  explicit ClipParameter(std::string name, std::string base_folder = {});
+
+  uint32_t Type() const override { return vtype::Clip; }
+  Parameter* Copy() const override;
+  void Save(CArchive& ar) const override;
+  bool Equals(const Parameter& other) const override;
+  static Parameter* Load(CArchive& ar);
+
+  const std::string& Name() const { return name_; }
+  const std::string& BaseFolder() const { return base_folder_; }
+  // The name with a relative path resolved.
+  std::string Path() const;
+  bool IsSequence() const { return width_ > 0; }
+  // Frames on disk (1 for a single file that exists, 0 when nothing is there).
+  int Length() const { return length_; }
+  int FirstNumber() const { return first_; }
+  // The file of frame number n (padded to the pattern's width; wider numbers in full).
+  std::string FramePath(int number) const;
+
+  // Reads clip frame f (0 <= f < Length) into a new image that the request owns; null when it
+  // cannot be read (the reason goes to NoteFailure).
+  Image* ReadFrame(int frame, Request* req, TagList* tags);
+  // Writes an image as frame number n; 0 on failure (the reason goes to NoteFailure and
+  // LastError). Never leaves a partial or temporary file behind.
+  uint32_t WriteFrame(int number, Image* img, TagList* tags);
+  const std::string& LastError() const { return last_error_; }
+
+  // Begin-use looks at the disk again (a render may have added frames); end-use does nothing.
+  void BeginUse();
+  void EndUse();
+
+  // Codec settings of writes, by extension without the dot ("png": zlib level, "jpg": quality).
+  static void SetCompression(const std::string& extension, int level);
+  static std::map<std::string, int> Compression();
+
+ private:
+  void Parse();
+  void Scan();
+
+  std::string name_;
+  std::string base_folder_;
+  std::string prefix_, suffix_;  // a sequence's file names are prefix + number + suffix
+  int width_ = 0;                // digits of the number; 0 for a single file
+  int first_ = 0;
+  int length_ = 0;
+  std::string last_error_;
+};
+
+// While a flow document loads, the relative clip names in it are taken from the folder of its
+// file (not the folder it was saved from). One scope at a time per thread.
+class ClipFolderScope {
+ public:
+  explicit ClipFolderScope(std::string folder);
+  ~ClipFolderScope();
+  ClipFolderScope(const ClipFolderScope&) = delete;
+  ClipFolderScope& operator=(const ClipFolderScope&) = delete;
+};
+
+}  // namespace kestrion

@@ -1,0 +1,622 @@
+// The text flow format (.json): tools keyed by name, each naming its class by registry name,
+// inputs keyed by label (or id), values as numbers, [x, y] points, strings, links "Tool" or
+// "Tool.Output", {"keys": ...} animations and {"modifier": ...} modifiers, and the tool's own
+// saved fields under "data". docs/flows.md describes it for users.
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "host/archive.h"
+#include "host/clip.h"
+#include "host/flow_file.h"
+#include "host/prefs.h"
+#include "host/registry.h"
+
+namespace kestrion {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr int kFormatVersion = 1;
+
+// A flow error: the message already names the tool and input.
+struct FlowError {
+  std::string message;
+};
+
+std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
+
+std::string IdText(uint32_t id) {
+  char hex[16];
+  std::snprintf(hex, sizeof hex, "0x%08X", id);
+  return hex;
+}
+
+// A float written with the fewest digits that read back to the same float.
+Json FloatJson(float f) {
+  char text[32];
+  const auto end = std::to_chars(text, text + sizeof text, f).ptr;
+  return std::strtod(std::string(text, end).c_str(), nullptr);
+}
+
+std::string Hex(const uint8_t* data, size_t n) {
+  static const char digits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(2 * n);
+  for (size_t i = 0; i < n; ++i) {
+    out += digits[data[i] >> 4];
+    out += digits[data[i] & 15];
+  }
+  return out;
+}
+
+bool Unhex(const std::string& text, std::vector<uint8_t>& out) {
+  if (text.size() % 2) return false;
+  const auto nibble = [](char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  for (size_t i = 0; i < text.size(); i += 2) {
+    const int hi = nibble(text[i]), lo = nibble(text[i + 1]);
+    if (hi < 0 || lo < 0) return false;
+    out.push_back(uint8_t(hi << 4 | lo));
+  }
+  return true;
+}
+
+// --- loading ---
+
+class TextFlowReader {
+ public:
+  TextFlowReader(CPipelineDoc& doc, std::string base_folder) : doc_(doc), base_folder_(std::move(base_folder)) {}
+
+  void Read(const Json& root) {
+    if (!root.is_object()) throw FlowError{"a text flow is a JSON object"};
+    if (!root.contains("kestrion") || root["kestrion"] != kFormatVersion)
+      throw FlowError{"not a Kestrion text flow: \"kestrion\": " + std::to_string(kFormatVersion) + " is missing"};
+    for (const auto& [key, value] : root.items())
+      if (key != "kestrion" && key != "range" && key != "time" && key != "preferences" && key != "tools")
+        throw FlowError{"unknown key " + Quoted(key) + " (valid: kestrion, range, time, preferences, tools)"};
+    ReadPreferences(root.value("preferences", Json::object()));
+    if (root.contains("range")) {
+      const Json& r = root["range"];
+      if (!r.is_array() || r.size() != 2 || !r[0].is_number() || !r[1].is_number() || r[0] > r[1])
+        throw FlowError{"\"range\" must be [first, last] with first <= last"};
+      doc_.SetRenderRange({r[0].get<double>(), r[1].get<double>()});
+    }
+    if (root.contains("time")) doc_.current_time = Number(root["time"], "\"time\"");
+    const Json& tools = root.value("tools", Json::object());
+    if (!tools.is_object()) throw FlowError{"\"tools\" must be an object of tools keyed by name"};
+
+    // Every tool first, so that links may point forward; then values, then links and modifiers.
+    for (const auto& [name, spec] : tools.items()) CreateTool(name, spec);
+    for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Values);
+    for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Connections);
+    // Values set later may have moved earlier ones (a clip resets its range): settle them.
+    for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Settle);
+  }
+
+ private:
+  enum class Pass { Values, Connections, Settle };
+
+  static double Number(const Json& v, const std::string& what) {
+    if (v.is_boolean()) return v.get<bool>() ? 1.0 : 0.0;
+    if (!v.is_number()) throw FlowError{what + " must be a number"};
+    return v.get<double>();
+  }
+
+  void ReadPreferences(const Json& prefs) {
+    if (!prefs.is_object()) throw FlowError{"\"preferences\" must be an object"};
+    for (const auto& [key, value] : prefs.items()) {
+      if (key == "proxy") {
+        const double p = Number(value, "\"preferences\".\"proxy\"");
+        if (p < 1 || p > 1024 || p != std::floor(p)) throw FlowError{"\"preferences\".\"proxy\" must be a whole number from 1 to 1024"};
+        PGeneral.proxy = int(p);
+      } else if (key == "video") {
+        PVidMode.width = Size(value, "width", PVidMode.width, "\"preferences\".\"video\"");
+        PVidMode.height = Size(value, "height", PVidMode.height, "\"preferences\".\"video\"");
+        if (value.contains("aspect")) {
+          const Json& a = value["aspect"];
+          if (!a.is_array() || a.size() != 2 || !a[0].is_number() || !a[1].is_number() || !(a[0] > 0) || !(a[1] > 0))
+            throw FlowError{"\"preferences\".\"video\".\"aspect\" must be [x, y] with both above 0"};
+          PVidMode.aspect_x = a[0].get<double>();
+          PVidMode.aspect_y = a[1].get<double>();
+        }
+      } else if (key == "preview") {
+        PPreview.width = Size(value, "width", PPreview.width, "\"preferences\".\"preview\"");
+        PPreview.height = Size(value, "height", PPreview.height, "\"preferences\".\"preview\"");
+        if (value.contains("fit")) PPreview.fit_to_box = Number(value["fit"], "\"preferences\".\"preview\".\"fit\"") != 0;
+      } else if (key == "compression") {
+        if (!value.is_object()) throw FlowError{"\"preferences\".\"compression\" must map extensions to levels"};
+        for (const auto& [ext, level] : value.items()) {
+          const double l = Number(level, "\"preferences\".\"compression\"." + Quoted(ext));
+          if (l < 0 || l > 100 || l != std::floor(l))
+            throw FlowError{"\"preferences\".\"compression\"." + Quoted(ext) + " must be a whole number from 0 to 100"};
+          ClipParameter::SetCompression(ext, int(l));
+        }
+      } else {
+        throw FlowError{"unknown preference " + Quoted(key) + " (valid: proxy, video, preview, compression)"};
+      }
+    }
+  }
+
+  static int Size(const Json& obj, const char* key, int fallback, const std::string& where) {
+    if (!obj.is_object()) throw FlowError{where + " must be an object"};
+    if (!obj.contains(key)) return fallback;
+    const double v = Number(obj[key], where + "." + Quoted(key));
+    if (v < 1 || v > (1 << 20) || v != std::floor(v))
+      throw FlowError{where + "." + Quoted(key) + " must be a whole number from 1 to 1048576"};
+    return int(v);
+  }
+
+  static std::string ValidClasses() {
+    std::string names;
+    for (Registry* reg : ClassRegistry->Records()) names += (names.empty() ? "" : ", ") + reg->Name();
+    return names;
+  }
+
+  Operator* CreateTool(const std::string& name, const Json& spec) {
+    const std::string where = "tool " + Quoted(name);
+    if (!spec.is_object()) throw FlowError{where + " must be an object with a \"class\""};
+    for (const auto& [key, value] : spec.items())
+      if (key != "class" && key != "inputs" && key != "position" && key != "data")
+        throw FlowError{where + ": unknown key " + Quoted(key) + " (valid: class, inputs, position, data)"};
+    if (!spec.contains("class") || !spec["class"].is_string()) throw FlowError{where + " has no \"class\""};
+    const std::string class_name = spec["class"].get<std::string>();
+    Registry* reg = ClassRegistry->FindByName(class_name);
+    if (!reg) throw FlowError{where + ": unknown class " + Quoted(class_name) + " (valid: " + ValidClasses() + ")"};
+    if (doc_.FindTool(name)) throw FlowError{where + ": the name is used twice"};
+
+    int x = 0, y = 0;
+    if (spec.contains("position")) {
+      const Json& p = spec["position"];
+      if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
+        throw FlowError{where + ": \"position\" must be [x, y] in whole numbers"};
+      x = p[0].get<int>();
+      y = p[1].get<int>();
+    }
+    Object* obj = nullptr;
+    if (spec.contains("data")) {
+      // The tool's own fields follow a base record that holds nothing but the name and place.
+      std::vector<uint8_t> fields;
+      if (!spec["data"].is_string() || !Unhex(spec["data"].get<std::string>(), fields))
+        throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
+      CArchive record;
+      record.WriteString(name);
+      record.WriteInt(x);
+      record.WriteInt(y);
+      record.WriteWord(0);
+      record.WriteBytes(fields.data(), fields.size());
+      record.WriteWord(0);
+      record.WriteWord(kEndOfRecord);
+      CArchive in(record.Bytes());
+      try {
+        obj = reg->Create(&in, nullptr);
+      } catch (const std::exception& e) {
+        throw FlowError{where + ": its \"data\" is not valid for a " + class_name + ": " + e.what()};
+      }
+      if (obj && !in.AtEnd()) {
+        obj->Recycle();
+        throw FlowError{where + ": its \"data\" is longer than a " + class_name + " keeps"};
+      }
+    } else {
+      obj = reg->Create(nullptr, nullptr);
+    }
+    auto* op = dynamic_cast<Operator*>(obj);
+    if (!op) {
+      if (obj) obj->Recycle();
+      throw FlowError{where + ": a " + class_name + " could not be created"};
+    }
+    op->SetFlowPos(x, y);
+    return doc_.AddTool(op, name);
+  }
+
+  static std::string ValidInputs(const Operator* op) {
+    std::string names;
+    for (const auto& in : op->Inputs()) names += (names.empty() ? "" : ", ") + Quoted(in->Name());
+    return names.empty() ? "none" : names;
+  }
+
+  // An input by label, or by id where the label is ambiguous or not used.
+  static Input* FindInput(Operator* op, const std::string& key, const std::string& where) {
+    Input* found = nullptr;
+    int matches = 0;
+    for (const auto& in : op->Inputs())
+      if (in->Name() == key) {
+        found = in.get();
+        ++matches;
+      }
+    if (matches > 1)
+      throw FlowError{where + ": the label " + Quoted(key) + " names " + std::to_string(matches) +
+                      " inputs; key them by id instead"};
+    if (found) return found;
+    uint32_t id = 0;
+    if (ParseFourCC(key, id))
+      for (const auto& in : op->Inputs())
+        if (in->Id() == id) return in.get();
+    throw FlowError{where + ": no input " + Quoted(key) + " (valid: " + ValidInputs(op) + ")"};
+  }
+
+  void ApplyInputs(Operator* op, const Json& spec, Pass pass) {
+    const Json& inputs = spec.value("inputs", Json::object());
+    const std::string where = "tool " + Quoted(op->Name());
+    if (!inputs.is_object()) throw FlowError{where + ": \"inputs\" must be an object keyed by input label"};
+    // Clips first: choosing a clip resets a loader's range, which later inputs may then set.
+    for (bool clips : {true, false})
+      for (const auto& [key, value] : inputs.items()) {
+        Input* in = FindInput(op, key, where);
+        if ((in->Type() == vtype::Clip) != clips) continue;
+        ApplyInput(in, value, where + ", input " + Quoted(in->Name()), pass);
+      }
+  }
+
+  void ApplyInput(Input* in, const Json& value, const std::string& where, Pass pass) {
+    if (value.is_object()) {
+      for (const auto& [key, part] : value.items())
+        if (key != "value" && key != "keys" && key != "curve" && key != "link" && key != "modifier")
+          throw FlowError{where + ": unknown key " + Quoted(key) + " (valid: value, keys, curve, link, modifier)"};
+      // Settling must not put a constant back over the animation.
+      if (value.contains("value") && !(pass == Pass::Settle && value.contains("keys")))
+        ApplyInput(in, value["value"], where, pass);
+      if (value.contains("keys") && pass == Pass::Values) in->SetAnimation(ReadSpline(in, value, where));
+      if (value.contains("link")) ApplyInput(in, value["link"], where, pass);
+      if (value.contains("modifier") && pass == Pass::Connections) AddModifier(in, value["modifier"], where);
+      return;
+    }
+    if (value.is_string() && IsLink(in, value.get<std::string>())) {
+      if (pass == Pass::Connections) Connect(in, value.get<std::string>(), where);
+      return;
+    }
+    if (pass == Pass::Connections) return;
+    if (in->IsImage())
+      throw FlowError{where + " takes an image: give the name of the tool it comes from, as \"Tool\" or \"Tool.Output\""};
+    in->SetValue(ReadConstant(in, value, where));
+  }
+
+  // A string on an input that holds no text is a link, unless it names an entry of a list.
+  static bool IsLink(const Input* in, const std::string& s) {
+    if (in->Type() == vtype::Clip || in->Type() == vtype::Text) return false;
+    for (const char* entry : in->Tags().GetStrings(in::ListEntry))
+      if (s == entry) return false;
+    return true;
+  }
+
+  Parameter* ReadConstant(const Input* in, const Json& v, const std::string& where) const {
+    switch (in->Type()) {
+      case vtype::Number:
+        if (v.is_string()) {
+          const auto entries = in->Tags().GetStrings(in::ListEntry);
+          for (size_t i = 0; i < entries.size(); ++i)
+            if (v.get<std::string>() == entries[i]) return new kestrion::Number(double(i));
+        }
+        if (!v.is_number() && !v.is_boolean()) throw FlowError{where + " takes a number" + ListHint(in)};
+        return new kestrion::Number(Number(v, where));
+      case vtype::Point:
+        if (!v.is_array() || v.size() != 2 || !v[0].is_number() || !v[1].is_number())
+          throw FlowError{where + " takes a point [x, y]"};
+        return new Point(v[0].get<float>(), v[1].get<float>());
+      case vtype::Text:
+        if (!v.is_string()) throw FlowError{where + " takes a string"};
+        return new Text(v.get<std::string>());
+      case vtype::Clip:
+        if (!v.is_string()) throw FlowError{where + " takes a clip name such as \"media/plate.####.png\""};
+        return new ClipParameter(v.get<std::string>(), base_folder_);
+      case vtype::LookUpTable: {
+        std::vector<uint16_t> entries;
+        if (v.is_array())
+          for (const Json& e : v) {
+            if (!e.is_number_integer() || e.get<int64_t>() < 0 || e.get<int64_t>() > 65535) {
+              entries.clear();
+              break;
+            }
+            entries.push_back(e.get<uint16_t>());
+          }
+        if (entries.empty() && !(v.is_array() && v.empty()))
+          throw FlowError{where + " takes a table: an array of whole numbers from 0 to 65535"};
+        return new LookUpTable(std::move(entries));
+      }
+      default:
+        throw FlowError{where + " has the value type " + Quoted(FourCCText(in->Type())) + ", which a text flow cannot set"};
+    }
+  }
+
+  static std::string ListHint(const Input* in) {
+    const auto entries = in->Tags().GetStrings(in::ListEntry);
+    if (entries.empty()) return {};
+    std::string hint = " or one of its entries (";
+    for (size_t i = 0; i < entries.size(); ++i) hint += (i ? ", " : "") + Quoted(entries[i]);
+    return hint + ")";
+  }
+
+  Spline ReadSpline(const Input* in, const Json& anim, const std::string& where) const {
+    if (in->Type() != vtype::Number && in->Type() != vtype::Point)
+      throw FlowError{where + ": only number and point inputs can be animated"};
+    uint32_t curve = in->Tags().GetInt(in::CurveKind, Spline::Linear);
+    if (anim.contains("curve")) {
+      const Json& c = anim["curve"];
+      if (c == "linear")
+        curve = Spline::Linear;
+      else if (c == "bezier")
+        curve = Spline::Bezier;
+      else
+        throw FlowError{where + ": \"curve\" must be \"linear\" or \"bezier\""};
+    }
+    Spline spline(curve);
+    const Json& keys = anim["keys"];
+    if (!keys.is_array()) throw FlowError{where + ": \"keys\" must be an array of [time, value] pairs"};
+    for (const Json& k : keys) {
+      if (!k.is_array() || k.size() != 2 || !k[0].is_number())
+        throw FlowError{where + ": each key must be [time, value]"};
+      KeyPoint key;
+      key.time = k[0].get<double>();
+      Ref<Parameter> value = Ref<Parameter>::Adopt(ReadConstant(in, k[1], where + ", key at " + k[0].dump()));
+      if (auto* n = dynamic_cast<kestrion::Number*>(value.get())) key.value[0] = n->value;
+      if (auto* p = dynamic_cast<Point*>(value.get())) {
+        key.value[0] = p->x;
+        key.value[1] = p->y;
+      }
+      spline.SetKey(key);
+    }
+    return spline;
+  }
+
+  // "Tool" (its first output that fits) or "Tool.Output" (by label or id).
+  Output* FindOutput(const Input* in, const std::string& text, const std::string& where) const {
+    if (Operator* tool = doc_.FindTool(text)) {
+      for (const auto& out : tool->Outputs())
+        if (out->Type() == in->Type() || (in->IsImage() && (out->Type() == vtype::Image || out->Type() == vtype::Mask)))
+          return out.get();
+      throw FlowError{where + ": tool " + Quoted(text) + " has no output that fits this input"};
+    }
+    for (size_t dot = text.find('.'); dot != std::string::npos; dot = text.find('.', dot + 1)) {
+      Operator* tool = doc_.FindTool(text.substr(0, dot));
+      if (!tool) continue;
+      const std::string label = text.substr(dot + 1);
+      uint32_t id = 0;
+      const bool has_id = ParseFourCC(label, id);
+      for (const auto& out : tool->Outputs())
+        if (out->Name() == label || (has_id && out->Id() == id)) return out.get();
+      std::string valid;
+      for (const auto& out : tool->Outputs()) valid += (valid.empty() ? "" : ", ") + Quoted(out->Name());
+      throw FlowError{where + ": tool " + Quoted(tool->Name()) + " has no output " + Quoted(label) + " (valid: " + valid + ")"};
+    }
+    throw FlowError{where + ": no tool " + Quoted(text) + " to take the value from" +
+                    (in->IsImage() ? std::string() : std::string(" (a value of this input is ") + ValueKind(in) + ")")};
+  }
+
+  static const char* ValueKind(const Input* in) {
+    switch (in->Type()) {
+      case vtype::Number: return "a number";
+      case vtype::Point: return "a point [x, y]";
+      case vtype::LookUpTable: return "an array";
+      default: return "a string";
+    }
+  }
+
+  void Connect(Input* in, const std::string& text, const std::string& where) {
+    Output* from = FindOutput(in, text, where);
+    HostError err;
+    if (!doc_.Connect(from, in, &err)) throw FlowError{where + ": " + err.message};
+  }
+
+  void AddModifier(Input* in, const Json& spec, const std::string& where) {
+    if (!spec.is_object() || !spec.contains("class") || !spec["class"].is_string())
+      throw FlowError{where + ": \"modifier\" must be an object with a \"class\""};
+    for (const auto& [key, value] : spec.items())
+      if (key != "class" && key != "name" && key != "inputs" && key != "position")
+        throw FlowError{where + ": unknown key " + Quoted(key) + " in the modifier (valid: class, name, inputs, position)"};
+    HostError err;
+    Operator* mod = doc_.AddModifier(in, spec["class"].get<std::string>(), &err);
+    if (!mod) throw FlowError{where + ": " + err.message};
+    if (spec.contains("name")) {
+      const Json& name = spec["name"];
+      if (!name.is_string() || !doc_.RenameTool(mod, name.get<std::string>()))
+        throw FlowError{where + ": the modifier's \"name\" must be a name no other tool has"};
+    }
+    if (spec.contains("position")) {
+      const Json& p = spec["position"];
+      if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
+        throw FlowError{where + ": the modifier's \"position\" must be [x, y] in whole numbers"};
+      mod->SetFlowPos(p[0].get<int>(), p[1].get<int>());
+    }
+    for (Pass pass : {Pass::Values, Pass::Connections, Pass::Settle}) ApplyInputs(mod, spec, pass);
+  }
+
+  CPipelineDoc& doc_;
+  std::string base_folder_;
+};
+
+// --- saving ---
+
+class TextFlowWriter {
+ public:
+  explicit TextFlowWriter(const CPipelineDoc& doc) : doc_(doc) {}
+
+  Json Write() const {
+    Json root;
+    root["kestrion"] = kFormatVersion;
+    root["range"] = {doc_.render_range.start, doc_.render_range.end};
+    if (doc_.current_time != 0.0) root["time"] = doc_.current_time;
+    Json prefs;
+    prefs["proxy"] = PGeneral.proxy;
+    prefs["video"] = {{"width", PVidMode.width}, {"height", PVidMode.height}, {"aspect", {PVidMode.aspect_x, PVidMode.aspect_y}}};
+    prefs["preview"] = {{"width", PPreview.width}, {"height", PPreview.height}, {"fit", PPreview.fit_to_box}};
+    Json compression = Json::object();
+    for (const auto& [ext, level] : ClipParameter::Compression()) compression[ext] = level;
+    prefs["compression"] = compression;
+    root["preferences"] = prefs;
+    Json tools = Json::object();
+    for (Operator* op : doc_.Tools())
+      if (!IsAttachedModifier(op)) tools[op->Name()] = Tool(op, false);
+    root["tools"] = tools;
+    return root;
+  }
+
+ private:
+  bool IsAttachedModifier(const Operator* op) const {
+    for (Operator* other : doc_.Tools())
+      for (const auto& in : other->Inputs())
+        if (in->Modifier() == op) return true;
+    return false;
+  }
+
+  Json Tool(Operator* op, bool as_modifier) const {
+    Json tool;
+    tool["class"] = op->Class()->Name();
+    if (as_modifier) tool["name"] = op->Name();
+    if (op->FlowX() != 0 || op->FlowY() != 0) tool["position"] = {op->FlowX(), op->FlowY()};
+    Json inputs = Json::object();
+    // Clips first and the global span last, the order in which loading them settles.
+    std::vector<const Input*> order;
+    for (const auto& in : op->Inputs())
+      if (in->Type() == vtype::Clip) order.push_back(in.get());
+    for (const auto& in : op->Inputs())
+      if (in->Type() != vtype::Clip && in->Id() != FourCC("GlIn") && in->Id() != FourCC("GlOt")) order.push_back(in.get());
+    for (uint32_t id : {FourCC("GlIn"), FourCC("GlOt")})
+      if (const Input* in = op->FindInput(id)) order.push_back(in);
+    for (const Input* in : order) {
+      Json value = InputValue(*in);
+      if (!value.is_null()) inputs[Key(*op, *in)] = value;
+    }
+    tool["inputs"] = inputs;
+    const std::string data = OwnFields(op);
+    if (!data.empty()) tool["data"] = data;
+    return tool;
+  }
+
+  // The label, or the id where another input has the same label.
+  static std::string Key(const Operator& op, const Input& in) {
+    int same = 0;
+    for (const auto& other : op.Inputs()) same += other->Name() == in.Name();
+    return same > 1 ? IdText(in.Id()) : in.Name();
+  }
+
+  Json InputValue(const Input& in) const {
+    const InputState& s = in.State();
+    Json value;
+    if (s.constant && !in.IsImage()) value = Constant(*s.constant);
+    const bool plain = !s.animation && !s.link && !s.modifier;
+    if (plain) return value;
+    Json obj = Json::object();
+    if (!value.is_null()) obj["value"] = value;
+    if (s.animation) {
+      Json keys = Json::array();
+      for (const KeyPoint& k : s.animation->Keys()) {
+        if (in.Type() == vtype::Point)
+          keys.push_back({k.time, {FloatJson(float(k.value[0])), FloatJson(float(k.value[1]))}});
+        else
+          keys.push_back({k.time, k.value[0]});
+      }
+      obj["keys"] = keys;
+      obj["curve"] = s.animation->Curve() == Spline::Bezier ? "bezier" : "linear";
+    }
+    if (s.link) obj["link"] = s.link->Owner()->Name() + "." + s.link->Name();
+    if (s.modifier) obj["modifier"] = Tool(s.modifier.get(), true);
+    if (obj.size() == 1 && obj.contains("link")) return obj["link"];
+    return obj;
+  }
+
+  static Json Constant(const Parameter& p) {
+    if (auto* n = dynamic_cast<const kestrion::Number*>(&p)) return n->value;
+    if (auto* pt = dynamic_cast<const Point*>(&p)) return {FloatJson(pt->x), FloatJson(pt->y)};
+    if (auto* t = dynamic_cast<const Text*>(&p)) return t->text;
+    if (auto* c = dynamic_cast<const ClipParameter*>(&p)) return c->Name();
+    if (auto* l = dynamic_cast<const LookUpTable*>(&p)) return l->entries;
+    return nullptr;
+  }
+
+  // The bytes a tool's record holds between the base record and its end, as hexadecimal.
+  static std::string OwnFields(Operator* op) {
+    CArchive whole, base;
+    op->Save(&whole, nullptr);
+    op->Operator::Save(&base, nullptr);
+    const size_t begin = 4 + base.Bytes().size(), end = whole.Bytes().size() - 8;
+    if (end <= begin) return {};
+    return Hex(whole.Bytes().data() + begin, end - begin);
+  }
+
+  const CPipelineDoc& doc_;
+};
+
+std::string Extension(const std::string& path) {
+  std::string ext = std::filesystem::path(path).extension().string();
+  for (char& c : ext) c = char(std::tolower(uint8_t(c)));
+  return ext;
+}
+
+std::string FolderOf(const std::string& path) {
+  const std::filesystem::path p(path);
+  return p.has_parent_path() ? p.parent_path().string() : std::string(".");
+}
+
+}  // namespace
+
+std::unique_ptr<CPipelineDoc> LoadTextFlow(const std::string& text, const std::string& base_folder, HostError* err) {
+  auto doc = std::make_unique<CPipelineDoc>();
+  try {
+    TextFlowReader(*doc, base_folder).Read(Json::parse(text));
+    return doc;
+  } catch (const Json::parse_error& e) {
+    if (err) err->message = std::string("not valid JSON: ") + e.what();
+  } catch (const FlowError& e) {
+    if (err) err->message = e.message;
+  } catch (const std::exception& e) {
+    if (err) err->message = e.what();
+  }
+  return nullptr;
+}
+
+std::string SaveTextFlow(const CPipelineDoc& doc) { return TextFlowWriter(doc).Write().dump(2) + "\n"; }
+
+std::unique_ptr<CPipelineDoc> LoadFlowFile(const std::string& path, HostError* err) {
+  const std::string ext = Extension(path);
+  if (ext == ".kfl") {
+    ClipFolderScope folder(FolderOf(path));
+    return CPipelineDoc::LoadFile(path, err);
+  }
+  if (ext != ".json") {
+    if (err) err->message = "'" + path + "': a flow file ends in .json or .kfl";
+    return nullptr;
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    if (err) err->message = "cannot read '" + path + "': " + std::strerror(errno);
+    return nullptr;
+  }
+  std::stringstream text;
+  text << file.rdbuf();
+  auto doc = LoadTextFlow(text.str(), FolderOf(path), err);
+  if (!doc && err) err->message = "'" + path + "': " + err->message;
+  return doc;
+}
+
+bool SaveFlowFile(const CPipelineDoc& doc, const std::string& path, HostError* err) {
+  const std::string ext = Extension(path);
+  if (ext == ".kfl") return doc.SaveFile(path, err);
+  if (ext != ".json") {
+    if (err) err->message = "'" + path + "': a flow file ends in .json or .kfl";
+    return false;
+  }
+  try {
+    const std::string text = SaveTextFlow(doc);
+    CArchive ar;
+    ar.WriteBytes(text.data(), text.size());
+    ar.WriteFile(path);
+    return true;
+  } catch (const std::exception& e) {
+    if (err) err->message = e.what();
+    return false;
+  }
+}
+
+}  // namespace kestrion

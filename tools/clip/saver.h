@@ -1,0 +1,12 @@
+// Factories of the Saver and the Preview Saver.
+#pragma once
+
+#include "host/object.h"
+#include "host/registry.h"
+
+namespace kestrion::tools {
+
+Object* NewSaver(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewPreviewSaver(Registry* reg, CArchive* ar, TagList* tags);
+
+}  // namespace kestrion::tools
