@@ -6,6 +6,7 @@
 #include "host/operator.h"
 #include "tools/clip/loader.h"
 #include "tools/clip/saver.h"
+#include "tools/color/color_tools.h"
 
 namespace kestrion::frame {
 namespace {
@@ -50,7 +51,8 @@ void RegisterCatalogue() {
   Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)});
   Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)});
   Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()});
-  Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)});
+  Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)},
+                              &tools::NewMerge);
   Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)});
   Standard<FourCC("LKey")>(threshold, "Threshold", ImageTool, {Category("Matte"), Short("LKy"), Describe("Creates a matte from a luminance or color channel"), Display("Luma Keyer"), Group(150), ToolNo(0x100000A)});
   Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)});
@@ -76,15 +78,19 @@ void RegisterCatalogue() {
   Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()});
   Standard<FourCC("3DVE")>(dve, "DVE", ImageTool, {Category("Warp"), Describe("Applies 3D rotation & perspective"), Long("DVE"), Group(141), ToolNo(0x100000F)});
   Standard<FourCC("Dent")>(dent, "Dent", ImageTool, {Category("Warp"), Short("Dnt"), Describe("Dents or bulges a frame"), Group(143), ToolNo(0x100000E)});
-  Standard<FourCC("Bool")>(bool_img, "BoolImg", ImageTool, {Category("Color"), Short("Bol"), Describe("Allows Boolean combinations of foreground channels with the background"), Display("Channel Booleans"), ToolNo(0x1000007)});
+  Standard<FourCC("Bool")>(bool_img, "BoolImg", ImageTool, {Category("Color"), Short("Bol"), Describe("Allows Boolean combinations of foreground channels with the background"), Display("Channel Booleans"), ToolNo(0x1000007)},
+                              &tools::NewChannelBooleans);
   Standard<FourCC("Vort")>(vortex, "Vortex", ImageTool, {Category("Warp"), Short("Vtx"), Describe("Applies a vortex swirl effect"), Group(143), ToolNo(0x100000D)});
   Standard<FourCC("Hilt")>(highlight, "Highlight", ImageTool, {Category("Filter"), Short("HiL"), Describe("Applies highlights to hot-spots"), Group(168), ToolNo(0x1000017)});
-  Standard<FourCC("Colr")>(color_gain, "ColorGain", ImageTool, {Category("Color"), Short("Clr"), Describe("Applies Gain, Gamma and Saturation"), Display("Color Gain"), Group(222), ToolNo(0x1000013)});
+  Standard<FourCC("Colr")>(color_gain, "ColorGain", ImageTool, {Category("Color"), Short("Clr"), Describe("Applies Gain, Gamma and Saturation"), Display("Color Gain"), Group(222), ToolNo(0x1000013)},
+                              &tools::NewColorGain);
   Standard<FourCC("CrMs")>(circle, "Circle", Mask, {Category("Mask"), Describe("Creates a circular mask"), Long("Circle Mask")});
   Standard<FourCC("Back")>(backdrop, "Backdrop", Creator, {Category("Loader/Creator"), Short("BG"), Describe("Creates a four-point gradient frame"), Display("Background"), Group(148), ToolNo(0x1000003), MakesFrames()});
   Standard<FourCC("Blur")>(blur, "Blur", ImageTool, {Category("Filter"), Short("Blur"), Describe("Blurs or Sharpens images"), Display("Blur / Sharpen"), Group(168), ToolNo(0x1000015)});
-  Standard<FourCC("CSpc")>(color_space, "ColorSpace", ImageTool, {Category("Color"), Short("CS"), Describe("Converts the color space of an image"), Display("Color Space"), Group(222), ToolNo(0x100001E)});
-  Standard<FourCC("dmix")>(dissolve, "Dissolve", ImageTool, {Category("Composite"), Short("DX"), Describe("Dissolves and mixes two image together"), Display("Dissolve"), Group(144), ToolNo(0x1000005)});
+  Standard<FourCC("CSpc")>(color_space, "ColorSpace", ImageTool, {Category("Color"), Short("CS"), Describe("Converts the color space of an image"), Display("Color Space"), Group(222), ToolNo(0x100001E)},
+                              &tools::NewColorSpace);
+  Standard<FourCC("dmix")>(dissolve, "Dissolve", ImageTool, {Category("Composite"), Short("DX"), Describe("Dissolves and mixes two image together"), Display("Dissolve"), Group(144), ToolNo(0x1000005)},
+                              &tools::NewDissolve);
   Standard<FourCC("CKey")>(chroma_key, "ChromaKey", ImageTool, {Category("Matte"), Short("CKy"), Describe("Creates a matte from a uniform colored background"), Display("Chroma Keyer"), Group(170), ToolNo(0x1000009)});
   Standard<FourCC("Save")>(saver, "Saver", Saver, {Category("Output"), Short("SV"), Describe("Saves frames to a clip sequence or device"), Group(146), ToolNo(0x1000002), MakesFrames()},
                               &tools::NewSaver);

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <climits>
 #include <cstdint>
 
 #include "host/image.h"
@@ -44,26 +45,34 @@ bool ForEachRow(const Operator& op, RowSpan rows, RowFn&& row_fn) {
   return true;
 }
 
-// A blend fraction m (0 to 1) in 15-bit fixed point: weight = floor(m * 32768) and its
-// complement 32768 - weight.
-struct BlendWeight {
-  int weight = 0;
-  int complement = 32768;
-};
-inline BlendWeight BlendWeightOf(double m) {
-  const int weight = int(std::floor(m * 32768.0));
-  return {weight, 32768 - weight};
+// A double truncated toward zero to 32 bits as the x86 conversion does it: NaN and values
+// outside the 32-bit range give INT32_MIN (the "integer indefinite" value) instead of
+// undefined behaviour.
+inline int32_t TruncToInt(double v) {
+  if (!(v > -2147483649.0 && v < 2147483648.0)) return INT32_MIN;
+  return int32_t(v);
 }
 
-// One channel blended: (a * weight + b * complement) >> 15, keeping the low 8 bits.
-constexpr uint8_t Blend15(int a, int b, BlendWeight w) { return uint8_t((a * w.weight + b * w.complement) >> 15); }
+// 32-bit addition that wraps around, as fixed-point positions stepping far outside an image do.
+constexpr int32_t WrapAdd(int32_t a, int32_t b) { return int32_t(uint32_t(a) + uint32_t(b)); }
+// 32-bit multiplication that wraps around, as the 32-bit products of the blends do.
+constexpr int32_t WrapMul(int32_t a, int32_t b) { return int32_t(uint32_t(a) * uint32_t(b)); }
 
-// A whole pixel word blended channel by channel.
-constexpr uint32_t BlendPixel15(uint32_t a, uint32_t b, BlendWeight w) {
-  uint32_t out = 0;
-  for (int shift = 0; shift < 32; shift += 8)
-    out |= uint32_t(Blend15(int(a >> shift & 255), int(b >> shift & 255), w)) << shift;
-  return out;
+// A blend fraction m (0 to 1) in 15-bit fixed point: weight = trunc(m * 32768) and its
+// complement 32768 - weight (both wrap for fractions typed far outside 0 to 1).
+struct BlendWeight {
+  int32_t weight = 0;
+  int32_t complement = 32768;
+};
+inline BlendWeight BlendWeightOf(double m) {
+  const int32_t weight = TruncToInt(m * 32768.0);
+  return {weight, int32_t(32768u - uint32_t(weight))};
+}
+
+// One channel blended: bits 15 to 22 of a * weight + b * complement, in 32-bit arithmetic
+// that wraps, so fractions outside 0 to 1 wrap the way saved flows expect.
+constexpr uint8_t Blend15(uint32_t a, uint32_t b, BlendWeight w) {
+  return uint8_t((a * uint32_t(w.weight) + b * uint32_t(w.complement)) >> 15);
 }
 
 // A slider size given against a frame 320 pixels wide, in pixels of `img`:

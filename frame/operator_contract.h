@@ -26,6 +26,14 @@ inline void SkipRecordEnd(CArchive* ar) {
   ar->ReadWord();
 }
 
+// Saves the record of a tool that keeps no fields of its own: class id, base record, 0, "EndC".
+inline uint32_t SaveWithoutFields(Operator* op, uint32_t class_id, CArchive* ar, TagList* tags) {
+  ar->WriteWord(class_id);
+  const uint32_t ok = op->Operator::Save(ar, tags) & 1;
+  WriteRecordEnd(ar);
+  return ok;
+}
+
 // Hands an input image on unchanged (a new reference); outputs nothing when there is none.
 inline uint32_t PassThrough(Request* req, Input* in, Output* out) {
   Parameter* value = req->GetInputData(in);

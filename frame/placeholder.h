@@ -17,12 +17,7 @@ class PlaceholderTool final : public ThreadedOperator {
     if (ar) SkipRecordEnd(ar);
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override {
-    ar->WriteWord(ClassId);
-    const uint32_t ok = ThreadedOperator::Save(ar, tags) & 1;
-    WriteRecordEnd(ar);
-    return ok;
-  }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return SaveWithoutFields(this, ClassId, ar, tags); }
 
   uint32_t Process(Request* req) override { return PassThrough(req, image_in_, image_out_); }
 

@@ -406,7 +406,13 @@ bool CPipelineDoc::RenderTool(Operator* op, double time, uint32_t flags, Outputs
   }
 
   Request req(op, time, flags);
-  for (auto& in : op->Inputs()) req.SetInputTime(in.get(), time, 0);
+  // Values that need no upstream render (constants, animations) are there for CheckRequest.
+  for (auto& in : op->Inputs()) {
+    req.SetInputTime(in.get(), time, 0);
+    const ValueSource source = in->Source();
+    if (!in->IsImage() && (source == ValueSource::Constant || source == ValueSource::Animation))
+      if (Parameter* value = in->ValueAt(time)) req.SetInputData(in.get(), value, 0);
+  }
   try {
     op->CheckRequest(&req);
     req.status = 0;

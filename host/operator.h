@@ -244,6 +244,9 @@ class Operator : public LockableObject {
   static void RegCleanup(Registry* reg);
 
   Registry* Class() const { return registry_; }
+  // The picture on the tool's tile in the flow view; null for the host's default tile.
+  const ResBitmap* TilePicture() const { return tile_picture_; }
+  void SetTilePicture(const ResBitmap* picture) { tile_picture_ = picture; }
   CPipelineDoc* Document() const { return document_; }
   const std::string& Name() const { return name_; }
   int FlowX() const { return flow_x_; }
@@ -287,6 +290,7 @@ class Operator : public LockableObject {
   std::map<uint32_t, std::unique_ptr<SavedInput>> saved_inputs_;
   std::vector<PendingConnection> pending_connections_;
   bool caching_ = true;
+  const ResBitmap* tile_picture_ = nullptr;
 };
 
 // An operator that splits its work into chunks run on the host's worker threads.

@@ -69,6 +69,28 @@ struct KeyState {
   bool alt = false;
 };
 
+// A small picture for a tool's tile in the flow view, held as BGRA words row by row. Tools
+// load theirs once for all instances from the module's resources.
+class ResBitmap {
+ public:
+  bool Loaded() const { return !pixels_.empty(); }
+  // Takes a picture of width x height words; false (and nothing loaded) when the size is wrong.
+  bool Load(int width, int height, std::vector<uint32_t> pixels) {
+    if (width <= 0 || height <= 0 || pixels.size() != size_t(width) * size_t(height)) return false;
+    width_ = width;
+    height_ = height;
+    pixels_ = std::move(pixels);
+    return true;
+  }
+  int Width() const { return width_; }
+  int Height() const { return height_; }
+  const std::vector<uint32_t>& Pixels() const { return pixels_; }
+
+ private:
+  int width_ = 0, height_ = 0;
+  std::vector<uint32_t> pixels_;
+};
+
 // Host message records and windows that only the interactive host fills in.
 struct Message {
   uint32_t code = 0;

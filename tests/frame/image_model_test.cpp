@@ -100,13 +100,6 @@ TEST(Blend15, WeightsRoundDownAndResultsKeepTheLowByte) {
   }
 }
 
-TEST(Blend15, PixelsBlendChannelByChannel) {
-  const BlendWeight w = BlendWeightOf(0.25);  // 8192 and 24576
-  // (a * 8192 + b * 24576) >> 15 per byte: blue 0 and 200 give 150, green 0, red 100 and 0
-  // give 25, alpha 255 and 64 give 111.75.
-  EXPECT_EQ(BlendPixel15(test::Bgra(0, 0, 100, 255), test::Bgra(200, 0, 0, 64), w), test::Bgra(150, 0, 25, 111));
-}
-
 TEST(ReferenceSize, MeasuresAgainstA320PixelFrame) {
   Image img(640, 10);
   EXPECT_DOUBLE_EQ(ReferenceSize(10.0, img), 20.0);

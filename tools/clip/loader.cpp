@@ -132,12 +132,7 @@ class Loader final : public SourceOperator {
     return true;
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override {
-    ar->WriteWord(kClassId);
-    const uint32_t ok = SourceOperator::Save(ar, tags) & 1;
-    frame::WriteRecordEnd(ar);
-    return ok;
-  }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
 
   void GetTitle(char* title) override {
     char base[kTitleSize];

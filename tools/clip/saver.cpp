@@ -45,12 +45,7 @@ class Saver : public ThreadedOperator {
 
   ~Saver() override { ReleaseFieldBuffer(); }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override {
-    ar->WriteWord(kClassId);
-    const uint32_t ok = ThreadedOperator::Save(ar, tags) & 1;
-    frame::WriteRecordEnd(ar);
-    return ok;
-  }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
 
   void OnStartRender(RenderMessage* msg) override {
     if (Ref<ClipParameter> clip = CurrentClip()) clip->BeginUse();

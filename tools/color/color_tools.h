@@ -1,0 +1,15 @@
+// Factories of the colour and compositing tools.
+#pragma once
+
+#include "host/object.h"
+#include "host/registry.h"
+
+namespace kestrion::tools {
+
+Object* NewColorGain(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewColorSpace(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewMerge(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewDissolve(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewChannelBooleans(Registry* reg, CArchive* ar, TagList* tags);
+
+}  // namespace kestrion::tools
