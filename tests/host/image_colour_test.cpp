@@ -14,12 +14,7 @@
 namespace kestrion {
 namespace {
 
-using test::Bgra;
-using test::MakeFrame;
-using test::MakeMask;
-using test::Rows;
-using test::Words;
-using Vec = std::vector<uint32_t>;
+using namespace test;
 
 enum class Op { RGBtoYUV, YUVtoRGB, RGBtoHLS, HLStoRGB, RGBtoGUV, ColourDifference };
 

@@ -14,13 +14,7 @@
 namespace kestrion {
 namespace {
 
-using test::Bgra;
-using test::MakeFrame;
-using test::MakeMask;
-using test::Rows;
-using test::Words;
-using Vec = std::vector<uint32_t>;
-using Bytes = std::vector<uint8_t>;
+using namespace test;
 
 // A row of blue values (other channels 0).
 Vec Blues(const std::vector<uint32_t>& values) {

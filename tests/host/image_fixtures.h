@@ -14,6 +14,10 @@
 
 namespace kestrion::test {
 
+// Expected pixel words and mask bytes, row after row.
+using Vec = std::vector<uint32_t>;
+using Bytes = std::vector<uint8_t>;
+
 enum class Rows { Owned, TopDown, BottomUp };
 
 inline std::string RowsName(Rows rows) {

@@ -14,13 +14,7 @@
 namespace kestrion {
 namespace {
 
-using test::Bgra;
-using test::MakeFrame;
-using test::MakeMask;
-using test::Rows;
-using test::Words;
-using Vec = std::vector<uint32_t>;
-using Bytes = std::vector<uint8_t>;
+using namespace test;
 
 class ImageOpsTest : public ::testing::TestWithParam<Rows> {
  protected:

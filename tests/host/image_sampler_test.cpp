@@ -10,10 +10,7 @@
 namespace kestrion {
 namespace {
 
-using test::Bgra;
-using test::MakeFrame;
-using test::MakeMask;
-using test::Rows;
+using namespace test;
 
 // Each channel of a pixel differs, and the four pixels step by 40 per channel:
 //   P00 = (10, 20, 30, 40)    P10 = (50, 60, 70, 80)

@@ -47,6 +47,17 @@ TEST(CrtRand, SeedOneGivesTheRuntimeSequence) {
   EXPECT_EQ(got, (std::vector<int>{41, 18467, 6334, 26500, 19169}));
 }
 
+// Drawing in blocks gives the same sequence, and single draws carry on where a block ended.
+TEST(CrtRand, BlocksContinueTheSameSequence) {
+  crt_srand(1);
+  std::vector<int> block(3);
+  crt_rand_n(block.data(), block.size());
+  EXPECT_EQ(block, (std::vector<int>{41, 18467, 6334}));
+  EXPECT_EQ(crt_rand(), 26500);
+  crt_rand_n(block.data(), 0);
+  EXPECT_EQ(crt_rand(), 19169);
+}
+
 TEST(CrtRand, ReseedingRestartsAndResultsStayIn15Bits) {
   crt_srand(12345);
   const int first = crt_rand();

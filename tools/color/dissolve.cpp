@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "frame/image_model.h"
 #include "frame/operator_contract.h"
@@ -20,10 +22,12 @@ constexpr uint32_t kClassId = FourCC("dmix");
 enum DissolveInput { Operation, Mix, Background, Foreground, kInputCount };
 enum Operations { Plain = 0, AdditiveMix = 1, Erode = 2, Random = 3, RandomNoise = 4 };
 
-// The weights of one render: m and n = 32768 - m for the blends, and the random threshold k.
+// The weights of one render: m and n = 32768 - m for the blends, the random threshold k, and
+// room for one row of random draws.
 struct DissolveWeights {
   frame::BlendWeight blend;
   int threshold = 1;
+  int* draws = nullptr;
 };
 
 // --- row kernels: `count` pixels of f and b into out ---
@@ -67,8 +71,10 @@ void ErodeRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, co
   }
 }
 
+// One draw per pixel, in row order.
 void RandomRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveWeights& w) {
-  for (int x = 0; x < count; ++x) out[x] = crt_rand() < w.threshold ? f[x] : b[x];
+  crt_rand_n(w.draws, size_t(count));
+  for (int x = 0; x < count; ++x) out[x] = w.draws[x] < w.threshold ? f[x] : b[x];
 }
 
 using RowKernel = void (*)(const uint32_t*, const uint32_t*, uint32_t*, int, const DissolveWeights&);
@@ -130,9 +136,11 @@ class Dissolve final : public ThreadedOperator {
 
     if (operation == 3.0) crt_srand(InstanceValue());
     if (operation == 4.0) crt_srand(SeedAt(req->time));
-    const DissolveWeights weights{frame::BlendWeightOf(mix), frame::WrapAdd(frame::TruncToInt(mix * 32767.0), 1)};
     if (RowKernel kernel = KernelFor(frame::TruncToInt(operation))) {
       const int width = std::min(fg->Width(), bg->Width()), height = std::min(fg->Height(), bg->Height());
+      draws_.resize(size_t(width));
+      const DissolveWeights weights{frame::BlendWeightOf(mix), frame::WrapAdd(frame::TruncToInt(mix * 32767.0), 1),
+                                    draws_.data()};
       frame::ForEachRow(*this, {0, height}, [&](int y) { kernel(fg->Row(y), bg->Row(y), out->Row(y), width, weights); });
     }
     return req->SetOutputData(image_out_, out);
@@ -157,6 +165,7 @@ class Dissolve final : public ThreadedOperator {
   Input* in_[kInputCount];
   Output* image_out_;
   uint32_t instance_value_ = 0;
+  std::vector<int> draws_;  // kept between renders so a render allocates nothing
 };
 
 }  // namespace
