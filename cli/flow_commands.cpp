@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <optional>
-#include <regex>
 #include <thread>
 #include <vector>
 
@@ -35,16 +34,27 @@ struct FrameList {
   long Count() const { return (last - first) / step + 1; }
 };
 
+// Reads a whole number of up to nine digits, with an optional minus sign, at `at`.
+bool ReadFrameNumber(const std::string& text, size_t& at, long& value) {
+  const size_t start = at;
+  if (at < text.size() && text[at] == '-') ++at;
+  const size_t digits = at;
+  while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at;
+  if (at == digits || at - digits > 9) return false;
+  value = std::stol(text.substr(start, at - start));
+  return true;
+}
+
 // "12", "1-100" or "1-100x5"; frame numbers may be negative ("-10--1").
 std::optional<FrameList> ParseFrames(const std::string& text) {
-  static const std::regex form(R"((-?\d{1,9})(?:-(-?\d{1,9}))?(?:x(\d{1,9}))?)");
-  std::smatch m;
-  if (!std::regex_match(text, m, form)) return std::nullopt;
   FrameList frames;
-  frames.first = std::stol(m[1]);
-  frames.last = m[2].matched ? std::stol(m[2]) : frames.first;
-  frames.step = m[3].matched ? std::stol(m[3]) : 1;
-  if (frames.last < frames.first || frames.step < 1) return std::nullopt;
+  size_t at = 0;
+  if (!ReadFrameNumber(text, at, frames.first)) return std::nullopt;
+  frames.last = frames.first;
+  if (at < text.size() && text[at] == '-' && !ReadFrameNumber(text, ++at, frames.last)) return std::nullopt;
+  if (at < text.size() && text[at] == 'x' && (!ReadFrameNumber(text, ++at, frames.step) || frames.step < 1))
+    return std::nullopt;
+  if (at != text.size() || frames.last < frames.first) return std::nullopt;
   return frames;
 }
 

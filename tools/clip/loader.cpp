@@ -177,9 +177,9 @@ class Loader final : public SourceOperator {
   }
 
   uint32_t Process(Request* req) override {
-    const double gin = frame::NumberInput(req, global_in_), gout = frame::NumberInput(req, global_out_);
-    const double cs = frame::NumberInput(req, in_[ClipStart]), ce = frame::NumberInput(req, in_[ClipEnd]);
-    const double ef = frame::NumberInput(req, in_[ExtendFirst]);
+    const int gin = int(frame::NumberInput(req, global_in_)), gout = int(frame::NumberInput(req, global_out_));
+    const int cs = int(frame::NumberInput(req, in_[ClipStart])), ce = int(frame::NumberInput(req, in_[ClipEnd]));
+    const int ef = int(frame::NumberInput(req, in_[ExtendFirst]));
     const int reverse = int(frame::NumberInput(req, in_[Reverse]));
     const int loop = int(frame::NumberInput(req, in_[Loop]));
     const int missing = int(frame::NumberInput(req, in_[MissingFrames]));
