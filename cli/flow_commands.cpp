@@ -72,7 +72,7 @@ std::string CheckClips(const std::vector<Operator*>& tools) {
     for (const auto& in : op->Inputs()) {
       if (in->Type() != vtype::Clip || in->Source() != ValueSource::Constant) continue;
       Ref<ClipParameter> clip = ClipOf(in.get());
-      const std::string where = op->Name() + ", input " + Quoted(in->Name());
+      const std::string where = "tool " + Quoted(op->Name()) + ", input " + Quoted(in->Name());
       if (!clip || clip->Name().empty()) return where + ": no clip is set";
       if (!(op->op_flags & kSaverFlag) && clip->Length() == 0)
         return where + ": no frames of '" + clip->Path() + "' on disk";
@@ -185,7 +185,7 @@ FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers,
         for (const Failure& f : failures) std::fprintf(stderr, "warning: frame %ld: %s\n", frame, f.message.c_str());
         continue;
       }
-      FrameResult result{status::FrameFailed, "frame " + std::to_string(frame) + ", " + saver->Name() + ": "};
+      FrameResult result{status::FrameFailed, "frame " + std::to_string(frame) + ", tool " + Quoted(saver->Name()) + ": "};
       if (!failures.empty()) {
         bool temporary = true;
         for (size_t i = 0; i < failures.size(); ++i) {

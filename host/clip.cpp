@@ -77,6 +77,10 @@ bool WriteAtomically(const std::string& path, const ImageSpec& spec, const std::
   if (!ok) {
     std::string why = out->geterror();
     if (why.empty()) why = std::strerror(saved_errno ? saved_errno : EIO);
+    // The codec names the temporary file; the user knows the frame by its final name.
+    for (size_t at; (at = why.find(temp)) != std::string::npos;) why.replace(at, temp.size(), path);
+    if (saved_errno != 0 && why.find(std::strerror(saved_errno)) == std::string::npos)
+      why += std::string(" (") + std::strerror(saved_errno) + ")";
     *error = "cannot write '" + path + "': " + why;
     *temporary = IsTemporaryErrno(saved_errno);
     out.reset();
