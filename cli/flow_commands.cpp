@@ -8,6 +8,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -171,6 +172,10 @@ struct FrameResult {
   std::string message;
 };
 
+FrameResult StoppedBySignal(int sig) {
+  return {status::SignalBase + sig, "stopped by signal " + std::to_string(sig) + " (" + strsignal(sig) + ")"};
+}
+
 // Renders every saver at the frame's times (two with fields: n and n + 0.5).
 FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers, long frame, bool fields,
                         uint32_t flags) {
@@ -180,7 +185,7 @@ FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers,
       HostError err;
       Ref<Parameter> out = doc.Render(saver->Outputs()[0].get(), time, flags, &err);
       std::vector<Failure> failures = TakeFailures();
-      if (g_stop_signal != 0) return {status::SignalBase + int(g_stop_signal), "stopped by signal"};
+      if (g_stop_signal != 0) return StoppedBySignal(int(g_stop_signal));
       if (out && err.message.empty()) {
         for (const Failure& f : failures) std::fprintf(stderr, "warning: frame %ld: %s\n", frame, f.message.c_str());
         continue;
@@ -258,7 +263,7 @@ int RenderFlow(const RenderOptions& options) {
     Progress progress(frames->Count());
     for (long frame = frames->first; frame <= frames->last; frame += frames->step) {
       if (signals.Signal() != 0) {
-        result = {status::SignalBase + signals.Signal(), "stopped by signal"};
+        result = StoppedBySignal(signals.Signal());
         break;
       }
       if (options.resume && FrameOnDisk(savers, frame)) {
