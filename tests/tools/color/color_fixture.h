@@ -1,0 +1,125 @@
+// What the colour and compositing tool tests share: a picture source whose image a test sets
+// (its class is registered only while a fixture lives, so the catalogue is untouched), the
+// facts `kestrion describe` shows of inputs, and a fixture that builds and renders a flow.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/document.h"
+#include "tests/host/image_fixtures.h"
+#include "tests/host/test_tools.h"
+
+namespace kestrion {
+
+// (blue, green, red, alpha), the byte order of the pixel word.
+inline void PrintTo(const Pixel& p, std::ostream* os) {
+  *os << "(" << int(p.b) << "," << int(p.g) << "," << int(p.r) << "," << int(p.a) << ")";
+}
+
+namespace test {
+
+constexpr uint32_t kPictureId = FourCC("tPic");
+constexpr double kNoDefault = __builtin_nan("");
+
+// Outputs `image` itself, the same object on every render.
+class Picture final : public test_tools::TestTool<kPictureId> {
+ public:
+  Picture(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
+    out = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    if (ar) frame::SkipRecordEnd(ar);
+  }
+  uint32_t Process(Request* req) override {
+    image->Use();
+    return req->SetOutputData(out, image.get());
+  }
+  Output* out;
+  Ref<Image> image;
+};
+
+struct PictureClass {
+  Registry record{&ClassRegistry, "TestPicture",
+                  TagList{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
+                          Tag(reg::Factory, &frame::Factory<Picture>), Tag(reg::ClassId, kPictureId),
+                          Tag(reg::ClassType, classtype::Creator)}};
+};
+
+inline std::vector<Pixel> Pixels(const Image& img) {
+  std::vector<Pixel> out;
+  for (uint32_t w : Words(img)) out.push_back(Pixel::FromWord(w));
+  return out;
+}
+
+// One input as `kestrion describe` shows it; a NaN default is not checked.
+struct InputFacts {
+  std::string label;
+  uint32_t type, id;
+  double default_value;
+  std::vector<std::string> entries = {};
+  bool optional = false;
+};
+
+// The inputs in declaration order, then the one image output.
+inline void ExpectInputs(const Operator& op, const std::vector<InputFacts>& facts) {
+  ASSERT_EQ(op.Inputs().size(), facts.size());
+  for (size_t i = 0; i < facts.size(); ++i) {
+    const Input& in = *op.Inputs()[i];
+    const InputFacts& f = facts[i];
+    SCOPED_TRACE("input \"" + f.label + "\"");
+    EXPECT_EQ(in.Name(), f.label);
+    EXPECT_EQ(in.Type(), f.type);
+    EXPECT_EQ(in.Id(), f.id);
+    if (f.default_value == f.default_value) {
+      EXPECT_EQ(in.GetAttrD(in::Default, -1.0), f.default_value);
+    }
+    const std::vector<const char*> entries = in.Tags().GetStrings(in::ListEntry);
+    EXPECT_EQ(std::vector<std::string>(entries.begin(), entries.end()), f.entries);
+    EXPECT_EQ(in.IsOptional(), f.optional);
+  }
+  ASSERT_EQ(op.Outputs().size(), 1u);
+  EXPECT_EQ(op.Outputs()[0]->Name(), "Image");
+  EXPECT_EQ(op.Outputs()[0]->Id(), ImageOutputId(1));
+}
+
+class ColorToolTest : public ::testing::Test {
+ protected:
+  // A picture tool holding a w x h image of the given pixels, top row first.
+  Picture* Source(int w, int h, const std::vector<Pixel>& pixels) {
+    auto* pic = test_tools::Make<Picture>(doc_, "TestPicture");
+    std::vector<uint32_t> words;
+    for (const Pixel& p : pixels) words.push_back(p.Word());
+    pic->image = MakeFrame(w, h, Rows::Owned, words).image;
+    return pic;
+  }
+  Picture* Flat(int w, int h, Pixel p) { return Source(w, h, std::vector<Pixel>(size_t(w * h), p)); }
+
+  Operator* Tool(const char* class_name) {
+    Operator* op = doc_.CreateTool(class_name);
+    if (!op) throw std::runtime_error(std::string("cannot create a ") + class_name);
+    return op;
+  }
+  static Input* In(Operator* op, const std::string& label) { return op->FindInput(0, label.c_str()); }
+  static void Set(Operator* op, const std::string& label, double v) { In(op, label)->SetValue(new Number(v)); }
+  void Link(Picture* from, Operator* op, const char* label) { ASSERT_TRUE(doc_.Connect(from->out, In(op, label))); }
+
+  Ref<Image> Render(Operator* op, double time = 0.0, uint32_t flags = 0) {
+    HostError err;
+    Ref<Parameter> v = doc_.Render(op->Outputs()[0].get(), time, flags, &err);
+    EXPECT_EQ(err.message, "");
+    return Ref<Image>::Share(dynamic_cast<Image*>(v.get()));
+  }
+  std::vector<Pixel> RenderPixels(Operator* op, double time = 0.0, uint32_t flags = 0) {
+    Ref<Image> img = Render(op, time, flags);
+    return img ? Pixels(*img) : std::vector<Pixel>{};
+  }
+
+  PictureClass pictures_;  // outlives the document
+  CPipelineDoc doc_;
+};
+
+}  // namespace test
+}  // namespace kestrion
