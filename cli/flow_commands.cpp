@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -284,6 +286,12 @@ int RenderFlow(const RenderOptions& options) {
 }
 
 int ConvertFlow(const std::string& in, const std::string& out) {
+  std::string ext = std::filesystem::path(out).extension().string();
+  for (char& c : ext) c = char(std::tolower(uint8_t(c)));
+  if (ext != ".json" && ext != ".kfl") {
+    std::fprintf(stderr, "kestrion: '%s': a flow file ends in .json or .kfl\n", out.c_str());
+    return status::BadInput;
+  }
   HostError err;
   auto doc = LoadFlowFile(in, &err);
   if (!doc) {

@@ -82,8 +82,11 @@ class TextFlowReader {
 
   void Read(const Json& root) {
     if (!root.is_object()) throw FlowError{"a text flow is a JSON object"};
-    if (!root.contains("kestrion") || root["kestrion"] != kFormatVersion)
+    if (!root.contains("kestrion"))
       throw FlowError{"not a Kestrion text flow: \"kestrion\": " + std::to_string(kFormatVersion) + " is missing"};
+    if (root["kestrion"] != kFormatVersion)
+      throw FlowError{"text flow version " + root["kestrion"].dump() + " is not supported (this build reads " +
+                      std::to_string(kFormatVersion) + ")"};
     for (const auto& [key, value] : root.items())
       if (key != "kestrion" && key != "range" && key != "time" && key != "preferences" && key != "tools")
         throw FlowError{"unknown key " + Quoted(key) + " (valid: kestrion, range, time, preferences, tools)"};
@@ -104,6 +107,8 @@ class TextFlowReader {
     for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Connections);
     // Values set later may have moved earlier ones (a clip resets its range): settle them.
     for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Settle);
+    // Codec settings only matter to writes: they are taken once nothing can fail any more.
+    for (const auto& [ext, level] : compression_) ClipParameter::SetCompression(ext, level);
   }
 
  private:
@@ -142,7 +147,7 @@ class TextFlowReader {
           const double l = Number(level, "\"preferences\".\"compression\"." + Quoted(ext));
           if (l < 0 || l > 100 || l != std::floor(l))
             throw FlowError{"\"preferences\".\"compression\"." + Quoted(ext) + " must be a whole number from 0 to 100"};
-          ClipParameter::SetCompression(ext, int(l));
+          compression_.emplace_back(ext, int(l));
         }
       } else {
         throw FlowError{"unknown preference " + Quoted(key) + " (valid: proxy, video, preview, compression)"};
@@ -236,9 +241,17 @@ class TextFlowReader {
         found = in.get();
         ++matches;
       }
-    if (matches > 1)
+    if (matches > 1) {
+      std::string ids;
+      for (const auto& in : op->Inputs())
+        if (in->Name() == key) {
+          const std::string code = FourCCText(in->Id());
+          ids += (ids.empty() ? "" : ", ") + Quoted(IdText(in->Id())) +
+                 (code.find('\\') == std::string::npos ? " or " + Quoted(code) : std::string());
+        }
       throw FlowError{where + ": the label " + Quoted(key) + " names " + std::to_string(matches) +
-                      " inputs; key them by id instead"};
+                      " inputs; key them by id instead (valid: " + ids + ")"};
+    }
     if (found) return found;
     uint32_t id = 0;
     if (ParseFourCC(key, id))
@@ -390,8 +403,17 @@ class TextFlowReader {
       for (const auto& out : tool->Outputs()) valid += (valid.empty() ? "" : ", ") + Quoted(out->Name());
       throw FlowError{where + ": tool " + Quoted(tool->Name()) + " has no output " + Quoted(label) + " (valid: " + valid + ")"};
     }
-    throw FlowError{where + ": no tool " + Quoted(text) + " to take the value from" +
-                    (in->IsImage() ? std::string() : std::string(" (a value of this input is ") + ValueKind(in) + ")")};
+    std::string tools;
+    for (Operator* op : doc_.Tools())
+      if (op != in->Owner()) tools += (tools.empty() ? "" : ", ") + Quoted(op->Name());
+    if (tools.empty()) tools = "none";
+    if (in->IsImage())
+      throw FlowError{where + ": no tool " + Quoted(text) + " to take the image from (valid: " + tools + ")"};
+    const auto entries = in->Tags().GetStrings(in::ListEntry);
+    std::string valid;
+    for (const char* entry : entries) valid += Quoted(entry) + ", ";
+    throw FlowError{where + ": no tool " + (entries.empty() ? "" : "or entry ") + Quoted(text) + " (valid: " + valid +
+                    ValueKind(in) + ", or a link to one of the tools " + tools + ")"};
   }
 
   static const char* ValueKind(const Input* in) {
@@ -434,6 +456,7 @@ class TextFlowReader {
 
   CPipelineDoc& doc_;
   std::string base_folder_;
+  std::vector<std::pair<std::string, int>> compression_;
 };
 
 // --- saving ---
@@ -563,6 +586,10 @@ std::string FolderOf(const std::string& path) {
 
 std::unique_ptr<CPipelineDoc> LoadTextFlow(const std::string& text, const std::string& base_folder, HostError* err) {
   auto doc = std::make_unique<CPipelineDoc>();
+  // A flow that is refused leaves the settings as they were.
+  const GeneralPrefs general = PGeneral;
+  const VideoModePrefs video = PVidMode;
+  const PreviewPrefs preview = PPreview;
   try {
     TextFlowReader(*doc, base_folder).Read(Json::parse(text));
     return doc;
@@ -573,6 +600,10 @@ std::unique_ptr<CPipelineDoc> LoadTextFlow(const std::string& text, const std::s
   } catch (const std::exception& e) {
     if (err) err->message = e.what();
   }
+  doc.reset();
+  PGeneral = general;
+  PVidMode = video;
+  PPreview = preview;
   return nullptr;
 }
 
