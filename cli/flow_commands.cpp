@@ -29,8 +29,10 @@ namespace {
 constexpr uint32_t kSaverFlag = 0x40;
 constexpr uint32_t kFilenameId = FourCC("File");
 
-volatile std::sig_atomic_t g_stop_signal = 0;
-extern "C" void OnStopSignal(int sig) { g_stop_signal = sig; }
+// A lock-free atomic is safe to store from a signal handler and to read from the watcher thread.
+std::atomic<int> g_stop_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
+extern "C" void OnStopSignal(int sig) { g_stop_signal.store(sig); }
 
 struct FrameList {
   long first = 0, last = 0, step = 1;
@@ -152,7 +154,7 @@ class SignalWatch {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &action, nullptr);
     watcher_ = std::thread([this] {
       while (!done_.load()) {
-        if (g_stop_signal != 0) doc_.Abort();
+        if (g_stop_signal.load() != 0) doc_.Abort();
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
       }
     });
@@ -161,7 +163,7 @@ class SignalWatch {
     done_.store(true);
     watcher_.join();
   }
-  int Signal() const { return g_stop_signal; }
+  int Signal() const { return g_stop_signal.load(); }
 
  private:
   CPipelineDoc& doc_;
@@ -187,7 +189,7 @@ FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers,
       HostError err;
       Ref<Parameter> out = doc.Render(saver->Outputs()[0].get(), time, flags, &err);
       std::vector<Failure> failures = TakeFailures();
-      if (g_stop_signal != 0) return StoppedBySignal(int(g_stop_signal));
+      if (const int sig = g_stop_signal.load()) return StoppedBySignal(sig);
       if (out && err.message.empty()) {
         for (const Failure& f : failures) std::fprintf(stderr, "warning: frame %ld: %s\n", frame, f.message.c_str());
         continue;

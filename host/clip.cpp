@@ -54,6 +54,19 @@ std::atomic<unsigned> g_temp_counter{0};
 // The folder of the flow file being loaded on this thread, while a ClipFolderScope is open.
 thread_local const std::string* t_loading_folder = nullptr;
 
+// ThreadSanitizer cannot follow the codec library's own worker threads (that library is not
+// instrumented), so under it the codecs do their work on the calling thread.
+void KeepCodecsOnCallingThreadUnderTsan() {
+#if defined(__SANITIZE_THREAD__)
+  static const bool configured = [] {
+    OIIO::attribute("threads", 1);
+    OIIO::attribute("exr_threads", -1);
+    return true;
+  }();
+  (void)configured;
+#endif
+}
+
 // Writes `path` by way of a temporary file in the same folder; fsyncs the file and the folder.
 bool WriteAtomically(const std::string& path, const ImageSpec& spec, const std::vector<uint8_t>& rgba,
                      std::string* error, bool* temporary) {
@@ -231,6 +244,7 @@ void ClipParameter::BeginUse() { Scan(); }
 void ClipParameter::EndUse() {}
 
 Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
+  KeepCodecsOnCallingThreadUnderTsan();
   if (tags) {
     auto* abort = static_cast<const std::atomic<int32_t>*>(tags->GetPointer(cliptag::AbortFlag));
     if (abort && abort->load()) return nullptr;
@@ -283,6 +297,7 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
 }
 
 uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
+  KeepCodecsOnCallingThreadUnderTsan();
   const std::string path = FramePath(number);
   if (!img || img->Depth() != 32 || img->Width() <= 0 || img->Height() <= 0) {
     last_error_ = "cannot write '" + path + "': the frame is empty";
