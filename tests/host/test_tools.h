@@ -1,7 +1,7 @@
 // Small operators that host tests build flows from: a clock, an adder, a tool that samples its
 // input around the request time, a chooser that leaves one input unrendered, a tool that fails
 // in chosen ways, a tool with defaults of every kind, a tool with data of its own (saved and
-// undone), and a modifier. Their classes are entered in the ClassRegistry only while a
+// undone), a modifier, and a picture source whose image a test sets. Their classes are entered in the ClassRegistry only while a
 // TestClasses object lives, so the catalogue seen by other suites is untouched.
 #pragma once
 
@@ -32,6 +32,7 @@ constexpr uint32_t kTroubleId = FourCC("tTrb");
 constexpr uint32_t kDefaultsId = FourCC("tDef");
 constexpr uint32_t kShapeId = FourCC("tShp");
 constexpr uint32_t kRampId = FourCC("tRmp");
+constexpr uint32_t kPictureId = FourCC("tPic");
 
 // The number on an input of a request, or NaN when there is none.
 inline double NumberIn(Request* req, Input* in, int slot = 0) {
@@ -354,5 +355,28 @@ Tool* Make(CPipelineDoc& doc, const char* class_name, const std::string& name = 
   Operator* op = doc.CreateTool(class_name, name, &err);
   return dynamic_cast<Tool*>(op);
 }
+
+// Outputs `image` itself (or nothing while it is unset), the same object on every render.
+class Picture final : public TestTool<kPictureId> {
+ public:
+  Picture(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
+    out = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    if (ar) frame::SkipRecordEnd(ar);
+  }
+  uint32_t Process(Request* req) override {
+    if (image) image->Use();
+    return req->SetOutputData(out, image.get());
+  }
+  Output* out;
+  Ref<Image> image;
+};
+
+// Enters the picture class as "TestPicture" while it lives; declare it before the document.
+struct PictureClass {
+  Registry record{&ClassRegistry, "TestPicture",
+                  TagList{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
+                          Tag(reg::Factory, &frame::Factory<Picture>), Tag(reg::ClassId, kPictureId),
+                          Tag(reg::ClassType, classtype::Creator)}};
+};
 
 }  // namespace kestrion::test_tools

@@ -1,5 +1,4 @@
-// What the colour and compositing tool tests share: a picture source whose image a test sets
-// (its class is registered only while a fixture lives, so the catalogue is untouched), the
+// What the colour and compositing tool tests share: the picture source of the host tests, the
 // facts `kestrion describe` shows of inputs, and a fixture that builds and renders a flow.
 #pragma once
 
@@ -23,30 +22,9 @@ inline void PrintTo(const Pixel& p, std::ostream* os) {
 
 namespace test {
 
-constexpr uint32_t kPictureId = FourCC("tPic");
+using test_tools::Picture;
+using test_tools::PictureClass;
 constexpr double kNoDefault = __builtin_nan("");
-
-// Outputs `image` itself, the same object on every render.
-class Picture final : public test_tools::TestTool<kPictureId> {
- public:
-  Picture(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
-    out = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    if (ar) frame::SkipRecordEnd(ar);
-  }
-  uint32_t Process(Request* req) override {
-    image->Use();
-    return req->SetOutputData(out, image.get());
-  }
-  Output* out;
-  Ref<Image> image;
-};
-
-struct PictureClass {
-  Registry record{&ClassRegistry, "TestPicture",
-                  TagList{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
-                          Tag(reg::Factory, &frame::Factory<Picture>), Tag(reg::ClassId, kPictureId),
-                          Tag(reg::ClassType, classtype::Creator)}};
-};
 
 inline std::vector<Pixel> Pixels(const Image& img) {
   std::vector<Pixel> out;

@@ -1,0 +1,135 @@
+// Clips on disk: the ways a clip is named, the frames a sequence has, frame file names, and
+// frames written and read back unchanged.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "host/clip.h"
+#include "tests/tools/clip/clip_fixture.h"
+
+namespace kestrion::clip_test {
+namespace {
+
+class ClipTest : public ::testing::Test {
+ protected:
+  static uint32_t FirstPixel(ClipParameter& clip, int frame) {
+    const Ref<Image> img = Ref<Image>::Adopt(clip.ReadFrame(frame, nullptr, nullptr));
+    return img ? img->Row(0)[0] : 0;
+  }
+  TempFolder dir_;
+};
+
+// On disk: plate.0040, 0041 and 0045 (.png), and files of no sequence of them.
+TEST_F(ClipTest, NamesAndTheFramesOnDisk) {
+  WriteSequence(dir_ / "plate.####.png", 40, 41);
+  WriteSequence(dir_ / "plate.####.png", 45, 45);
+  WriteSequence(dir_ / "other.####.png", 30, 30);
+  WriteSequence(dir_ / "still.png", 1, 1);
+  WriteBytes(dir_ / "plate.0010.jpg", "not read");
+  const struct {
+    std::string name;
+    bool sequence;
+    int first, length;
+    std::string path_of_7;
+  } cases[] = {
+      {"plate.####.png", true, 40, 6, "plate.0007.png"},
+      {"plate.%04d.png", true, 40, 6, "plate.0007.png"},
+      {"plate.0042.png", true, 40, 6, "plate.0007.png"},  // one member names the whole sequence
+      {"plate.%02d.png", true, 0, 0, "plate.07.png"},     // its frame 40 would be plate.40.png
+      {"none.####.png", true, 0, 0, "none.0007.png"},
+      {"still.png", false, 0, 1, "still.png"},
+      {"absent.png", false, 0, 0, "absent.png"},
+  };
+  for (const auto& c : cases) {
+    const ClipParameter clip(dir_ / c.name);
+    EXPECT_EQ((std::tuple{clip.IsSequence(), clip.Length(), clip.FramePath(7)}),
+              (std::tuple{c.sequence, c.length, dir_ / c.path_of_7}))
+        << c.name;
+    if (c.length > 1) {
+      EXPECT_EQ(clip.FirstNumber(), c.first) << c.name;
+    }
+  }
+  // Clip frame f is the file numbered first + f; a gap cannot be read.
+  ClipParameter plate(dir_ / "plate.####.png");
+  for (const auto& [frame, pixel] : std::vector<std::pair<int, uint32_t>>{{0, Marker(40)}, {1, Marker(41)}, {5, Marker(45)}, {2, 0}})
+    EXPECT_EQ(FirstPixel(plate, frame), pixel) << frame;
+}
+
+TEST_F(ClipTest, NumbersArePaddedToThePatternsWidth) {
+  const std::string pattern = dir_ / "w.####.png";
+  for (const auto& [number, file] : std::vector<std::pair<int, std::string>>{
+           {0, "w.0000.png"}, {42, "w.0042.png"}, {9999, "w.9999.png"}, {123456, "w.123456.png"}})
+    EXPECT_EQ(ClipParameter(pattern).FramePath(number), dir_ / file);
+  EXPECT_EQ(ClipParameter(dir_ / "w.%d.png").FramePath(1234), dir_ / "w.1234.png");
+
+  // A sequence running past the pattern's width reads on in order.
+  WriteSequence(pattern, 9998, 10001);
+  EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"w.10000.png", "w.10001.png", "w.9998.png", "w.9999.png"}));
+  ClipParameter wide(pattern);
+  EXPECT_EQ((std::pair{wide.FirstNumber(), wide.Length()}), (std::pair{9998, 4}));
+  for (int f = 0; f < 4; ++f) EXPECT_EQ(FirstPixel(wide, f), Marker(9998 + f)) << f;
+}
+
+// 8-bit values pass unchanged, also the colour of transparent pixels; a frame read and
+// written again gives the same file, and no temporary file stays.
+TEST_F(ClipTest, PngWrittenAndReadBackIsTheSame) {
+  const std::vector<uint32_t> words{
+      Bgra(10, 20, 30, 0),   Bgra(255, 255, 255, 0), Bgra(200, 100, 50, 1),  Bgra(1, 2, 3, 128),
+      Bgra(0, 0, 0, 255),    Bgra(255, 0, 128, 255), Bgra(77, 66, 55, 254),  Bgra(0, 0, 0, 0),
+      Bgra(250, 251, 252, 3), Bgra(9, 8, 7, 64),     Bgra(128, 128, 128, 127), Bgra(13, 200, 97, 200),
+  };
+  ClipParameter first(dir_ / "first.png");
+  ASSERT_EQ(first.WriteFrame(0, Frame(4, 3, words).get(), nullptr), 1u) << first.LastError();
+  const Ref<Image> back = Ref<Image>::Adopt(first.ReadFrame(0, nullptr, nullptr));
+  ASSERT_TRUE(back);
+  EXPECT_EQ((std::pair{back->Width(), back->Height()}), (std::pair{4, 3}));
+  EXPECT_EQ(test::Words(*back), words);
+  ClipParameter second(dir_ / "second.png");
+  ASSERT_EQ(second.WriteFrame(0, back.get(), nullptr), 1u) << second.LastError();
+  EXPECT_EQ(ReadBytes(dir_ / "second.png"), ReadBytes(dir_ / "first.png"));
+  EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"first.png", "second.png"}));
+}
+
+// Files without alpha read as opaque; grey fills all three colours.
+TEST_F(ClipTest, OtherChannelLayoutsReadAsBgra) {
+  WriteBytes(dir_ / "rgb.ppm", std::string("P6\n2 1\n255\n") + "\x0a\x14\x1e\xc8\x64\x32");
+  WriteBytes(dir_ / "grey.pgm", std::string("P5\n2 1\n255\n") + "\x07\xfa");
+  EXPECT_EQ(Words(ReadNumber(dir_ / "rgb.ppm", 0)), (std::vector{Bgra(30, 20, 10, 255), Bgra(50, 100, 200, 255)}));
+  EXPECT_EQ(Words(ReadNumber(dir_ / "grey.pgm", 0)), (std::vector{Bgra(7, 7, 7, 255), Bgra(250, 250, 250, 255)}));
+}
+
+// A name without a frame pattern is one frame: every frame reads it, a write replaces it.
+TEST_F(ClipTest, SingleFileClip) {
+  ClipParameter clip(dir_ / "still.png");
+  EXPECT_EQ(clip.Length(), 0);
+  ASSERT_EQ(clip.WriteFrame(3, Flat(1, 1, Marker(1)).get(), nullptr), 1u);
+  clip.BeginUse();  // looks at the disk again
+  EXPECT_EQ(clip.Length(), 1);
+  for (int f : {0, 7}) EXPECT_EQ(FirstPixel(clip, f), Marker(1)) << f;
+  ASSERT_EQ(clip.WriteFrame(9, Flat(1, 1, Marker(2)).get(), nullptr), 1u);
+  EXPECT_EQ(dir_.Files(), std::vector<std::string>{"still.png"});
+  EXPECT_EQ(FirstPixel(clip, 0), Marker(2));
+}
+
+// A relative name is taken from the base folder (that of the flow holding it); an absolute
+// one is not.
+TEST_F(ClipTest, RelativeNames) {
+  fs::create_directory(dir_.path() / "shots");
+  WriteSequence(dir_ / "shots/plate.####.png", 1, 3);
+  ClipParameter relative("shots/plate.####.png", dir_.path().string());
+  EXPECT_EQ(relative.Name(), "shots/plate.####.png");
+  EXPECT_EQ(relative.Path(), dir_ / "shots/plate.####.png");
+  EXPECT_EQ((std::pair{relative.FirstNumber(), relative.Length()}), (std::pair{1, 3}));
+  EXPECT_EQ(FirstPixel(relative, 1), Marker(2));
+  ASSERT_EQ(relative.WriteFrame(4, Flat(1, 1, Marker(4)).get(), nullptr), 1u) << relative.LastError();
+  EXPECT_TRUE(fs::exists(dir_ / "shots/plate.0004.png"));
+
+  EXPECT_EQ(ClipParameter(dir_ / "shots/plate.####.png", "/nowhere").Length(), 4);
+  EXPECT_EQ(ClipParameter("shots/plate.####.png", dir_ / "shots").Length(), 0);
+}
+
+}  // namespace
+}  // namespace kestrion::clip_test
