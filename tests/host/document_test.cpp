@@ -57,13 +57,15 @@ std::vector<uint8_t> SaveBytes(const CPipelineDoc& doc) {
 
 // --- a tool's record ---
 
-// A tool without fields of its own writes its class id, the base record, a 0 word and "EndC".
+// A tool without fields of its own (the placeholders, Dissolve) writes its class id, the base
+// record, a 0 word and "EndC".
 TEST_F(DocumentTest, ARecordWithoutOwnFieldsIsClassIdBaseZeroAndEnd) {
   CPipelineDoc doc;
   std::vector<Operator*> placeholders;
   for (Registry* r : ClassRegistry->Records()) {
     Ref<Object> probe = Ref<Object>::Adopt(r->Create(nullptr, nullptr));
-    if (!probe || !probe->Attrs().Has(frame::kNotYetBuiltAttr)) continue;
+    const bool saves_no_fields = std::string(r->Name()) == "Dissolve";
+    if (!probe || !(probe->Attrs().Has(frame::kNotYetBuiltAttr) || saves_no_fields)) continue;
     Operator* op = doc.CreateTool(r->Name());
     ASSERT_NE(op, nullptr) << r->Name();
     op->SetFlowPos(int(placeholders.size()) * 30, -7);
@@ -72,7 +74,11 @@ TEST_F(DocumentTest, ARecordWithoutOwnFieldsIsClassIdBaseZeroAndEnd) {
   if (placeholders.size() < 2) GTEST_SKIP() << "fewer than two tools are still without fields of their own";
   // Give the base records something to hold: every placeholder's image comes from the first.
   for (size_t i = 1; i < placeholders.size(); ++i)
-    ASSERT_TRUE(doc.Connect(placeholders[0]->Outputs()[0].get(), placeholders[i]->Inputs()[0].get()));
+    for (const auto& in : placeholders[i]->Inputs())
+      if (in->Type() == vtype::Image) {
+        ASSERT_TRUE(doc.Connect(placeholders[0]->Outputs()[0].get(), in.get()));
+        break;
+      }
 
   for (Operator* op : placeholders) {
     SCOPED_TRACE(op->Name());
@@ -88,28 +94,6 @@ TEST_F(DocumentTest, ARecordWithoutOwnFieldsIsClassIdBaseZeroAndEnd) {
     EXPECT_EQ(whole.Bytes(), expected);
     EXPECT_GT(base.Bytes().size(), 16u) << "the base record should hold the name, position and inputs";
   }
-}
-
-// A tool without fields of its own saves its class id, the base record, 0 and "EndC".
-TEST_F(DocumentTest, ARecordWithoutOwnFieldsIsClassIdBaseRecordAndEnd) {
-  Registry* r = ClassRegistry->FindByName("Dissolve");
-  ASSERT_NE(r, nullptr);
-  Ref<Object> obj = Ref<Object>::Adopt(r->Create(nullptr, nullptr));
-  auto* op = dynamic_cast<Operator*>(obj.get());
-  ASSERT_NE(op, nullptr);
-  CArchive whole, base;
-  ASSERT_EQ(op->Save(&whole, nullptr), 1u);
-  ASSERT_EQ(op->Operator::Save(&base, nullptr), 1u);
-  std::vector<uint8_t> expected;
-  const auto put = [&](uint32_t w) {
-    const auto b = Word(w);
-    expected.insert(expected.end(), b.begin(), b.end());
-  };
-  put(FourCC("dmix"));
-  expected.insert(expected.end(), base.Bytes().begin(), base.Bytes().end());
-  put(0);
-  put(FourCC("EndC"));
-  EXPECT_EQ(whole.Bytes(), expected);
 }
 
 // --- a new tool's inputs ---

@@ -1,6 +1,6 @@
 // Text flows (.json): every kind of value they hold, the errors that refuse a flow as a whole
 // (one message naming the tool and input and what is valid), and flows saved and loaded again
-// as text and as documents, down to the frames they render.
+// as text and as documents.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -363,45 +363,6 @@ TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
   HostError err;
   EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), (dir_ / "flow.txt").string(), &err));
   EXPECT_NE(err.message.find(".json or .kfl"), std::string::npos) << err.message;
-}
-
-// Renders frames 1 to 3 of every Saver of a flow and returns the bytes written, by file name.
-std::map<std::string, std::string> RenderFrames(CPipelineDoc& doc, const fs::path& out_folder) {
-  std::map<std::string, std::string> files;
-  for (Operator* op : doc.Tools()) {
-    if (op->Class()->Name() != "Saver") continue;
-    for (int frame = 1; frame <= 3; ++frame) {
-      HostError err;
-      Ref<Parameter> image = doc.Render(op->Outputs()[0].get(), frame, 0, &err);
-      EXPECT_NE(image.get(), nullptr) << err.message;
-    }
-  }
-  for (const auto& entry : fs::directory_iterator(out_folder))
-    files[entry.path().filename().string()] = ReadText(entry.path());
-  fs::remove_all(out_folder);
-  return files;
-}
-
-// The example flow converted .json -> .kfl -> .json renders the same bytes as the original.
-TEST_F(FlowFileTest, AConvertedFlowRendersTheSameFrames) {
-  fs::copy_file(fs::path(KESTRION_TEST_SOURCE_DIR) / "examples" / "grade.json", dir_ / "grade.json");
-  HostError err;
-  auto original = LoadFlowFile((dir_ / "grade.json").string(), &err);
-  ASSERT_NE(original, nullptr) << err.message;
-  const auto expected = RenderFrames(*original, dir_ / "out");
-  ASSERT_EQ(expected.size(), 3u);
-  ASSERT_TRUE(expected.count("grade.0002.png"));
-  EXPECT_NE(expected.at("grade.0002.png"), ReadText(dir_ / "media" / "plate.0002.png")) << "the grade changed nothing";
-
-  ASSERT_TRUE(SaveFlowFile(*original, (dir_ / "grade.kfl").string(), &err)) << err.message;
-  original.reset();
-  auto binary = LoadFlowFile((dir_ / "grade.kfl").string(), &err);
-  ASSERT_NE(binary, nullptr) << err.message;
-  ASSERT_TRUE(SaveFlowFile(*binary, (dir_ / "converted.json").string(), &err)) << err.message;
-  binary.reset();
-  auto converted = LoadFlowFile((dir_ / "converted.json").string(), &err);
-  ASSERT_NE(converted, nullptr) << err.message;
-  EXPECT_EQ(RenderFrames(*converted, dir_ / "out"), expected);
 }
 
 }  // namespace
