@@ -68,7 +68,7 @@ void KeepCodecsOnCallingThreadUnderTsan() {
 }
 
 // Writes `path` by way of a temporary file in the same folder; fsyncs the file and the folder.
-bool WriteAtomically(const std::string& path, const ImageSpec& spec, const std::vector<uint8_t>& rgba,
+bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std::vector<uint8_t>& rgba,
                      std::string* error, bool* temporary) {
   const fs::path target(path);
   const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
@@ -85,7 +85,7 @@ bool WriteAtomically(const std::string& path, const ImageSpec& spec, const std::
     return false;
   }
   errno = 0;
-  bool ok = out->open(temp, spec) && out->write_image(TypeDesc::UINT8, rgba.data()) && out->close();
+  bool ok = out->open(temp, layout) && out->write_image(TypeDesc::UINT8, rgba.data()) && out->close();
   const int saved_errno = errno;
   if (!ok) {
     std::string why = out->geterror();
@@ -252,22 +252,23 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
   const std::string path = FramePath(IsSequence() ? first_ + frame : 0);
   ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
-  auto in = ImageInput::open(path, &config);
-  if (!in) {
+  ImageSpec layout;  // the file's size, channels and metadata
+  auto in = ImageInput::create(path);
+  if (!in || !in->open(path, layout, config)) {
     std::error_code ec;
     const bool exists = fs::exists(path, ec);
-    NoteFailure("cannot read '" + path + "': " + (exists ? OIIO::geterror() : std::string("no such file")), false);
+    const std::string why = !exists ? std::string("no such file") : in ? in->geterror() : OIIO::geterror();
+    NoteFailure("cannot read '" + path + "': " + why, false);
     return nullptr;
   }
-  const ImageSpec& spec = in->spec();
-  const int64_t pixels = int64_t(spec.width) * int64_t(spec.height);
-  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0 || uint64_t(pixels) * 4 > Image::SizeLimit()) {
-    NoteFailure("cannot read '" + path + "': its size " + std::to_string(spec.width) + " x " +
-                    std::to_string(spec.height) + " is not possible",
+  const int64_t pixels = int64_t(layout.width) * int64_t(layout.height);
+  if (layout.width <= 0 || layout.height <= 0 || layout.nchannels <= 0 || uint64_t(pixels) * 4 > Image::SizeLimit()) {
+    NoteFailure("cannot read '" + path + "': its size " + std::to_string(layout.width) + " x " +
+                    std::to_string(layout.height) + " is not possible",
                 false);
     return nullptr;
   }
-  const int channels = spec.nchannels;
+  const int channels = layout.nchannels;
   std::vector<uint8_t> data(size_t(pixels) * size_t(channels));
   if (!in->read_image(0, 0, 0, channels, TypeDesc::UINT8, data.data())) {
     NoteFailure("cannot read '" + path + "': " + in->geterror(), false);
@@ -275,23 +276,23 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
   }
   Image* img;
   try {
-    img = NewImage(req, spec.width, spec.height, 32, nullptr);
+    img = NewImage(req, layout.width, layout.height, 32, nullptr);
   } catch (const ImageSizeError& e) {
     NoteFailure("cannot read '" + path + "': " + e.what(), false);
     return nullptr;
   }
-  const int alpha = spec.alpha_channel >= 0 ? spec.alpha_channel : (channels == 2 ? 1 : channels >= 4 ? 3 : -1);
+  const int alpha = layout.alpha_channel >= 0 ? layout.alpha_channel : (channels == 2 ? 1 : channels >= 4 ? 3 : -1);
   const bool grey = channels <= 2;
-  for (int y = 0; y < spec.height; ++y) {
-    const uint8_t* src = data.data() + size_t(y) * size_t(spec.width) * size_t(channels);
+  for (int y = 0; y < layout.height; ++y) {
+    const uint8_t* src = data.data() + size_t(y) * size_t(layout.width) * size_t(channels);
     uint32_t* row = img->Row(y);
-    for (int x = 0; x < spec.width; ++x, src += channels) {
+    for (int x = 0; x < layout.width; ++x, src += channels) {
       const uint8_t r = src[0], g = grey ? src[0] : src[1], b = grey ? src[0] : src[2];
       const uint8_t a = alpha >= 0 ? src[alpha] : 255;
       row[x] = uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
     }
   }
-  img->x_aspect = spec.get_float_attribute("PixelAspectRatio", 1.0f);
+  img->x_aspect = layout.get_float_attribute("PixelAspectRatio", 1.0f);
   img->y_aspect = 1.0f;
   return img;
 }
@@ -306,21 +307,21 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
   }
   std::string ext = Lower(fs::path(path).extension().string());
   if (!ext.empty()) ext.erase(0, 1);
-  ImageSpec spec(img->Width(), img->Height(), 4, ext == "exr" ? TypeDesc::HALF : TypeDesc::UINT8);
-  spec.alpha_channel = 3;
-  spec.attribute("oiio:UnassociatedAlpha", 1);
+  ImageSpec layout(img->Width(), img->Height(), 4, ext == "exr" ? TypeDesc::HALF : TypeDesc::UINT8);
+  layout.alpha_channel = 3;
+  layout.attribute("oiio:UnassociatedAlpha", 1);
   if (img->x_aspect != 1.0f || img->y_aspect != 1.0f)
-    spec.attribute("PixelAspectRatio", img->x_aspect / (img->y_aspect == 0.0f ? 1.0f : img->y_aspect));
+    layout.attribute("PixelAspectRatio", img->x_aspect / (img->y_aspect == 0.0f ? 1.0f : img->y_aspect));
   int level = -1;
   {
     std::lock_guard<std::mutex> hold(g_compression_lock);
     auto it = CompressionTable().find(ext == "jpeg" ? "jpg" : ext == "tif" ? "tiff" : ext);
     if (it != CompressionTable().end()) level = it->second;
   }
-  if (ext == "png") spec.attribute("png:compressionLevel", level >= 0 ? level : 1);
-  if ((ext == "jpg" || ext == "jpeg") && level >= 0) spec.attribute("CompressionQuality", level);
-  if (ext == "exr") spec.attribute("compression", level == 0 ? "none" : "zips");
-  if ((ext == "tif" || ext == "tiff") && level >= 0) spec.attribute("compression", level == 0 ? "none" : "zip");
+  if (ext == "png") layout.attribute("png:compressionLevel", level >= 0 ? level : 1);
+  if ((ext == "jpg" || ext == "jpeg") && level >= 0) layout.attribute("CompressionQuality", level);
+  if (ext == "exr") layout.attribute("compression", level == 0 ? "none" : "zips");
+  if ((ext == "tif" || ext == "tiff") && level >= 0) layout.attribute("compression", level == 0 ? "none" : "zip");
   std::vector<uint8_t> rgba(size_t(img->Width()) * size_t(img->Height()) * 4);
   for (int y = 0; y < img->Height(); ++y) {
     const uint32_t* row = img->Row(y);
@@ -335,7 +336,7 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
   }
   std::string error;
   bool temporary = false;
-  if (!WriteAtomically(path, spec, rgba, &error, &temporary)) {
+  if (!WriteAtomically(path, layout, rgba, &error, &temporary)) {
     last_error_ = error;
     NoteFailure(error, temporary);
     return 0;

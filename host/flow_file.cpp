@@ -102,11 +102,11 @@ class TextFlowReader {
     if (!tools.is_object()) throw FlowError{"\"tools\" must be an object of tools keyed by name"};
 
     // Every tool first, so that links may point forward; then values, then links and modifiers.
-    for (const auto& [name, spec] : tools.items()) CreateTool(name, spec);
-    for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Values);
-    for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Connections);
+    for (const auto& [name, entry] : tools.items()) CreateTool(name, entry);
+    for (const auto& [name, entry] : tools.items()) ApplyInputs(doc_.FindTool(name), entry, Pass::Values);
+    for (const auto& [name, entry] : tools.items()) ApplyInputs(doc_.FindTool(name), entry, Pass::Connections);
     // Values set later may have moved earlier ones (a clip resets its range): settle them.
-    for (const auto& [name, spec] : tools.items()) ApplyInputs(doc_.FindTool(name), spec, Pass::Settle);
+    for (const auto& [name, entry] : tools.items()) ApplyInputs(doc_.FindTool(name), entry, Pass::Settle);
     // Codec settings only matter to writes: they are taken once nothing can fail any more.
     for (const auto& [ext, level] : compression_) ClipParameter::SetCompression(ext, level);
   }
@@ -170,31 +170,31 @@ class TextFlowReader {
     return names;
   }
 
-  Operator* CreateTool(const std::string& name, const Json& spec) {
+  Operator* CreateTool(const std::string& name, const Json& entry) {
     const std::string where = "tool " + Quoted(name);
-    if (!spec.is_object()) throw FlowError{where + " must be an object with a \"class\""};
-    for (const auto& [key, value] : spec.items())
+    if (!entry.is_object()) throw FlowError{where + " must be an object with a \"class\""};
+    for (const auto& [key, value] : entry.items())
       if (key != "class" && key != "inputs" && key != "position" && key != "data")
         throw FlowError{where + ": unknown key " + Quoted(key) + " (valid: class, inputs, position, data)"};
-    if (!spec.contains("class") || !spec["class"].is_string()) throw FlowError{where + " has no \"class\""};
-    const std::string class_name = spec["class"].get<std::string>();
+    if (!entry.contains("class") || !entry["class"].is_string()) throw FlowError{where + " has no \"class\""};
+    const std::string class_name = entry["class"].get<std::string>();
     Registry* reg = ClassRegistry->FindByName(class_name);
     if (!reg) throw FlowError{where + ": unknown class " + Quoted(class_name) + " (valid: " + ValidClasses() + ")"};
     if (doc_.FindTool(name)) throw FlowError{where + ": the name is used twice"};
 
     int x = 0, y = 0;
-    if (spec.contains("position")) {
-      const Json& p = spec["position"];
+    if (entry.contains("position")) {
+      const Json& p = entry["position"];
       if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
         throw FlowError{where + ": \"position\" must be [x, y] in whole numbers"};
       x = p[0].get<int>();
       y = p[1].get<int>();
     }
     Object* obj = nullptr;
-    if (spec.contains("data")) {
+    if (entry.contains("data")) {
       // The tool's own fields follow a base record that holds nothing but the name and place.
       std::vector<uint8_t> fields;
-      if (!spec["data"].is_string() || !Unhex(spec["data"].get<std::string>(), fields))
+      if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
         throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
       CArchive record;
       record.WriteString(name);
@@ -260,8 +260,8 @@ class TextFlowReader {
     throw FlowError{where + ": no input " + Quoted(key) + " (valid: " + ValidInputs(op) + ")"};
   }
 
-  void ApplyInputs(Operator* op, const Json& spec, Pass pass) {
-    const Json& inputs = spec.value("inputs", Json::object());
+  void ApplyInputs(Operator* op, const Json& entry, Pass pass) {
+    const Json& inputs = entry.value("inputs", Json::object());
     const std::string where = "tool " + Quoted(op->Name());
     if (!inputs.is_object()) throw FlowError{where + ": \"inputs\" must be an object keyed by input label"};
     // Clips first: choosing a clip resets a loader's range, which later inputs may then set.
@@ -431,27 +431,27 @@ class TextFlowReader {
     if (!doc_.Connect(from, in, &err)) throw FlowError{where + ": " + err.message};
   }
 
-  void AddModifier(Input* in, const Json& spec, const std::string& where) {
-    if (!spec.is_object() || !spec.contains("class") || !spec["class"].is_string())
+  void AddModifier(Input* in, const Json& entry, const std::string& where) {
+    if (!entry.is_object() || !entry.contains("class") || !entry["class"].is_string())
       throw FlowError{where + ": \"modifier\" must be an object with a \"class\""};
-    for (const auto& [key, value] : spec.items())
+    for (const auto& [key, value] : entry.items())
       if (key != "class" && key != "name" && key != "inputs" && key != "position")
         throw FlowError{where + ": unknown key " + Quoted(key) + " in the modifier (valid: class, name, inputs, position)"};
     HostError err;
-    Operator* mod = doc_.AddModifier(in, spec["class"].get<std::string>(), &err);
+    Operator* mod = doc_.AddModifier(in, entry["class"].get<std::string>(), &err);
     if (!mod) throw FlowError{where + ": " + err.message};
-    if (spec.contains("name")) {
-      const Json& name = spec["name"];
+    if (entry.contains("name")) {
+      const Json& name = entry["name"];
       if (!name.is_string() || !doc_.RenameTool(mod, name.get<std::string>()))
         throw FlowError{where + ": the modifier's \"name\" must be a name no other tool has"};
     }
-    if (spec.contains("position")) {
-      const Json& p = spec["position"];
+    if (entry.contains("position")) {
+      const Json& p = entry["position"];
       if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
         throw FlowError{where + ": the modifier's \"position\" must be [x, y] in whole numbers"};
       mod->SetFlowPos(p[0].get<int>(), p[1].get<int>());
     }
-    for (Pass pass : {Pass::Values, Pass::Connections, Pass::Settle}) ApplyInputs(mod, spec, pass);
+    for (Pass pass : {Pass::Values, Pass::Connections, Pass::Settle}) ApplyInputs(mod, entry, pass);
   }
 
   CPipelineDoc& doc_;

@@ -73,9 +73,9 @@ Picture ReadPicture(const fs::path& path) {
   static const bool single_threaded = OIIO::attribute("threads", 1) && OIIO::attribute("exr_threads", -1);
   (void)single_threaded;
   Picture pic;
-  auto in = OIIO::ImageInput::open(path.string());
-  if (!in) return pic;
-  const OIIO::ImageSpec& info = in->spec();
+  OIIO::ImageSpec info;
+  auto in = OIIO::ImageInput::create(path.string());
+  if (!in || !in->open(path.string(), info)) return pic;
   std::vector<float> data(size_t(info.width) * info.height * info.nchannels);
   if (!in->read_image(0, 0, 0, info.nchannels, OIIO::TypeDesc::FLOAT, data.data())) return pic;
   pic.width = info.width;
