@@ -24,8 +24,8 @@ uint32_t ColourOf(char c) {
   switch (c) {
     case 'k': return 0xFF404040u;
     case 'w': return 0xFFF0F0F0u;
-    case 'b': return 0xFFD07030u;
-    case 'o': return 0xFF2090F0u;
+    case 'b': return 0xFF2090F0u;  // words are BGRA: blue in the low byte
+    case 'o': return 0xFFD07030u;
     default: return 0;
   }
 }

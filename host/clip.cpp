@@ -37,9 +37,15 @@ struct RegisterClipType {
   RegisterClipType() { RegisterParameterType(vtype::Clip, &ClipParameter::Load); }
 } register_clip_type;
 
-std::string Lower(std::string s) {
-  for (char& c : s) c = char(std::tolower(uint8_t(c)));
-  return s;
+// An extension in lower case without its dot, with the long and short spellings of one format
+// made one ("jpeg" is "jpg", "tif" is "tiff").
+std::string FormatKey(const std::string& extension) {
+  std::string key = extension;
+  for (char& c : key) c = char(std::tolower(uint8_t(c)));
+  if (!key.empty() && key[0] == '.') key.erase(0, 1);
+  if (key == "jpeg") return "jpg";
+  if (key == "tif") return "tiff";
+  return key;
 }
 
 bool AllDigits(const std::string& s) {
@@ -208,10 +214,13 @@ void ClipParameter::Scan() {
     length_ = fs::is_regular_file(prefix_, ec) ? 1 : 0;
     return;
   }
+  // The part before the number is a folder of its own ("shots/####.png") or a folder and the
+  // start of the file names ("shots/take.####.png", "take.####.png").
   const fs::path pattern(prefix_);
-  const fs::path folder = prefix_.empty() || prefix_.back() == '/' ? fs::path(prefix_.empty() ? "." : prefix_)
-                                                                   : (pattern.has_parent_path() ? pattern.parent_path() : ".");
-  const std::string head = prefix_.back() == '/' ? std::string() : pattern.filename().string();
+  const bool folder_only = prefix_.empty() || prefix_.back() == '/';
+  const fs::path folder = folder_only ? fs::path(prefix_.empty() ? "." : prefix_)
+                                      : (pattern.has_parent_path() ? pattern.parent_path() : ".");
+  const std::string head = folder_only ? std::string() : pattern.filename().string();
   int lowest = INT_MAX, highest = INT_MIN;
   for (const auto& entry : fs::directory_iterator(folder, ec)) {
     const std::string file = entry.path().filename().string();
@@ -305,8 +314,7 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
     NoteFailure(last_error_, false);
     return 0;
   }
-  std::string ext = Lower(fs::path(path).extension().string());
-  if (!ext.empty()) ext.erase(0, 1);
+  const std::string ext = FormatKey(fs::path(path).extension().string());
   ImageSpec layout(img->Width(), img->Height(), 4, ext == "exr" ? TypeDesc::HALF : TypeDesc::UINT8);
   layout.alpha_channel = 3;
   layout.attribute("oiio:UnassociatedAlpha", 1);
@@ -315,13 +323,13 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
   int level = -1;
   {
     std::lock_guard<std::mutex> hold(g_compression_lock);
-    auto it = CompressionTable().find(ext == "jpeg" ? "jpg" : ext == "tif" ? "tiff" : ext);
+    auto it = CompressionTable().find(ext);
     if (it != CompressionTable().end()) level = it->second;
   }
   if (ext == "png") layout.attribute("png:compressionLevel", level >= 0 ? level : 1);
-  if ((ext == "jpg" || ext == "jpeg") && level >= 0) layout.attribute("CompressionQuality", level);
+  if (ext == "jpg" && level >= 0) layout.attribute("CompressionQuality", level);
   if (ext == "exr") layout.attribute("compression", level == 0 ? "none" : "zips");
-  if ((ext == "tif" || ext == "tiff") && level >= 0) layout.attribute("compression", level == 0 ? "none" : "zip");
+  if (ext == "tiff" && level >= 0) layout.attribute("compression", level == 0 ? "none" : "zip");
   std::vector<uint8_t> rgba(size_t(img->Width()) * size_t(img->Height()) * 4);
   for (int y = 0; y < img->Height(); ++y) {
     const uint32_t* row = img->Row(y);
@@ -353,7 +361,12 @@ ClipFolderScope::~ClipFolderScope() {
 
 void ClipParameter::SetCompression(const std::string& extension, int level) {
   std::lock_guard<std::mutex> hold(g_compression_lock);
-  CompressionTable()[Lower(extension)] = level;
+  CompressionTable()[FormatKey(extension)] = level;
+}
+
+void ClipParameter::SetCompression(std::map<std::string, int> table) {
+  std::lock_guard<std::mutex> hold(g_compression_lock);
+  CompressionTable() = std::move(table);
 }
 
 std::map<std::string, int> ClipParameter::Compression() {

@@ -59,9 +59,12 @@ class ClipParameter final : public Parameter {
   void BeginUse();
   void EndUse();
 
-  // Codec settings of writes, by extension without the dot ("png": zlib level, "jpg": quality).
+  // Codec settings of writes, by format ("png": zlib level, "jpg": quality); an extension may
+  // be given in any case, with its dot, and in its long or short spelling ("tif", "tiff").
   static void SetCompression(const std::string& extension, int level);
   static std::map<std::string, int> Compression();
+  // Puts back a whole table that Compression() gave.
+  static void SetCompression(std::map<std::string, int> table);
 
  private:
   void Parse();

@@ -131,5 +131,32 @@ TEST_F(ClipTest, RelativeNames) {
   EXPECT_EQ(ClipParameter("shots/plate.####.png", dir_ / "shots").Length(), 0);
 }
 
+// A name with no folder is a sequence in the current folder, with or without text before the
+// number.
+TEST_F(ClipTest, NamesWithoutAFolderAreInTheCurrentFolder) {
+  WriteSequence(dir_ / "####.png", 3, 4);
+  WriteSequence(dir_ / "take.####.png", 8, 8);
+  const fs::path before = fs::current_path();
+  fs::current_path(dir_.path());
+  const ClipParameter bare("####.png"), member("0003.png"), named("take.####.png");
+  fs::current_path(before);
+  for (const ClipParameter* clip : {&bare, &member}) EXPECT_EQ((std::pair{clip->FirstNumber(), clip->Length()}), (std::pair{3, 2}));
+  EXPECT_EQ((std::pair{named.FirstNumber(), named.Length()}), (std::pair{8, 1}));
+}
+
+// Compression levels are kept per format, whichever spelling of its extension names it.
+TEST_F(ClipTest, CompressionKeysNameTheFormat) {
+  const auto saved = ClipParameter::Compression();
+  ClipParameter::SetCompression("TIF", 0);
+  ClipParameter::SetCompression(".jpeg", 90);
+  ClipParameter::SetCompression("png", 6);
+  const auto table = ClipParameter::Compression();
+  EXPECT_EQ(table.at("tiff"), 0);
+  EXPECT_EQ(table.at("jpg"), 90);
+  EXPECT_EQ(table.at("png"), 6);
+  EXPECT_EQ(table.count("tif") + table.count("jpeg"), 0u);
+  ClipParameter::SetCompression(saved);
+}
+
 }  // namespace
 }  // namespace kestrion::clip_test

@@ -84,7 +84,7 @@ class FlowFileTest : public ::testing::Test {
     PGeneral = general_;
     PVidMode = video_;
     PPreview = preview_;
-    for (const auto& [ext, level] : compression_) ClipParameter::SetCompression(ext, level);
+    ClipParameter::SetCompression(compression_);
     std::error_code ec;
     fs::remove_all(dir_, ec);
   }
