@@ -570,10 +570,14 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
       Input* in = op->FindInput(pending.input_id);
       if (!in) continue;
       Operator* source = doc->FindTool(pending.tool);
-      Output* out = source ? source->FindOutput(pending.output_id) : nullptr;
-      if (!out)
+      if (!source)
         return fail("the document is corrupt: input '" + in->Name() + "' of tool '" + op->Name() +
                     "' takes its value from '" + pending.tool + "', which is not in the flow");
+      Output* out = source->FindOutput(pending.output_id);
+      if (!out)
+        return fail("the document is corrupt: input '" + in->Name() + "' of tool '" + op->Name() +
+                    "' takes its value from output " + FourCCText(pending.output_id) + " of '" + pending.tool +
+                    "', which it does not have");
       if (!TypesConnect(out->Type(), in->Type()) || doc->IsUpstream(op.get(), source))
         return fail("the document is corrupt: the connection of '" + op->Name() + "." + in->Name() + "' to '" +
                     pending.tool + "' is not possible");

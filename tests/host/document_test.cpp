@@ -539,7 +539,7 @@ TEST_F(DocumentTest, DocumentsThatAreNotFlowsOrReferToMissingToolsFail) {
          auto it = std::find_end(c.begin(), c.end(), word.begin(), word.end());
          if (it != c.end()) *it = 'X';
          return c;
-       }(), "Ghost"},
+       }(), "output Xime of 'Ghost', which it does not have"},
       {"no end mark", [&] {
          auto c = bytes;
          c[c.size() - 1] ^= 0x20;
