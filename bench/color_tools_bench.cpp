@@ -5,11 +5,11 @@
 
 #include <cstdio>
 #include <memory>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "bench/bench_frames.h"
 #include "host/image.h"
 #include "host/module.h"
 #include "host/operator.h"
@@ -20,15 +20,7 @@
 namespace kestrion {
 namespace {
 
-constexpr int kWidth = 1920, kHeight = 1080;
-
-Ref<Image> NoiseFrame(unsigned seed) {
-  Ref<Image> img = Ref<Image>::Adopt(new Image(kWidth, kHeight));
-  std::mt19937 random(seed);
-  for (int y = 0; y < kHeight; ++y)
-    for (int x = 0; x < kWidth; ++x) img->Row(y)[x] = uint32_t(random());
-  return img;
-}
+using namespace bench;
 
 // A tool of a catalogue class with its inputs as the benchmark sets them.
 struct ToolCase {
@@ -36,12 +28,6 @@ struct ToolCase {
   std::vector<std::pair<const char*, double>> numbers;
   bool foreground = true;
 };
-
-Input* InputNamed(Operator& op, const std::string& label, int nth = 0) {
-  for (const auto& in : op.Inputs())
-    if (in->Name() == label && nth-- == 0) return in.get();
-  return nullptr;
-}
 
 void RunTool(benchmark::State& state, const ToolCase& c) {
   SetWorkerThreads(int(state.range(0)));
@@ -56,18 +42,17 @@ void RunTool(benchmark::State& state, const ToolCase& c) {
   for (auto _ : state) {
     Request req(op, 1.0, 0);
     req.status = 0;
-    for (const auto& [label, value] : c.numbers) req.SetInputData(InputNamed(*op, label), new Number(value));
+    for (const auto& [label, value] : c.numbers) req.SetInputData(op->FindInput(0, label), new Number(value));
     background->Use();
-    req.SetInputData(InputNamed(*op, "Image"), background.get());
+    req.SetInputData(op->FindInput(0, "Image"), background.get());
     if (c.foreground) {
       foreground->Use();
-      req.SetInputData(InputNamed(*op, "Foreground"), foreground.get());
+      req.SetInputData(op->FindInput(0, "Foreground"), foreground.get());
     }
     op->Process(&req);
     benchmark::DoNotOptimize(req.GetOutputData(op->Outputs()[0].get()));
   }
-  state.counters["Mpx/s"] =
-      benchmark::Counter(double(kWidth) * kHeight * double(state.iterations()) / 1e6, benchmark::Counter::kIsRate);
+  CountMegapixels(state);
   state.counters["threads"] = WorkerThreads();
   SetWorkerThreads(0);
 }

@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "bench/bench_frames.h"
 #include "host/image.h"
 #include "host/operator.h"
 #include "host/request.h"
@@ -16,21 +17,12 @@
 namespace kestrion {
 namespace {
 
-constexpr int kWidth = 1920, kHeight = 1080;
+using namespace bench;
 constexpr size_t kPixelCount = size_t(kWidth) * kHeight;
-constexpr double kPixels = double(kPixelCount);
 
 void CountPixels(benchmark::State& state) {
-  state.counters["Mpx/s"] = benchmark::Counter(kPixels * double(state.iterations()) / 1e6, benchmark::Counter::kIsRate);
+  CountMegapixels(state);
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kPixelCount) * 4);
-}
-
-Ref<Image> NoiseFrame() {
-  Ref<Image> img = Ref<Image>::Adopt(new Image(kWidth, kHeight));
-  std::mt19937 random(7);
-  for (int y = 0; y < kHeight; ++y)
-    for (int x = 0; x < kWidth; ++x) img->Row(y)[x] = uint32_t(random());
-  return img;
 }
 
 class NullTool : public ThreadedOperator {

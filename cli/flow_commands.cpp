@@ -25,8 +25,6 @@ namespace kestrion::cli {
 
 namespace {
 
-// Savers mark themselves with this operator flag.
-constexpr uint32_t kSaverFlag = 0x40;
 constexpr uint32_t kFilenameId = FourCC("File");
 
 // A lock-free atomic is safe to store from a signal handler and to read from the watcher thread.
@@ -63,11 +61,6 @@ std::optional<FrameList> ParseFrames(const std::string& text) {
   return frames;
 }
 
-Ref<ClipParameter> ClipOf(const Input* in) {
-  Ref<Parameter> v = Ref<Parameter>::Adopt(in->CurrentValue());
-  return Ref<ClipParameter>::Share(dynamic_cast<ClipParameter*>(v.get()));
-}
-
 std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
 
 // Checks before rendering that every saver has a clip to write and every other tool's clip
@@ -76,10 +69,10 @@ std::string CheckClips(const std::vector<Operator*>& tools) {
   for (Operator* op : tools)
     for (const auto& in : op->Inputs()) {
       if (in->Type() != vtype::Clip || in->Source() != ValueSource::Constant) continue;
-      Ref<ClipParameter> clip = ClipOf(in.get());
+      Ref<ClipParameter> clip = in->ValueAs<ClipParameter>();
       const std::string where = "tool " + Quoted(op->Name()) + ", input " + Quoted(in->Name());
       if (!clip || clip->Name().empty()) return where + ": no clip is set";
-      if (!(op->op_flags & kSaverFlag) && clip->Length() == 0)
+      if (!(op->op_flags & opflag::Saver) && clip->Length() == 0)
         return where + ": no frames of '" + clip->Path() + "' on disk";
     }
   return {};
@@ -94,7 +87,7 @@ bool FileHasData(const std::string& path) {
 bool FrameOnDisk(const std::vector<Operator*>& savers, long frame) {
   for (Operator* saver : savers) {
     Input* in = saver->FindInput(kFilenameId);
-    Ref<ClipParameter> clip = in ? ClipOf(in) : Ref<ClipParameter>();
+    Ref<ClipParameter> clip = in ? in->ValueAs<ClipParameter>() : Ref<ClipParameter>();
     if (!clip || !FileHasData(clip->FramePath(int(frame)))) return false;
   }
   return true;
@@ -239,7 +232,7 @@ int RenderFlow(const RenderOptions& options) {
   const std::vector<Operator*> tools = doc->Tools();
   std::vector<Operator*> savers;
   for (Operator* op : tools)
-    if (op->op_flags & kSaverFlag) savers.push_back(op);
+    if (op->op_flags & opflag::Saver) savers.push_back(op);
   if (savers.empty()) {
     std::fprintf(stderr, "kestrion: '%s' has no Saver: nothing would be written\n", options.flow.c_str());
     return status::BadInput;

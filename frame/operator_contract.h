@@ -1,5 +1,6 @@
-// What every tool shares in the operator contract: the end of a saved record, and the
-// pass-through of an image input.
+// What every tool shares in the operator contract: the end of a saved record and the save of
+// a tool without fields, the pass-through of an image input, the input table that declares a
+// tool's inputs, and reading a number input of a request.
 #pragma once
 
 #include <cstdint>
@@ -41,10 +42,6 @@ inline uint32_t PassThrough(Request* req, Input* in, Output* out) {
   value->Use();
   return req->SetOutputData(out, value);
 }
-
-}  // namespace kestrion::frame
-
-namespace kestrion::frame {
 
 // One row of a tool's input table: everything about an input on one line, in panel order.
 struct InputDecl {

@@ -18,6 +18,7 @@
 #include "host/flow_file.h"
 #include "host/prefs.h"
 #include "host/registry.h"
+#include "host/source_operator.h"
 
 namespace kestrion {
 
@@ -504,8 +505,8 @@ class TextFlowWriter {
     for (const auto& in : op->Inputs())
       if (in->Type() == vtype::Clip) order.push_back(in.get());
     for (const auto& in : op->Inputs())
-      if (in->Type() != vtype::Clip && in->Id() != FourCC("GlIn") && in->Id() != FourCC("GlOt")) order.push_back(in.get());
-    for (uint32_t id : {FourCC("GlIn"), FourCC("GlOt")})
+      if (in->Type() != vtype::Clip && in->Id() != kGlobalInId && in->Id() != kGlobalOutId) order.push_back(in.get());
+    for (uint32_t id : {kGlobalInId, kGlobalOutId})
       if (const Input* in = op->FindInput(id)) order.push_back(in);
     for (const Input* in : order) {
       Json value = InputValue(*in);

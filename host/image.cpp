@@ -62,13 +62,7 @@ void Image::CopyAttributesFrom(const Image& other) {
   frame_attrs = other.frame_attrs;
 }
 
-Parameter* Image::Copy() const {
-  auto* copy = new Image(width_, height_, depth_);
-  copy->CopyAttributesFrom(*this);
-  const size_t row_bytes = size_t(width_) * BytesPerPixel();
-  for (int y = 0; y < height_; ++y) std::memcpy(copy->rows_[size_t(y)], rows_[size_t(y)], row_bytes);
-  return copy;
-}
+Parameter* Image::Copy() const { return CopyOfImage(nullptr); }
 
 bool Image::Equals(const Parameter& other) const {
   auto* o = dynamic_cast<const Image*>(&other);
@@ -79,11 +73,11 @@ bool Image::Equals(const Parameter& other) const {
   return true;
 }
 
-Image* NewImage(Request* req, Image* like) {
+Image* NewImage(Request* req, const Image* like) {
   return NewImage(req, like ? like->Width() : 0, like ? like->Height() : 0, like ? like->Depth() : 32, like);
 }
 
-Image* NewImage(Request* req, int width, int height, int depth, Image* like) {
+Image* NewImage(Request* req, int width, int height, int depth, const Image* like) {
   auto* img = new Image(width, height, depth);
   if (like) img->CopyAttributesFrom(*like);
   if (req) req->Own(img);

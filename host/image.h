@@ -185,8 +185,8 @@ constexpr ColourDifferences ColourDifferencesOf(int red, int green, int blue) {
 
 // A new image for the request with the size, depth and attributes of `like` (cleared to zero);
 // the request owns it until it is handed on with SetOutputData.
-Image* NewImage(Request* req, Image* like);
+Image* NewImage(Request* req, const Image* like);
 // A new image of the given size and depth, other attributes from `like` (which may be null).
-Image* NewImage(Request* req, int width, int height, int depth, Image* like);
+Image* NewImage(Request* req, int width, int height, int depth, const Image* like);
 
 }  // namespace kestrion

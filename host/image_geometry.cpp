@@ -185,11 +185,15 @@ constexpr long kMaxBlurRadius = 65535;
 // at(k) gives the lanes at position k (0 <= k < n), emit(k, sums) takes the sums at k.
 // Box: the 2r + 1 positions around k alike. Triangle: offset d weighs r + 1 - |d|; moving on
 // adds the r + 1 positions ahead and drops the r + 1 behind. Positions past the ends repeat
-// the end.
+// the end. `scratch` holds the running sums; the caller keeps it between calls so that a pass
+// over many rows allocates once.
 template <bool kTriangle, class At, class Emit>
-void WindowSums(int n, long r, size_t lanes, At at, Emit emit) {
+void WindowSums(int n, long r, size_t lanes, std::vector<uint64_t>& scratch, At at, Emit emit) {
   const auto held = [n, &at](long k) { return at(int(std::clamp(k, 0L, long(n) - 1))); };
-  std::vector<uint64_t> sum(lanes, 0), ahead(lanes, 0), behind(lanes, 0);
+  scratch.assign(3 * lanes, 0);
+  uint64_t* const sum = scratch.data();
+  uint64_t* const ahead = sum + lanes;
+  uint64_t* const behind = ahead + lanes;
   for (long d = -r; d <= r; ++d) {
     const auto* p = held(d);
     const uint64_t w = kTriangle ? uint64_t(r + 1 - std::abs(d)) : 1;
@@ -204,7 +208,7 @@ void WindowSums(int n, long r, size_t lanes, At at, Emit emit) {
     }
   }
   for (int k = 0;; ++k) {
-    emit(k, sum.data());
+    emit(k, sum);
     if (k + 1 == n) break;
     if constexpr (kTriangle) {
       const auto* enter = held(k + 2 + r);
@@ -240,18 +244,19 @@ void BlurImage(Image& img, const bool (&on)[4], long x_radius, long y_radius) {
   const Reciprocal across(2 * nx), down(512 * ny);
   const size_t line = size_t(w) * size_t(channels);
   std::vector<uint16_t> plane(line * size_t(h));
+  std::vector<uint64_t> scratch;
   for (int y = 0; y < h; ++y) {
     const auto* row = static_cast<const uint8_t*>(img.RowTable()[y]);
     uint16_t* out = &plane[line * size_t(y)];
     WindowSums<kTriangle>(
-        w, rx, size_t(channels), [&](int k) { return row + size_t(k) * size_t(channels); },
+        w, rx, size_t(channels), scratch, [&](int k) { return row + size_t(k) * size_t(channels); },
         [&](int k, const uint64_t* s) {
           for (int c = 0; c < channels; ++c)
             out[size_t(k) * size_t(channels) + size_t(c)] = uint16_t(across.Divide(512 * s[c] + nx));
         });
   }
   WindowSums<kTriangle>(
-      h, ry, line, [&](int k) { return &plane[line * size_t(k)]; },
+      h, ry, line, scratch, [&](int k) { return &plane[line * size_t(k)]; },
       [&](int k, const uint64_t* s) {
         auto* row = static_cast<uint8_t*>(img.RowTable()[k]);
         for (size_t i = 0; i < line; ++i)
@@ -262,16 +267,14 @@ void BlurImage(Image& img, const bool (&on)[4], long x_radius, long y_radius) {
 }  // namespace
 
 Image* Image::ResizeOfImage(Request* req, int width, int height, int quality) const {
-  Image* out = NewImage(req, width, height, depth_, nullptr);
-  out->CopyAttributesFrom(*this);
+  Image* out = NewImage(req, width, height, depth_, this);
   Resample(*this, *out, quality != 0);
   return out;
 }
 
 Image* Image::ScaleOfImage(Request* req, int factor) const {
   if (factor < 1) throw ImageSizeError("scale factor " + std::to_string(factor) + " is below 1");
-  Image* out = NewImage(req, std::max(1, width_ / factor), std::max(1, height_ / factor), depth_, nullptr);
-  out->CopyAttributesFrom(*this);
+  Image* out = NewImage(req, std::max(1, width_ / factor), std::max(1, height_ / factor), depth_, this);
   Resample(*this, *out, false);
   return out;
 }

@@ -107,8 +107,7 @@ void Image::FlipY() {
 }
 
 Image* Image::CopyOfImage(Request* req) const {
-  Image* copy = NewImage(req, width_, height_, depth_, nullptr);
-  copy->CopyAttributesFrom(*this);
+  Image* copy = NewImage(req, width_, height_, depth_, this);
   const size_t row_bytes = size_t(width_) * BytesPerPixel();
   for (int y = 0; y < height_; ++y) std::memcpy(copy->rows_[size_t(y)], rows_[size_t(y)], row_bytes);
   return copy;
@@ -116,8 +115,7 @@ Image* Image::CopyOfImage(Request* req) const {
 
 Image* Image::CopyOfImage2(Request* req) const {
   if (depth_ == 32) return CopyOfImage(req);
-  Image* copy = NewImage(req, width_, height_, 32, nullptr);
-  copy->CopyAttributesFrom(*this);
+  Image* copy = NewImage(req, width_, height_, 32, this);
   for (int y = 0; y < height_; ++y) {
     const uint8_t* src = MaskRow(y);
     uint32_t* dst = copy->Row(y);
@@ -189,8 +187,7 @@ Image* Image::CropOfImage(long x, long y, long width, long height) const {
   if (width > std::numeric_limits<int>::max() || height > std::numeric_limits<int>::max() || width < 0 ||
       height < 0)
     throw ImageSizeError("crop size " + std::to_string(width) + " x " + std::to_string(height) + " is impossible");
-  auto* crop = new Image(int(width), int(height), depth_);
-  crop->CopyAttributesFrom(*this);
+  Image* crop = NewImage(nullptr, int(width), int(height), depth_, this);
   crop->ImageCrop(this, x, y);
   return crop;
 }

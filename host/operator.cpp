@@ -164,7 +164,7 @@ void Input::Change(InputState next) {
 Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) {
   if (tags) SetAttrsTagList(*tags);
   if (!ar) return;
-  op_flags |= 1;
+  op_flags |= opflag::Restored;
   name_ = ar->ReadString();
   flow_x_ = ar->ReadInt();
   flow_y_ = ar->ReadInt();

@@ -35,6 +35,12 @@ constexpr size_t kTitleSize = 256;
 constexpr double kUnsetTimeStep = -1000000000.0;
 
 // Request flags.
+// Operator flags (Operator::op_flags).
+namespace opflag {
+constexpr uint32_t Restored = 0x1;  // built from a saved record rather than placed new
+constexpr uint32_t Saver = 0x40;    // writes frames; a render renders every tool marked so
+}  // namespace opflag
+
 namespace rflag {
 constexpr uint32_t Quick = 0x1;
 constexpr uint32_t Proxy = 0x2;
@@ -109,6 +115,12 @@ class Input {
   Parameter* ValueAt(double time) const;
   // The value outside a render: the one at kOutsideTime.
   Parameter* CurrentValue() const { return ValueAt(kOutsideTime); }
+  // The value at a time (outside a render unless given) as a T, or null when it is not one.
+  template <class T>
+  Ref<T> ValueAs(double time = kOutsideTime) const {
+    Ref<Parameter> v = Ref<Parameter>::Adopt(ValueAt(time));
+    return Ref<T>::Share(dynamic_cast<T*>(v.get()));
+  }
 
   // Sets the value at a time, taking over the caller's reference. Numbers are held to the
   // lowest and highest values the input allows. On an animated input this sets a key at that
@@ -257,7 +269,7 @@ class Operator : public LockableObject {
   double time_step = kUnsetTimeStep;
   double time_origin = 0.0;
   double TimeStep() const { return time_step == kUnsetTimeStep ? 1.0 : time_step; }
-  // Operator flags: bit 0 is set while the tool is restored from a saved flow.
+  // opflag bits.
   uint32_t op_flags = 0;
 
  protected:

@@ -11,8 +11,7 @@ SourceOperator::SourceOperator(Registry* reg, CArchive* ar, TagList* tags) : Thr
 }
 
 double SourceOperator::CurrentNumber(Input* in) {
-  Ref<Parameter> v = Ref<Parameter>::Adopt(in->CurrentValue());
-  auto* n = dynamic_cast<Number*>(v.get());
+  const Ref<Number> n = in->ValueAs<Number>();
   return n ? n->value : 0.0;
 }
 
@@ -41,7 +40,7 @@ void SourceOperator::OnAddToFlow() {
   if (CPipelineDoc* doc = Document()) {
     TimeExtent range = doc->render_range;
     OnGlobalExtentChanged(&range);
-    if (!(op_flags & 1) && CurrentNumber(global_in_) < range.start) SetNumber(global_in_, range.start);
+    if (!(op_flags & opflag::Restored) && CurrentNumber(global_in_) < range.start) SetNumber(global_in_, range.start);
   }
   Operator::OnAddToFlow();
 }

@@ -113,12 +113,8 @@ class Loader final : public SourceOperator {
     if (!in_[Filename]->Constant()) in_[Filename]->SetValue(new ClipParameter(TakeInitialClipName()));
 
     adjusting_ = true;
-    clip_ = CurrentClip();
-    clip_length_ = clip_ ? clip_->Length() : 0;
-    const double last = clip_length_ - 1.0 < 1.0 ? 0.0 : clip_length_ - 1.0;
-    for (int i : {ClipStart, ClipEnd})
-      in_[i]->SetAttrs({Tag(in::Highest, last), Tag(in::SliderHigh, last), Tag(in::Steps, uint32_t(last + 1.0))});
-    if (!(op_flags & 1)) SetNumber(in_[ClipEnd], last);
+    const double last = LimitClipRange(CurrentClip().get());
+    if (!(op_flags & opflag::Restored)) SetNumber(in_[ClipEnd], last);
     for (Input* g : {global_in_, global_out_})
       g->SetAttrs({Tag(srcattr::ExtendFirst, CurrentNumber(in_[ExtendFirst])),
                    Tag(srcattr::ExtendLast, CurrentNumber(in_[ExtendLast])), Tag(srcattr::Looping, 1)});
@@ -215,9 +211,7 @@ class Loader final : public SourceOperator {
           img = clip->ReadFrame(int(std::min(f, length - 1.0)), req, &read_tags);
         }
       } else if (missing == OutputBlack && last_width_ != 0 && last_height_ != 0) {
-        Image* black = NewImage(req, last_width_, last_height_, 32, nullptr);
-        black->Fill(Pixel{});
-        return req->SetOutputData(out, black);
+        return req->SetOutputData(out, NewImage(req, last_width_, last_height_, 32, nullptr));  // cleared to black
       }
       if (!img) return req->SetOutputData(out, nullptr);
     }
@@ -245,26 +239,28 @@ class Loader final : public SourceOperator {
   }
 
  private:
-  Ref<ClipParameter> CurrentClip() const {
-    Ref<Parameter> v = Ref<Parameter>::Adopt(in_[Filename]->CurrentValue());
-    return Ref<ClipParameter>::Share(dynamic_cast<ClipParameter*>(v.get()));
-  }
+  Ref<ClipParameter> CurrentClip() const { return in_[Filename]->ValueAs<ClipParameter>(); }
 
   Ref<ClipParameter> ClipAtCurrentTime() const {
     const double now = Document() ? Document()->current_time : kOutsideTime;
-    Ref<Parameter> v = Ref<Parameter>::Adopt(in_[Filename]->ValueAt(now));
-    return Ref<ClipParameter>::Share(dynamic_cast<ClipParameter*>(v.get()));
+    return in_[Filename]->ValueAs<ClipParameter>(now);
+  }
+
+  // Limits the clip range inputs to the frames of `clip` and returns its last frame (0 for a
+  // clip with no frames).
+  double LimitClipRange(const ClipParameter* clip) {
+    const double length = clip ? clip->Length() : 0;
+    const double last = std::max(length, 1.0) - 1.0;
+    for (int i : {ClipStart, ClipEnd})
+      in_[i]->SetAttrs({Tag(in::Lowest, 0.0), Tag(in::Highest, last), Tag(in::SliderHigh, last),
+                        Tag(in::Steps, uint32_t(last + 1.0))});
+    return last;
   }
 
   // Keeps the clip range, the extensions and the global span consistent after a change.
   void Adjust(Input* in, Parameter* value) {
     if (in == in_[Filename]) {
-      clip_ = Ref<ClipParameter>::Share(dynamic_cast<ClipParameter*>(value));
-      clip_length_ = clip_ ? clip_->Length() : 0;
-      const double last = std::max(clip_length_, 1.0) - 1.0;
-      for (int i : {ClipStart, ClipEnd})
-        in_[i]->SetAttrs({Tag(in::Lowest, 0.0), Tag(in::Highest, last), Tag(in::SliderHigh, last),
-                          Tag(in::Steps, uint32_t(last + 1.0))});
+      const double last = LimitClipRange(dynamic_cast<ClipParameter*>(value));
       SetNumber(in_[ClipStart], 0.0);
       SetNumber(in_[ClipEnd], last);
     } else if (in == in_[Loop]) {
@@ -272,7 +268,7 @@ class Loader final : public SourceOperator {
       for (Input* g : {global_in_, global_out_}) g->SetAttrs({Tag(srcattr::LoopOn, uint32_t(loop))});
     } else if (in == in_[ExtendFirst] || in == in_[ExtendLast]) {
       const bool first = in == in_[ExtendFirst];
-      const double upper = global_in_->GetAttrD(in::Highest, HUGE_VAL);
+      const double upper = global_in_->Highest();
       const double n = CurrentNumber(in_[ClipEnd]) - CurrentNumber(in_[ClipStart]) + 1.0;
       const double gin = CurrentNumber(global_in_);
       const double other = CurrentNumber(in_[first ? ExtendLast : ExtendFirst]);
@@ -285,8 +281,8 @@ class Loader final : public SourceOperator {
     }
     if (in == global_in_ || in == global_out_) return;
 
-    const double lower = global_in_->GetAttrD(in::Lowest, -HUGE_VAL);
-    const double upper = global_in_->GetAttrD(in::Highest, HUGE_VAL);
+    const double lower = global_in_->Lowest();
+    const double upper = global_in_->Highest();
     const double gin = CurrentNumber(global_in_);
     const double len = GetClipLength();
     const double excess = len - (upper - gin + 1.0);
@@ -307,8 +303,6 @@ class Loader final : public SourceOperator {
   }
 
   Input* in_[kInputCount];
-  Ref<ClipParameter> clip_;
-  double clip_length_ = 0.0;
   int last_width_ = 0, last_height_ = 0;
   bool adjusting_ = false;
 };

@@ -17,7 +17,6 @@ namespace {
 
 constexpr uint32_t kClassId = FourCC("Save");
 constexpr uint32_t kShowsClipName = 0x10000064;
-constexpr uint32_t kOperatorFlagSaver = 0x40;
 
 enum SaverInput { Filename, FieldMode, ImageIn, kInputCount };
 enum FieldModes { FullFrames = 0, NtscFields = 1, PalFields = 2, PalFieldsReversed = 3, NtscFieldsReversed = 4, Auto = 5 };
@@ -38,7 +37,7 @@ class Saver : public ThreadedOperator {
     // clang-format on
     frame::DeclareInputs(this, table, in_);
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    op_flags |= kOperatorFlagSaver;
+    op_flags |= opflag::Saver;
     SetThreadSettings(1, 0);
     if (ar) frame::SkipRecordEnd(ar);
   }
@@ -91,8 +90,7 @@ class Saver : public ThreadedOperator {
     if (!field_buffer_ || field_buffer_->Width() != img->Width() || field_buffer_->Height() != 2 * img->Height()) {
       ReleaseFieldBuffer();
       field_buffer_ = NewImage(req, img->Width(), 2 * img->Height(), img->Depth(), img);
-      field_buffer_->Use();  // kept across requests until the render ends
-      field_buffer_->Fill(Pixel{});
+      field_buffer_->Use();  // kept across requests until the render ends; new images are zero-filled
     }
     const size_t row_bytes = size_t(img->Width()) * img->BytesPerPixel();
     for (int r = 0; r < img->Height(); ++r)
@@ -128,10 +126,7 @@ class Saver : public ThreadedOperator {
     }
   }
 
-  Ref<ClipParameter> CurrentClip() const {
-    Ref<Parameter> v = Ref<Parameter>::Adopt(in_[Filename]->CurrentValue());
-    return Ref<ClipParameter>::Share(dynamic_cast<ClipParameter*>(v.get()));
-  }
+  Ref<ClipParameter> CurrentClip() const { return in_[Filename]->ValueAs<ClipParameter>(); }
 
   void ReleaseFieldBuffer() {
     if (field_buffer_) field_buffer_->Recycle();

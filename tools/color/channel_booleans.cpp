@@ -27,7 +27,8 @@ enum Operations {
   SignedAdd
 };
 constexpr int kPassThrough = 4;
-// The selector inputs in the order the channels are combined, and the pixel byte each writes.
+// The selector inputs in the order the channels are combined, and the pixel byte of each
+// channel (the byte a selector's channel is read from and the byte its result is written to).
 constexpr BooleansInput kSelectors[4] = {RedFrom, GreenFrom, BlueFrom, AlphaFrom};
 constexpr int kChannelByte[4] = {2, 1, 0, 3};
 
@@ -73,13 +74,6 @@ struct BooleansTables {
     for (int p = 0; p < 256; ++p) passed[size_t(p)] = blended(p, p);
   }
 };
-
-// Selector value to pixel byte: "Red" reads byte 2 and "Blue" byte 0; the others keep theirs.
-int SelectorByte(int selector) {
-  if (selector == 0) return 2;
-  if (selector == 2) return 0;
-  return selector;
-}
 
 void CombineRow(const uint8_t* f, const uint8_t* b, uint8_t* out, int count, const BooleansTables& t) {
   for (int x = 0; x < count; ++x, f += 4, b += 4, out += 4)
@@ -152,8 +146,9 @@ class ChannelBooleans final : public ThreadedOperator {
     if (!tables_) tables_ = std::make_unique<BooleansTables>();
     BooleansTables& t = *tables_;
     for (int c = 0; c < 4; ++c) {
-      const int byte = SelectorByte(frame::TruncToInt(frame::NumberInput(req, in_[kSelectors[c]])));
-      t.source_byte[c] = byte >= 0 && byte < 4 ? byte : -1;
+      // A selector names a channel (read from that channel's byte) or passes the background on.
+      const int selector = frame::TruncToInt(frame::NumberInput(req, in_[kSelectors[c]]));
+      t.source_byte[c] = selector >= 0 && selector < 4 ? kChannelByte[selector] : -1;
     }
     t.Build(operation, blend);
 
