@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -281,9 +280,7 @@ int RenderFlow(const RenderOptions& options) {
 }
 
 int ConvertFlow(const std::string& in, const std::string& out) {
-  std::string ext = std::filesystem::path(out).extension().string();
-  for (char& c : ext) c = char(std::tolower(uint8_t(c)));
-  if (ext != ".json" && ext != ".kfl") {
+  if (!IsFlowFileName(out)) {
     std::fprintf(stderr, "kestrion: '%s': a flow file ends in .json or .kfl\n", out.c_str());
     return status::BadInput;
   }

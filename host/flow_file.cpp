@@ -4,6 +4,7 @@
 // saved fields under "data". docs/flows.md describes it for users.
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -11,7 +12,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "host/archive.h"
 #include "host/clip.h"
@@ -34,6 +39,32 @@ struct FlowError {
 };
 
 std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
+
+// "a", "b", "c" (`none` when there are no names).
+template <class Names>
+std::string JoinQuoted(const Names& names, const std::string& none = "") {
+  std::string text;
+  for (const auto& name : names) text += (text.empty() ? "" : ", ") + Quoted(name);
+  return text.empty() ? none : text;
+}
+
+// Refuses a key of `object` that is not one of `valid`: `before` + "unknown key "KEY"" + `after`.
+void CheckKeys(const Json& object, std::initializer_list<const char*> valid, const std::string& before,
+               const std::string& after = "") {
+  for (const auto& [key, value] : object.items()) {
+    if (std::any_of(valid.begin(), valid.end(), [&key = key](const char* v) { return key == v; })) continue;
+    std::string list;
+    for (const char* v : valid) list += (list.empty() ? "" : ", ") + std::string(v);
+    throw FlowError{before + "unknown key " + Quoted(key) + after + " (valid: " + list + ")"};
+  }
+}
+
+// A flow view position [x, y]; `error` is the message for anything else.
+std::pair<int, int> ReadPosition(const Json& p, const std::string& error) {
+  if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
+    throw FlowError{error};
+  return {p[0].get<int>(), p[1].get<int>()};
+}
 
 std::string IdText(uint32_t id) {
   char hex[16];
@@ -88,9 +119,7 @@ class TextFlowReader {
     if (root["kestrion"] != kFormatVersion)
       throw FlowError{"text flow version " + root["kestrion"].dump() + " is not supported (this build reads " +
                       std::to_string(kFormatVersion) + ")"};
-    for (const auto& [key, value] : root.items())
-      if (key != "kestrion" && key != "range" && key != "time" && key != "preferences" && key != "tools")
-        throw FlowError{"unknown key " + Quoted(key) + " (valid: kestrion, range, time, preferences, tools)"};
+    CheckKeys(root, {"kestrion", "range", "time", "preferences", "tools"}, "");
     ReadPreferences(root.value("preferences", Json::object()));
     if (root.contains("range")) {
       const Json& r = root["range"];
@@ -174,23 +203,16 @@ class TextFlowReader {
   Operator* CreateTool(const std::string& name, const Json& entry) {
     const std::string where = "tool " + Quoted(name);
     if (!entry.is_object()) throw FlowError{where + " must be an object with a \"class\""};
-    for (const auto& [key, value] : entry.items())
-      if (key != "class" && key != "inputs" && key != "position" && key != "data")
-        throw FlowError{where + ": unknown key " + Quoted(key) + " (valid: class, inputs, position, data)"};
+    CheckKeys(entry, {"class", "inputs", "position", "data"}, where + ": ");
     if (!entry.contains("class") || !entry["class"].is_string()) throw FlowError{where + " has no \"class\""};
     const std::string class_name = entry["class"].get<std::string>();
     Registry* reg = ClassRegistry->FindByName(class_name);
     if (!reg) throw FlowError{where + ": unknown class " + Quoted(class_name) + " (valid: " + ValidClasses() + ")"};
     if (doc_.FindTool(name)) throw FlowError{where + ": the name is used twice"};
 
-    int x = 0, y = 0;
-    if (entry.contains("position")) {
-      const Json& p = entry["position"];
-      if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
-        throw FlowError{where + ": \"position\" must be [x, y] in whole numbers"};
-      x = p[0].get<int>();
-      y = p[1].get<int>();
-    }
+    std::pair<int, int> position{0, 0};
+    if (entry.contains("position"))
+      position = ReadPosition(entry["position"], where + ": \"position\" must be [x, y] in whole numbers");
     Object* obj = nullptr;
     if (entry.contains("data")) {
       // The tool's own fields follow a base record that holds nothing but the name and place.
@@ -199,8 +221,8 @@ class TextFlowReader {
         throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
       CArchive record;
       record.WriteString(name);
-      record.WriteInt(x);
-      record.WriteInt(y);
+      record.WriteInt(position.first);
+      record.WriteInt(position.second);
       record.WriteWord(0);
       record.WriteBytes(fields.data(), fields.size());
       record.WriteWord(0);
@@ -223,14 +245,14 @@ class TextFlowReader {
       if (obj) obj->Recycle();
       throw FlowError{where + ": a " + class_name + " could not be created"};
     }
-    op->SetFlowPos(x, y);
+    op->SetFlowPos(position.first, position.second);
     return doc_.AddTool(op, name);
   }
 
   static std::string ValidInputs(const Operator* op) {
-    std::string names;
-    for (const auto& in : op->Inputs()) names += (names.empty() ? "" : ", ") + Quoted(in->Name());
-    return names.empty() ? "none" : names;
+    std::vector<std::string> names;
+    for (const auto& in : op->Inputs()) names.push_back(in->Name());
+    return JoinQuoted(names, "none");
   }
 
   // An input by label, or by id where the label is ambiguous or not used.
@@ -276,9 +298,7 @@ class TextFlowReader {
 
   void ApplyInput(Input* in, const Json& value, const std::string& where, Pass pass) {
     if (value.is_object()) {
-      for (const auto& [key, part] : value.items())
-        if (key != "value" && key != "keys" && key != "curve" && key != "link" && key != "modifier")
-          throw FlowError{where + ": unknown key " + Quoted(key) + " (valid: value, keys, curve, link, modifier)"};
+      CheckKeys(value, {"value", "keys", "curve", "link", "modifier"}, where + ": ");
       // Settling must not put a constant back over the animation.
       if (value.contains("value") && !(pass == Pass::Settle && value.contains("keys")))
         ApplyInput(in, value["value"], where, pass);
@@ -347,9 +367,7 @@ class TextFlowReader {
   static std::string ListHint(const Input* in) {
     const auto entries = in->Tags().GetStrings(in::ListEntry);
     if (entries.empty()) return {};
-    std::string hint = " or one of its entries (";
-    for (size_t i = 0; i < entries.size(); ++i) hint += (i ? ", " : "") + Quoted(entries[i]);
-    return hint + ")";
+    return " or one of its entries (" + JoinQuoted(entries) + ")";
   }
 
   Spline ReadSpline(const Input* in, const Json& anim, const std::string& where) const {
@@ -400,14 +418,15 @@ class TextFlowReader {
       const bool has_id = ParseFourCC(label, id);
       for (const auto& out : tool->Outputs())
         if (out->Name() == label || (has_id && out->Id() == id)) return out.get();
-      std::string valid;
-      for (const auto& out : tool->Outputs()) valid += (valid.empty() ? "" : ", ") + Quoted(out->Name());
-      throw FlowError{where + ": tool " + Quoted(tool->Name()) + " has no output " + Quoted(label) + " (valid: " + valid + ")"};
+      std::vector<std::string> valid;
+      for (const auto& out : tool->Outputs()) valid.push_back(out->Name());
+      throw FlowError{where + ": tool " + Quoted(tool->Name()) + " has no output " + Quoted(label) + " (valid: " +
+                      JoinQuoted(valid) + ")"};
     }
-    std::string tools;
+    std::vector<std::string> others;
     for (Operator* op : doc_.Tools())
-      if (op != in->Owner()) tools += (tools.empty() ? "" : ", ") + Quoted(op->Name());
-    if (tools.empty()) tools = "none";
+      if (op != in->Owner()) others.push_back(op->Name());
+    const std::string tools = JoinQuoted(others, "none");
     if (in->IsImage())
       throw FlowError{where + ": no tool " + Quoted(text) + " to take the image from (valid: " + tools + ")"};
     const auto entries = in->Tags().GetStrings(in::ListEntry);
@@ -435,9 +454,7 @@ class TextFlowReader {
   void AddModifier(Input* in, const Json& entry, const std::string& where) {
     if (!entry.is_object() || !entry.contains("class") || !entry["class"].is_string())
       throw FlowError{where + ": \"modifier\" must be an object with a \"class\""};
-    for (const auto& [key, value] : entry.items())
-      if (key != "class" && key != "name" && key != "inputs" && key != "position")
-        throw FlowError{where + ": unknown key " + Quoted(key) + " in the modifier (valid: class, name, inputs, position)"};
+    CheckKeys(entry, {"class", "name", "inputs", "position"}, where + ": ", " in the modifier");
     HostError err;
     Operator* mod = doc_.AddModifier(in, entry["class"].get<std::string>(), &err);
     if (!mod) throw FlowError{where + ": " + err.message};
@@ -447,10 +464,8 @@ class TextFlowReader {
         throw FlowError{where + ": the modifier's \"name\" must be a name no other tool has"};
     }
     if (entry.contains("position")) {
-      const Json& p = entry["position"];
-      if (!p.is_array() || p.size() != 2 || !p[0].is_number_integer() || !p[1].is_number_integer())
-        throw FlowError{where + ": the modifier's \"position\" must be [x, y] in whole numbers"};
-      mod->SetFlowPos(p[0].get<int>(), p[1].get<int>());
+      const auto [x, y] = ReadPosition(entry["position"], where + ": the modifier's \"position\" must be [x, y] in whole numbers");
+      mod->SetFlowPos(x, y);
     }
     for (Pass pass : {Pass::Values, Pass::Connections, Pass::Settle}) ApplyInputs(mod, entry, pass);
   }
@@ -577,6 +592,15 @@ std::string Extension(const std::string& path) {
   for (char& c : ext) c = char(std::tolower(uint8_t(c)));
   return ext;
 }
+
+}  // namespace
+
+bool IsFlowFileName(const std::string& path) {
+  const std::string ext = Extension(path);
+  return ext == ".json" || ext == ".kfl";
+}
+
+namespace {
 
 std::string FolderOf(const std::string& path) {
   const std::filesystem::path p(path);

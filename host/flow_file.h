@@ -17,6 +17,8 @@ std::unique_ptr<CPipelineDoc> LoadTextFlow(const std::string& text, const std::s
 // it gives back the same document.
 std::string SaveTextFlow(const CPipelineDoc& doc);
 
+// Whether a path ends in .json or .kfl (in any case), the extensions of flow files.
+bool IsFlowFileName(const std::string& path);
 // A .json or .kfl file, chosen by extension.
 std::unique_ptr<CPipelineDoc> LoadFlowFile(const std::string& path, HostError* err);
 // Writes atomically; false with the reason.

@@ -30,9 +30,6 @@ class SourceOperator : public ThreadedOperator {
   // Frames the tool's clip spans.
   virtual double GetClipLength();
 
-  Input* GlobalIn() const { return global_in_; }
-  Output* ImageOut() const { return image_out_; }
-
   // The two settings a source passes to its clip's frame reads, and the first clip frame that
   // a search for an earlier frame may reach.
   int field_setting = 0;

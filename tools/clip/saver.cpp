@@ -61,17 +61,14 @@ class Saver : public ThreadedOperator {
   uint32_t Process(Request* req) override {
     auto* img = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     if (!img) return req->SetOutputData(image_out_, nullptr);
-    if (req->flags & (rflag::Interactive | rflag::Preview)) {
-      img->Use();
-      return req->SetOutputData(image_out_, img);
-    }
-    if (!WriteFrame(req, 0)) return req->SetOutputData(image_out_, nullptr);
+    const bool interactive = req->flags & (rflag::Interactive | rflag::Preview);
+    if (!interactive && !WriteFrame(req, 0)) return req->SetOutputData(image_out_, nullptr);
     img->Use();
     return req->SetOutputData(image_out_, img);
   }
 
   // Writes the request's image (or, with fields, the frame the second field completes).
-  // Returns 0 when the clip refused the write.
+  // Returns 0 when the clip refused the write. Virtual: the frame-writing slot of savers.
   virtual uint32_t WriteFrame(Request* req, int preview) {
     auto* img = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     auto* clip = dynamic_cast<ClipParameter*>(req->GetInputData(in_[Filename]));
