@@ -17,10 +17,12 @@ namespace kestrion {
 
 class Request;
 
-// Tags of a frame read (ClipParameter::ReadFrame).
+// Tags that tools pass to a frame read (ReadFrame) and a frame write (WriteFrame). Files on
+// disk read and write the same whatever the field and size settings say (they matter to
+// device clips); the abort flag ends a read early.
 namespace cliptag {
-constexpr uint32_t FieldSetting = 0x10000068;
-constexpr uint32_t SizeSetting = 0x10000069;
+constexpr uint32_t FieldSetting = 0x10000068;  // read
+constexpr uint32_t SizeSetting = 0x10000069;   // read
 constexpr uint32_t AbortFlag = 0x1000006a;  // pointer to the reading operator's abort flag
 constexpr uint32_t Preview = 0x1000006b;    // a preview write
 }  // namespace cliptag

@@ -30,8 +30,9 @@ class SourceOperator : public ThreadedOperator {
   // Frames the tool's clip spans.
   virtual double GetClipLength();
 
-  // The two settings a source passes to its clip's frame reads, and the first clip frame that
-  // a search for an earlier frame may reach.
+  // The two settings a source passes with its clip's frame reads (files ignore them; a source
+  // drops them once frames show they do not apply), and the first clip frame that a search for
+  // an earlier frame may reach.
   int field_setting = 0;
   int size_setting = 1;
   double first_valid_time = 0.0;
