@@ -19,13 +19,14 @@ struct BandCase {
 
 // clang-format off
 const BandCase kBands[] = {
-  // 10 rows in 3 bands of trunc(10 / 3) = 3; the band at the far end takes the remainder.
+  // 10 rows in 3 bands of trunc(10 / 3) = 3; in both orders the band holding the bottom row
+  // takes the remainder (the last band from the top, the first from the bottom).
   {10, 3, 0, {0, 3},  {6, 10}},
   {10, 3, 1, {3, 6},  {3, 6}},
   {10, 3, 2, {6, 10}, {0, 3}},
   // One band is everything.
   {7,  1, 0, {0, 7},  {0, 7}},
-  // More bands than rows: bands of 0 rows, the far one takes all.
+  // More bands than rows: bands of 0 rows, and the one holding the bottom row takes all.
   {2,  4, 0, {0, 0},  {0, 2}},
   {2,  4, 2, {0, 0},  {0, 0}},
   {2,  4, 3, {0, 2},  {0, 0}},

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/clip.h"
+#include "tests/host/test_tools.h"
 #include "tests/tools/clip/clip_fixture.h"
 
 namespace kestrion::clip_test {
@@ -19,7 +20,7 @@ class ClipTest : public ::testing::Test {
     const Ref<Image> img = Ref<Image>::Adopt(clip.ReadFrame(frame, nullptr, nullptr));
     return img ? img->Row(0)[0] : 0;
   }
-  TempFolder dir_;
+  test_tools::TempFolder dir_;
 };
 
 // On disk: plate.0040, 0041 and 0045 (.png), and files of no sequence of them.
@@ -146,7 +147,7 @@ TEST_F(ClipTest, NamesWithoutAFolderAreInTheCurrentFolder) {
 
 // Compression levels are kept per format, whichever spelling of its extension names it.
 TEST_F(ClipTest, CompressionKeysNameTheFormat) {
-  const auto saved = ClipParameter::Compression();
+  const test_tools::SavedPrefs saved;
   ClipParameter::SetCompression("TIF", 0);
   ClipParameter::SetCompression(".jpeg", 90);
   ClipParameter::SetCompression("png", 6);
@@ -155,7 +156,6 @@ TEST_F(ClipTest, CompressionKeysNameTheFormat) {
   EXPECT_EQ(table.at("jpg"), 90);
   EXPECT_EQ(table.at("png"), 6);
   EXPECT_EQ(table.count("tif") + table.count("jpeg"), 0u);
-  ClipParameter::SetCompression(saved);
 }
 
 }  // namespace

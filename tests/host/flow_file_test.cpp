@@ -3,13 +3,7 @@
 // as text and as documents.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -47,62 +41,28 @@ class Twins final : public TestTool<kTwinsId> {
   Output* out;
 };
 
-std::string ReadText(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-void WriteText(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 class FlowFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    general_ = PGeneral;
-    video_ = PVidMode;
-    preview_ = PPreview;
-    compression_ = ClipParameter::Compression();
     classes_ = std::make_unique<TestClasses>();
     TagList tags{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
                  Tag(reg::Factory, &frame::Factory<Twins>), Tag(reg::ClassId, kTwinsId),
                  Tag(reg::ClassType, classtype::ImageTool)};
     twins_ = std::make_unique<Registry>(&ClassRegistry, "TestTwins", std::move(tags));
-
-    static std::atomic<int> counter{0};
-    dir_ = fs::temp_directory_path() /
-           ("kestrion-flow-" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1)));
-    fs::create_directories(dir_);
-    fs::copy(fs::path(KESTRION_TEST_SOURCE_DIR) / "examples" / "media", dir_ / "media");
-  }
-  void TearDown() override {
-    twins_.reset();
-    classes_.reset();
-    PGeneral = general_;
-    PVidMode = video_;
-    PPreview = preview_;
-    ClipParameter::SetCompression(compression_);
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
+    fs::copy(fs::path(KESTRION_TEST_SOURCE_DIR) / "examples" / "media", dir_.path() / "media");
   }
 
   std::unique_ptr<CPipelineDoc> Load(const std::string& text, HostError* err = nullptr) {
     HostError local;
-    return LoadTextFlow(text, dir_.string(), err ? err : &local);
+    return LoadTextFlow(text, dir_.path().string(), err ? err : &local);
   }
 
-  fs::path dir_;
+  TempFolder dir_;
 
  private:
+  SavedPrefs prefs_;
   std::unique_ptr<TestClasses> classes_;
   std::unique_ptr<Registry> twins_;
-  GeneralPrefs general_;
-  VideoModePrefs video_;
-  PreviewPrefs preview_;
-  std::map<std::string, int> compression_;
 };
 
 // A flow that holds a value of every kind a text flow can write, in every way it can be keyed.
@@ -195,7 +155,7 @@ TEST_F(FlowFileTest, ValuesOfEveryKindLoad) {
   ASSERT_NE(loader_clip, nullptr);
   EXPECT_EQ(loader_clip->Name(), "media/plate.####.png");
   EXPECT_EQ(loader_clip->Length(), 8);
-  EXPECT_EQ(fs::path(loader_clip->Path()).parent_path(), dir_ / "media");
+  EXPECT_EQ(fs::path(loader_clip->Path()).parent_path(), dir_.path() / "media");
 
   // Links: "Tool" and "Tool.Output", on number and image inputs.
   const char* const links[][3] = {{"Adder1", "A", "Clock1"},       {"Adder1", "B", "Clock1"},
@@ -327,7 +287,7 @@ TEST_F(FlowFileTest, FlowsSurviveSavingAsTextAndAsDocuments) {
   ASSERT_NE(again, nullptr) << err.message;
   EXPECT_EQ(SaveTextFlow(*again), text);
 
-  const fs::path kfl = dir_ / "flow.kfl", json = dir_ / "again.json";
+  const fs::path kfl = dir_.path() / "flow.kfl", json = dir_.path() / "again.json";
   ASSERT_TRUE(SaveFlowFile(*doc, kfl.string(), &err)) << err.message;
   doc.reset();
   again.reset();
@@ -340,28 +300,28 @@ TEST_F(FlowFileTest, FlowsSurviveSavingAsTextAndAsDocuments) {
   EXPECT_EQ(SaveTextFlow(*from_kfl), text);
 
   ASSERT_TRUE(SaveFlowFile(*from_kfl, json.string(), &err)) << err.message;
-  EXPECT_EQ(ReadText(json), text);
+  EXPECT_EQ(ReadBytes(json), text);
   auto from_json = LoadFlowFile(json.string(), &err);
   ASSERT_NE(from_json, nullptr) << err.message;
   EXPECT_EQ(SaveTextFlow(*from_json), text);
 }
 
 TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
-  WriteText(dir_ / "flow.txt", "{\"kestrion\": 1}");
-  WriteText(dir_ / "broken.json", "{\"kestrion\": 1, \"tools\": {\"X\": {\"class\": \"Nope\"}}}");
-  WriteText(dir_ / "broken.kfl", "not a document");
+  WriteBytes(dir_ / "flow.txt", "{\"kestrion\": 1}");
+  WriteBytes(dir_ / "broken.json", "{\"kestrion\": 1, \"tools\": {\"X\": {\"class\": \"Nope\"}}}");
+  WriteBytes(dir_ / "broken.kfl", "not a document");
   const std::pair<const char*, const char*> cases[] = {{"flow.txt", ".json or .kfl"},
                                                        {"missing.json", "cannot read"},
                                                        {"broken.json", "tool \"X\": unknown class \"Nope\""},
                                                        {"broken.kfl", "not a flow document"}};
   for (const auto& [name, expected] : cases) {
     HostError err;
-    EXPECT_EQ(LoadFlowFile((dir_ / name).string(), &err), nullptr) << name;
+    EXPECT_EQ(LoadFlowFile(dir_ / name, &err), nullptr) << name;
     EXPECT_NE(err.message.find(expected), std::string::npos) << err.message;
-    EXPECT_NE(err.message.find((dir_ / name).string()), std::string::npos) << err.message;
+    EXPECT_NE(err.message.find(dir_ / name), std::string::npos) << err.message;
   }
   HostError err;
-  EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), (dir_ / "flow.txt").string(), &err));
+  EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), dir_ / "flow.txt", &err));
   EXPECT_NE(err.message.find(".json or .kfl"), std::string::npos) << err.message;
 }
 

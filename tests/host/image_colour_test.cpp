@@ -132,8 +132,7 @@ TEST_P(ColourTest, SaturateTable) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, ColourTest, ::testing::Values(Rows::Owned, Rows::TopDown, Rows::BottomUp),
-                         [](const auto& info) { return test::RowsName(info.param); });
+INSTANTIATE_TEST_SUITE_P(Rows, ColourTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);
 
 // --- Over the whole cube, one 256 x 256 slice per first byte ---
 

@@ -208,10 +208,8 @@ TEST_P(BlurTest, NegativeRadiiCountAsZero) {
   EXPECT_EQ(Words(*img.get()), (Vec{1, 2, 3}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, ResizeTest, ::testing::Values(Rows::Owned, Rows::TopDown, Rows::BottomUp),
-                         [](const auto& info) { return test::RowsName(info.param); });
-INSTANTIATE_TEST_SUITE_P(Rows, BlurTest, ::testing::Values(Rows::Owned, Rows::TopDown, Rows::BottomUp),
-                         [](const auto& info) { return test::RowsName(info.param); });
+INSTANTIATE_TEST_SUITE_P(Rows, ResizeTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);
+INSTANTIATE_TEST_SUITE_P(Rows, BlurTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);
 
 }  // namespace
 }  // namespace kestrion

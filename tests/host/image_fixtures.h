@@ -1,7 +1,9 @@
-// Small images for the host image tests: made from a list of pixels given top row first, held
-// in the host's own memory or over test memory whose rows lie top-down or bottom-up, with
-// padding between rows that no operation may touch.
+// Small images for the image, frame and tool tests: made from a list of pixels given top row
+// first, held in the host's own memory or over test memory whose rows lie top-down or
+// bottom-up, with padding between rows that no operation may touch.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstring>
@@ -23,6 +25,10 @@ enum class Rows { Owned, TopDown, BottomUp };
 inline std::string RowsName(Rows rows) {
   return rows == Rows::Owned ? "Owned" : rows == Rows::TopDown ? "TopDown" : "BottomUp";
 }
+
+// Every row layout, and the test names they give, for suites run over each of them.
+constexpr Rows kAllRows[] = {Rows::Owned, Rows::TopDown, Rows::BottomUp};
+inline std::string RowsTestName(const ::testing::TestParamInfo<Rows>& info) { return RowsName(info.param); }
 
 constexpr uint32_t Bgra(uint32_t b, uint32_t g, uint32_t r, uint32_t a) { return b | g << 8 | r << 16 | a << 24; }
 

@@ -231,8 +231,7 @@ TEST(ImageSizes, ImpossibleSizesThrow) {
   EXPECT_THROW(img->CropOfImage(0, 0, 70000, 70000), ImageSizeError);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, ImageOpsTest, ::testing::Values(Rows::Owned, Rows::TopDown, Rows::BottomUp),
-                         [](const auto& info) { return test::RowsName(info.param); });
+INSTANTIATE_TEST_SUITE_P(Rows, ImageOpsTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);
 
 }  // namespace
 }  // namespace kestrion

@@ -109,8 +109,7 @@ TEST(Sampler, EmptyImageGivesZero) {
   EXPECT_EQ(p, Pixel{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, SamplerTest, ::testing::Values(Rows::Owned, Rows::TopDown, Rows::BottomUp),
-                         [](const auto& info) { return test::RowsName(info.param); });
+INSTANTIATE_TEST_SUITE_P(Rows, SamplerTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);
 
 }  // namespace
 }  // namespace kestrion

@@ -62,8 +62,9 @@ TEST_F(RenderTest, ToolsSeeTheirInputsAtTheRequestedTimes) {
        [&] { adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 100}})); }, adder->out, 5.0, 5.0 + 50.0},
       {"held after the last key", [&] { adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 100}})); },
        adder->out, 30.0, 30.0 + 100.0},
-      // Handles a third of the way along, slope (30 - 0) / 20 at the middle key: the curve
-      // through (0, 0), (0, 0), (10 - 5, 10 - 5), (10, 10) at its middle is 3.125.
+      // Handles a third of the way to the next key, flat at the first key and of slope
+      // (30 - 0) / 20 at the middle one: the control points (0, 0), (10/3, 0), (20/3, 5),
+      // (10, 10) reach x = 5 halfway, where y is (3 * 5 + 10) / 8 = 3.125.
       {"Bezier keys", [&] { adder->b->SetAnimation(Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}})); },
        adder->out, 5.0, 5.0 + 3.125},
       {"Bezier keys at a key", [&] { adder->b->SetAnimation(Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}})); },

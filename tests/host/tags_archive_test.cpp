@@ -2,12 +2,9 @@
 // the tool catalogue are written in, so every byte here is part of the file format.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <limits>
 #include <random>
 #include <string>
@@ -16,6 +13,7 @@
 #include "host/archive.h"
 #include "host/operator.h"
 #include "host/tags.h"
+#include "tests/host/test_tools.h"
 
 namespace kestrion {
 namespace {
@@ -308,13 +306,7 @@ TEST(CArchive, AStringThatFillsTheRestExactlyIsRead) {
 
 class ArchiveFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/kestrion-archive-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-  std::filesystem::path dir_;
+  test_tools::TempFolder dir_;
 };
 
 TEST_F(ArchiveFileTest, FilesHoldExactlyTheBytesAndLeaveNoTemporaries) {
@@ -322,7 +314,7 @@ TEST_F(ArchiveFileTest, FilesHoldExactlyTheBytesAndLeaveNoTemporaries) {
   out.WriteWord(FourCC("KFlw"));
   out.WriteString("flow");
   out.WriteDouble(24.0);
-  const std::string path = (dir_ / "a.kfl").string();
+  const std::string path = dir_ / "a.kfl";
   out.WriteFile(path);
   out.WriteWord(7);  // replacing a file replaces it whole
   out.WriteFile(path);
@@ -330,20 +322,18 @@ TEST_F(ArchiveFileTest, FilesHoldExactlyTheBytesAndLeaveNoTemporaries) {
   CArchive in = CArchive::FromFile(path);
   EXPECT_TRUE(in.IsLoading());
   EXPECT_EQ(in.Bytes(), out.Bytes());
-  size_t files = 0;
-  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir_)) ++files;
-  EXPECT_EQ(files, 1u) << "a temporary file was left behind";
+  EXPECT_EQ(dir_.Files(), std::vector<std::string>{"a.kfl"}) << "a temporary file was left behind";
 }
 
 TEST_F(ArchiveFileTest, MissingFilesAndFoldersThrowWithThePath) {
-  const std::string missing = (dir_ / "none.kfl").string();
+  const std::string missing = dir_ / "none.kfl";
   try {
     CArchive::FromFile(missing);
     ADD_FAILURE() << "read a missing file";
   } catch (const ArchiveError& e) {
     EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
   }
-  const std::string unwritable = (dir_ / "no-such-folder" / "a.kfl").string();
+  const std::string unwritable = dir_ / "no-such-folder/a.kfl";
   try {
     CArchive().WriteFile(unwritable);
     ADD_FAILURE() << "wrote into a missing folder";

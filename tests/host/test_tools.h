@@ -1,12 +1,22 @@
 // Small operators that host tests build flows from: a clock, an adder, a tool that samples its
 // input around the request time, a chooser that leaves one input unrendered, a tool that fails
 // in chosen ways, a tool with defaults of every kind, a tool with data of its own (saved and
-// undone), a modifier, and a picture source whose image a test sets. Their classes are entered in the ClassRegistry only while a
-// TestClasses object lives, so the catalogue seen by other suites is untouched.
+// undone), a modifier, and a picture source whose image a test sets. Their classes are entered
+// in the ClassRegistry only while a TestClasses object (for the picture, a PictureClass object)
+// lives, so the catalogue seen by other suites is untouched. Beside them: a temporary folder,
+// whole-file reads and writes, and the process-wide settings saved and put back.
 #pragma once
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -16,9 +26,11 @@
 #include "frame/operator_contract.h"
 #include "frame/registry.h"
 #include "host/archive.h"
+#include "host/clip.h"
 #include "host/document.h"
 #include "host/image.h"
 #include "host/operator.h"
+#include "host/prefs.h"
 #include "host/registry.h"
 #include "host/request.h"
 
@@ -33,6 +45,69 @@ constexpr uint32_t kDefaultsId = FourCC("tDef");
 constexpr uint32_t kShapeId = FourCC("tShp");
 constexpr uint32_t kRampId = FourCC("tRmp");
 constexpr uint32_t kPictureId = FourCC("tPic");
+
+// A folder of its own under the system's temporary folder, removed with all it holds.
+class TempFolder {
+ public:
+  TempFolder() {
+    static std::atomic<unsigned> counter{0};
+    path_ = std::filesystem::temp_directory_path() /
+            ("kestrion-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directories(path_);
+  }
+  ~TempFolder() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+  // The names in this folder or a folder in it, sorted, hidden ones included.
+  std::vector<std::string> Files(const std::string& sub = {}) const {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(path_ / sub, ec))
+      names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A whole file (empty when it cannot be read).
+inline std::string ReadBytes(const std::filesystem::path& path) {
+  std::ifstream f(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+}
+inline void WriteBytes(const std::filesystem::path& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// The process-wide settings a test may change (general, video mode, preview, and the clip
+// compression levels), put back as they were when this goes.
+class SavedPrefs {
+ public:
+  SavedPrefs() = default;
+  ~SavedPrefs() {
+    PGeneral = general_;
+    PVidMode = video_;
+    PPreview = preview_;
+    ClipParameter::SetCompression(compression_);
+  }
+  SavedPrefs(const SavedPrefs&) = delete;
+  SavedPrefs& operator=(const SavedPrefs&) = delete;
+
+ private:
+  GeneralPrefs general_ = PGeneral;
+  VideoModePrefs video_ = PVidMode;
+  PreviewPrefs preview_ = PPreview;
+  std::map<std::string, int> compression_ = ClipParameter::Compression();
+};
 
 // The number on an input of a request, or NaN when there is none.
 inline double NumberIn(Request* req, Input* in, int slot = 0) {

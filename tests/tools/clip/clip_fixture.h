@@ -1,15 +1,10 @@
-// What the clip tests share: a fresh folder per test, frames whose colour tells their number,
-// and a fixture that builds clip tools in a document.
+// What the clip tests share: frames whose colour tells their number, and a fixture that builds
+// clip tools in a document in a fresh folder of its own.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -23,44 +18,8 @@ namespace kestrion::clip_test {
 
 namespace fs = std::filesystem;
 using test::Bgra;
-
-// A folder of its own under the system's temporary folder, removed with all it holds.
-class TempFolder {
- public:
-  TempFolder() {
-    static std::atomic<unsigned> counter{0};
-    path_ = fs::temp_directory_path() /
-            ("kestrion-clip-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    fs::remove_all(path_);
-    fs::create_directories(path_);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  const fs::path& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-  // The names in this folder or a folder in it, sorted, hidden ones included.
-  std::vector<std::string> Files(const std::string& sub = {}) const {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto& e : fs::directory_iterator(path_ / sub, ec)) names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
- private:
-  fs::path path_;
-};
-
-inline std::string ReadBytes(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
-}
-inline void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+using test_tools::ReadBytes;
+using test_tools::WriteBytes;
 
 // The colour of frame number n in the sequences the tests write.
 constexpr uint32_t Marker(int n) { return Bgra(uint32_t(n) & 0xFF, (uint32_t(n) >> 8) & 0xFF, 0x5A, 0xFF); }
@@ -112,7 +71,7 @@ class ClipToolTest : public ::testing::Test {
     return Ref<Image>::Share(dynamic_cast<Image*>(v.get()));
   }
 
-  TempFolder dir_;
+  test_tools::TempFolder dir_;
   test_tools::PictureClass pictures_;  // outlives the document
   CPipelineDoc doc_;
 };

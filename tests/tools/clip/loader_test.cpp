@@ -17,8 +17,8 @@
 namespace kestrion::clip_test {
 namespace {
 
-// What a render gave: "none", "black WxH", or "N" for a 1 x 1 marker frame of number N
-// ("N WxH" for another size).
+// What a render gave: "none", "black WxH", "mixed WxH" for pixels that are not all alike, or
+// "N" for a 1 x 1 marker frame of number N ("N WxH" for another size).
 std::string Seen(const Ref<Image>& img) {
   if (!img) return "none";
   const std::string size = std::to_string(img->Width()) + "x" + std::to_string(img->Height());

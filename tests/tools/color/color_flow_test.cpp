@@ -1,5 +1,6 @@
 // The colour and compositing tools from a text flow: labels with their blanks and entry texts
-// as flow files write them, and one pixel per tool (the same pairs as the tools' own tests).
+// as flow files write them, and one pixel per tool, every tool fed the same background and
+// foreground pixels (the pair the Channel Booleans tests use).
 #include <gtest/gtest.h>
 
 #include <memory>

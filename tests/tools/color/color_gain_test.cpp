@@ -22,7 +22,7 @@ TEST_F(ColorGainTest, Inputs) {
     facts.push_back({label, vtype::Number, id, 1.0});
   facts.push_back({"Image", vtype::Image, ImageInputId(1), kNoDefault});
   Operator* gain = Tool("ColorGain");
-  ExpectInputs(*gain, facts);
+  ASSERT_NO_FATAL_FAILURE(ExpectInputs(*gain, facts));
   for (size_t i = 0; i < 11; ++i) {
     const Input& in = *gain->Inputs()[i];
     EXPECT_EQ((std::tuple{in.GetAttrD(in::Lowest, -1), in.GetAttrD(in::SliderHigh), in.GetAttrI(in::Steps)}),
