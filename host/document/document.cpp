@@ -81,11 +81,16 @@ CPipelineDoc::~CPipelineDoc() {
     for (auto& in : op->Inputs()) in->state_ = InputState();
     for (auto& out : op->Outputs()) out->targets_.clear();
   }
-  for (auto& op : tools_) op->document_ = nullptr;
+  for (auto& op : tools_) Hold(op.get(), nullptr);
   tools_.clear();
 }
 
 // --- tools ---
+
+void CPipelineDoc::Hold(Operator* op, CPipelineDoc* doc) {
+  op->document_ = doc;
+  op->tool_owner_ = doc;
+}
 
 Operator* CPipelineDoc::CreateTool(const std::string& class_name, const std::string& name, HostError* err) {
   Registry* reg = ClassRegistry->FindByName(class_name);
@@ -124,7 +129,7 @@ Operator* CPipelineDoc::AddTool(Operator* op, const std::string& name) {
     wanted = FreeName(base);
   }
   op->name_ = wanted;
-  op->document_ = this;
+  Hold(op, this);
   tools_.push_back(Ref<Operator>::Adopt(op));
   op->OnAddToFlow();
   return op;
@@ -154,7 +159,7 @@ void CPipelineDoc::RemoveTool(Operator* op) {
   ReleaseTool(op);
   op->OnDelete(0);
   tools_.erase(std::find_if(tools_.begin(), tools_.end(), [op](const Ref<Operator>& t) { return t.get() == op; }));
-  op->document_ = nullptr;
+  Hold(op, nullptr);
 }
 
 bool CPipelineDoc::RenameTool(Operator* op, const std::string& name) {
@@ -553,7 +558,7 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
                     ") has " + (name.empty() ? "no name" : "the duplicate name '" + name + "'"));
       }
       doc->tools_.push_back(Ref<Operator>::Adopt(op));
-      op->document_ = doc.get();
+      Hold(op, doc.get());
       op->DropSavedValues();
     }
     record = 0;

@@ -21,7 +21,7 @@ struct HostError {
   std::string message;
 };
 
-class CPipelineDoc {
+class CPipelineDoc : public ToolOwner {
  public:
   CPipelineDoc();
   ~CPipelineDoc();
@@ -55,9 +55,9 @@ class CPipelineDoc {
   // --- undo ---
   // Groups the changes until the matching EndUndo into one named step. Steps nest; the
   // outermost name is the step's.
-  void StartUndo(const char* name);
+  void StartUndo(const char* name) override;
   // Closes the step; with keep 0 the step is dropped (its changes stay).
-  void EndUndo(uint32_t keep);
+  void EndUndo(uint32_t keep) override;
   bool Undo();
   bool Redo();
   std::string UndoName() const;
@@ -71,7 +71,7 @@ class CPipelineDoc {
   // Stops renders in progress: every tool's abort flag is set until the next render starts.
   void Abort();
   // Drops the cached results of a tool and of everything downstream of it.
-  void InvalidateFrom(Operator* op);
+  void InvalidateFrom(Operator* op) override;
   // The memory the result cache may hold (bytes of images, 1 GiB by default).
   void SetCacheLimit(size_t bytes);
   size_t CachedResults() const;
@@ -94,8 +94,10 @@ class CPipelineDoc {
   using Outputs = std::vector<Ref<Parameter>>;
 
   // Host-side hooks of Operator and Input.
-  void RecordInput(Input* in, const InputState& before);
-  void RecordToolData(Operator* op);
+  void RecordInput(Input* in, const InputState& before) override;
+  void RecordToolData(Operator* op) override;
+  // Makes the document the tool's holder, or none.
+  static void Hold(Operator* op, CPipelineDoc* doc);
   void OnInputChanged(Input* in);
 
   bool RenderTool(Operator* op, double time, uint32_t flags, Outputs& out, HostError* err, int depth);

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "host/archive.h"
-#include "host/document.h"
 #include "host/registry.h"
 
 namespace kestrion {
@@ -239,13 +238,13 @@ uint32_t Operator::Save(CArchive* ar, TagList*) {
 }
 
 void Operator::StartUndo(const char* name) {
-  if (!document_) return;
-  document_->StartUndo(name);
-  document_->RecordToolData(this);
+  if (!tool_owner_) return;
+  tool_owner_->StartUndo(name);
+  tool_owner_->RecordToolData(this);
 }
 
 void Operator::EndUndo(uint32_t keep) {
-  if (document_) document_->EndUndo(keep);
+  if (tool_owner_) tool_owner_->EndUndo(keep);
 }
 
 void Operator::RestoreState(UndoState*) {}
@@ -272,12 +271,12 @@ void Operator::SetFlowPos(int x, int y) {
 void Operator::PutMsg(Message*) {}
 void Operator::Abort(uint32_t on) { abort_flag.store(on ? 1 : 0); }
 void Operator::InvalidateCache(Input*) {
-  if (document_) document_->InvalidateFrom(this);
+  if (tool_owner_) tool_owner_->InvalidateFrom(this);
 }
 void Operator::CacheOn() { caching_ = true; }
 void Operator::CacheOff() {
   caching_ = false;
-  if (document_) document_->InvalidateFrom(this);
+  if (tool_owner_) tool_owner_->InvalidateFrom(this);
 }
 void Operator::SetParams(ControlWnd*, CRect&) {}
 void Operator::OnAddToFlow() {}
@@ -348,7 +347,7 @@ void Operator::ApplySavedValue(Input* in) {
 void Operator::DropSavedValues() { saved_inputs_.clear(); }
 
 void Operator::InputChanged(Input* in, const InputState& before) {
-  if (document_) document_->RecordInput(in, before);
+  if (tool_owner_) tool_owner_->RecordInput(in, before);
   InvalidateCache(in);
   Ref<Parameter> value = Ref<Parameter>::Adopt(in->CurrentValue());
   NotifyChanged(in, value.get(), kOutsideTime);

@@ -15,6 +15,7 @@
 #include "host/object.h"
 #include "host/parameter.h"
 #include "host/tags.h"
+#include "host/graph/tool_owner.h"
 #include "host/ui.h"
 
 namespace kestrion {
@@ -293,7 +294,9 @@ class Operator : public LockableObject {
   void DropSavedValues();
 
   Registry* registry_;
+  // The flow document that holds the tool, as tools see it and as this layer reaches it.
   CPipelineDoc* document_ = nullptr;
+  ToolOwner* tool_owner_ = nullptr;
   std::string name_;
   int flow_x_ = 0, flow_y_ = 0;
   std::vector<std::unique_ptr<Input>> inputs_;
