@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <random>
 
-#include "host/image.h"
+#include "host/image/image.h"
 
 namespace kestrion::bench {
 

@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "bench/bench_frames.h"
-#include "host/image.h"
-#include "host/module.h"
-#include "host/operator.h"
-#include "host/registry.h"
-#include "host/request.h"
-#include "host/threads.h"
+#include "host/image/image.h"
+#include "host/graph/module.h"
+#include "host/graph/operator.h"
+#include "host/graph/registry.h"
+#include "host/graph/request.h"
+#include "host/graph/threads.h"
 
 namespace kestrion {
 namespace {

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "bench/bench_frames.h"
-#include "host/image.h"
-#include "host/operator.h"
-#include "host/request.h"
-#include "host/threads.h"
+#include "host/image/image.h"
+#include "host/graph/operator.h"
+#include "host/graph/request.h"
+#include "host/graph/threads.h"
 
 namespace kestrion {
 namespace {

@@ -4,9 +4,9 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
-#include "frame/operator_contract.h"
-#include "host/operator.h"
-#include "host/registry.h"
+#include "module/operator_contract.h"
+#include "host/graph/operator.h"
+#include "host/graph/registry.h"
 
 namespace kestrion::cli {
 
@@ -43,7 +43,7 @@ bool IsBuilt(Registry* reg) {
     return false;
   }
   if (!obj) return false;
-  const bool built = obj->GetAttrI(frame::kNotYetBuiltAttr, 0) == 0;
+  const bool built = obj->GetAttrI(module::kNotYetBuiltAttr, 0) == 0;
   obj->Recycle();
   return built;
 }

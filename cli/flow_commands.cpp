@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
-#include "host/clip.h"
-#include "host/failure.h"
-#include "host/flow_file.h"
-#include "host/prefs.h"
-#include "host/threads.h"
+#include "host/clip/clip.h"
+#include "host/base/failure.h"
+#include "host/document/flow_file.h"
+#include "host/base/prefs.h"
+#include "host/graph/threads.h"
 
 namespace kestrion::cli {
 

@@ -6,7 +6,7 @@
 
 #include "cli/catalogue_commands.h"
 #include "cli/flow_commands.h"
-#include "host/module.h"
+#include "host/graph/module.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"Kestrion: renders flows of compositing tools"};

@@ -1,14 +1,14 @@
 // The catalogue of the module's 42 tool classes. When the module is loaded, one static
 // initialiser runs the registrations below in catalogue order; each enters its class in the
 // host's ClassRegistry, and the records leave again in reverse order when it is unloaded.
-#include "frame/placeholder.h"
-#include "frame/registry.h"
-#include "host/operator.h"
+#include "module/placeholder.h"
+#include "module/registry.h"
+#include "host/graph/operator.h"
 #include "tools/clip/loader.h"
 #include "tools/clip/saver.h"
 #include "tools/color/color_tools.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 namespace {
 
 // Tags of the catalogue, shortened for the table below.
@@ -103,4 +103,4 @@ struct CatalogueInitialiser {
 } catalogue_initialiser;
 
 }  // namespace
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

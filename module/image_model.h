@@ -7,10 +7,10 @@
 #include <climits>
 #include <cstdint>
 
-#include "host/image.h"
-#include "host/operator.h"
+#include "host/image/image.h"
+#include "host/graph/operator.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 // Rows begin .. end - 1 of an image.
 struct RowSpan {
@@ -81,4 +81,4 @@ inline double ReferenceSize(double s, const Image& img) {
   return s * double(img.Width()) / (double(img.x_aspect) * 320.0);
 }
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

@@ -5,12 +5,12 @@
 
 #include <cstdint>
 
-#include "host/archive.h"
-#include "host/image.h"
-#include "host/operator.h"
-#include "host/request.h"
+#include "host/base/archive.h"
+#include "host/image/image.h"
+#include "host/graph/operator.h"
+#include "host/graph/request.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 // Instance attribute set by tools whose class is registered but not built yet.
 constexpr uint32_t kNotYetBuiltAttr = 0x1000F001;
@@ -63,4 +63,4 @@ inline double NumberInput(Request* req, Input* in, int slot = 0) {
   return n ? n->value : 0.0;
 }
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

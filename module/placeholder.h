@@ -2,10 +2,10 @@
 // one image input and output, passes the image through, and saves a record without fields.
 #pragma once
 
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 template <uint32_t ClassId>
 class PlaceholderTool final : public ThreadedOperator {
@@ -31,4 +31,4 @@ Object* PlaceholderFactory(Registry* reg, CArchive* ar, TagList* tags) {
   return Factory<PlaceholderTool<ClassId>>(reg, ar, tags);
 }
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

@@ -1,9 +1,9 @@
-#include "frame/registry.h"
+#include "module/registry.h"
 
 extern "C" int __cxa_atexit(void (*fn)(void*), void* arg, void* dso_handle);
 extern "C" void* __dso_handle;
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 static void DestroyRecord(void* record) { static_cast<Registry*>(record)->~Registry(); }
 
@@ -16,4 +16,4 @@ void RegisterClass(ClassRecord& record, const char* name, ClassInitFn init, Clas
   __cxa_atexit(&DestroyRecord, r, &__dso_handle);
 }
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

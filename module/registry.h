@@ -6,12 +6,12 @@
 #include <new>
 #include <utility>
 
-#include "host/archive.h"
-#include "host/object.h"
-#include "host/registry.h"
-#include "host/tags.h"
+#include "host/base/archive.h"
+#include "host/base/object.h"
+#include "host/graph/registry.h"
+#include "host/base/tags.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 using Allocator = void* (*)(size_t);
 
@@ -49,4 +49,4 @@ struct ClassRecord {
 void RegisterClass(ClassRecord& record, const char* name, ClassInitFn init, ClassCleanupFn cleanup,
                    FactoryFn factory, uint32_t class_id, uint32_t class_type, std::initializer_list<Tag> tags);
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

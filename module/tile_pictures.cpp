@@ -1,9 +1,9 @@
-#include "frame/tile_pictures.h"
+#include "module/tile_pictures.h"
 
 #include <cstdint>
 #include <vector>
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 namespace {
 
@@ -42,4 +42,4 @@ void LoadTilePicture(ResBitmap& bitmap, TilePictureName name) {
   bitmap.Load(kSize, kSize, std::move(pixels));
 }
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

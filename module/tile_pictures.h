@@ -1,9 +1,9 @@
 // The tile pictures of the module's tools, drawn from small character maps kept here.
 #pragma once
 
-#include "host/ui.h"
+#include "host/graph/ui.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 
 enum class TilePictureName { Merge, ChannelBooleans };
 
@@ -11,4 +11,4 @@ enum class TilePictureName { Merge, ChannelBooleans };
 // shared by all its instances).
 void LoadTilePicture(ResBitmap& bitmap, TilePictureName name);
 
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

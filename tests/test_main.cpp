@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "host/module.h"
+#include "host/graph/module.h"
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);

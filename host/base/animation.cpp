@@ -1,10 +1,10 @@
-#include "host/animation.h"
+#include "host/base/animation.h"
 
 #include <algorithm>
 #include <cmath>
 #include <string>
 
-#include "host/archive.h"
+#include "host/base/archive.h"
 
 namespace kestrion {
 

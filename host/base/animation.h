@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "host/tags.h"
+#include "host/base/tags.h"
 
 namespace kestrion {
 

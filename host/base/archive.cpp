@@ -1,4 +1,4 @@
-#include "host/archive.h"
+#include "host/base/archive.h"
 
 #include <fcntl.h>
 #include <unistd.h>

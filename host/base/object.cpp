@@ -1,4 +1,4 @@
-#include "host/object.h"
+#include "host/base/object.h"
 
 namespace kestrion {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <shared_mutex>
 
-#include "host/tags.h"
+#include "host/base/tags.h"
 
 namespace kestrion {
 

@@ -1,4 +1,4 @@
-#include "host/prefs.h"
+#include "host/base/prefs.h"
 
 namespace kestrion {
 

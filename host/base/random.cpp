@@ -1,4 +1,4 @@
-#include "host/random.h"
+#include "host/base/random.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "host/tags.h"
+#include "host/base/tags.h"
 
 #include <algorithm>
 #include <cctype>

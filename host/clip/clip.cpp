@@ -1,4 +1,4 @@
-#include "host/clip.h"
+#include "host/clip/clip.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,9 +13,9 @@
 #include <mutex>
 #include <vector>
 
-#include "host/archive.h"
-#include "host/failure.h"
-#include "host/request.h"
+#include "host/base/archive.h"
+#include "host/base/failure.h"
+#include "host/graph/request.h"
 
 namespace fs = std::filesystem;
 using OIIO::ImageInput;

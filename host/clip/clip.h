@@ -10,8 +10,8 @@
 #include <map>
 #include <string>
 
-#include "host/image.h"
-#include "host/parameter.h"
+#include "host/image/image.h"
+#include "host/graph/parameter.h"
 
 namespace kestrion {
 

@@ -1,16 +1,16 @@
-#include "host/document.h"
+#include "host/document/document.h"
 
 #include <algorithm>
 #include <cmath>
 #include <exception>
 #include <set>
 
-#include "host/archive.h"
-#include "host/clip.h"
-#include "host/image.h"
-#include "host/prefs.h"
-#include "host/registry.h"
-#include "host/request.h"
+#include "host/base/archive.h"
+#include "host/clip/clip.h"
+#include "host/image/image.h"
+#include "host/base/prefs.h"
+#include "host/graph/registry.h"
+#include "host/graph/request.h"
 
 namespace kestrion {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "host/object.h"
-#include "host/operator.h"
+#include "host/base/object.h"
+#include "host/graph/operator.h"
 
 namespace kestrion {
 

@@ -18,12 +18,12 @@
 #include <utility>
 #include <vector>
 
-#include "host/archive.h"
-#include "host/clip.h"
-#include "host/flow_file.h"
-#include "host/prefs.h"
-#include "host/registry.h"
-#include "host/source_operator.h"
+#include "host/base/archive.h"
+#include "host/clip/clip.h"
+#include "host/document/flow_file.h"
+#include "host/base/prefs.h"
+#include "host/graph/registry.h"
+#include "host/document/source_operator.h"
 
 namespace kestrion {
 

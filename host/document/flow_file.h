@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "host/document.h"
+#include "host/document/document.h"
 
 namespace kestrion {
 

@@ -1,6 +1,6 @@
-#include "host/source_operator.h"
+#include "host/document/source_operator.h"
 
-#include "host/document.h"
+#include "host/document/document.h"
 
 namespace kestrion {
 

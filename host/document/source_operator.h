@@ -3,7 +3,7 @@
 // limited to the flow's render range) and the image output.
 #pragma once
 
-#include "host/operator.h"
+#include "host/graph/operator.h"
 
 namespace kestrion {
 

@@ -1,4 +1,4 @@
-#include "host/module.h"
+#include "host/graph/module.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "host/registry.h"
+#include "host/graph/registry.h"
 
 namespace kestrion {
 

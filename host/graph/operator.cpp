@@ -1,12 +1,12 @@
-#include "host/operator.h"
+#include "host/graph/operator.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-#include "host/archive.h"
-#include "host/registry.h"
+#include "host/base/archive.h"
+#include "host/graph/registry.h"
 
 namespace kestrion {
 

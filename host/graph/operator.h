@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "host/animation.h"
-#include "host/object.h"
-#include "host/parameter.h"
-#include "host/tags.h"
+#include "host/base/animation.h"
+#include "host/base/object.h"
+#include "host/graph/parameter.h"
+#include "host/base/tags.h"
 #include "host/graph/tool_owner.h"
-#include "host/ui.h"
+#include "host/graph/ui.h"
 
 namespace kestrion {
 

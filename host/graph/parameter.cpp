@@ -1,10 +1,10 @@
-#include "host/parameter.h"
+#include "host/graph/parameter.h"
 
 #include <map>
 #include <mutex>
 #include <string>
 
-#include "host/archive.h"
+#include "host/base/archive.h"
 
 namespace kestrion {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "host/object.h"
-#include "host/tags.h"
+#include "host/base/object.h"
+#include "host/base/tags.h"
 
 namespace kestrion {
 

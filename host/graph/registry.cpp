@@ -1,8 +1,8 @@
-#include "host/registry.h"
+#include "host/graph/registry.h"
 
 #include <algorithm>
 
-#include "host/object.h"
+#include "host/base/object.h"
 
 namespace kestrion {
 

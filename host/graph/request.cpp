@@ -1,8 +1,8 @@
-#include "host/request.h"
+#include "host/graph/request.h"
 
 #include <algorithm>
 
-#include "host/operator.h"
+#include "host/graph/operator.h"
 
 namespace kestrion {
 

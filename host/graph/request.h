@@ -8,8 +8,8 @@
 #include <map>
 #include <vector>
 
-#include "host/object.h"
-#include "host/parameter.h"
+#include "host/base/object.h"
+#include "host/graph/parameter.h"
 
 namespace kestrion {
 

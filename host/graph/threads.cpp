@@ -1,4 +1,4 @@
-#include "host/threads.h"
+#include "host/graph/threads.h"
 
 #include <oneapi/tbb/blocked_range.h>
 #include <oneapi/tbb/global_control.h>
@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/operator.h"
-#include "host/request.h"
+#include "host/graph/operator.h"
+#include "host/graph/request.h"
 
 namespace kestrion {
 

@@ -1,10 +1,10 @@
-#include "host/image.h"
+#include "host/image/image.h"
 
 #include <atomic>
 #include <cstring>
 #include <string>
 
-#include "host/request.h"
+#include "host/graph/request.h"
 
 namespace kestrion {
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "host/parameter.h"
+#include "host/graph/parameter.h"
 
 namespace kestrion {
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "host/image.h"
-#include "host/image_internal.h"
+#include "host/image/image.h"
+#include "host/image/image_internal.h"
 
 namespace kestrion {
 

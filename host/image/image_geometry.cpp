@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/image.h"
-#include "host/image_internal.h"
+#include "host/image/image.h"
+#include "host/image/image_internal.h"
 
 namespace kestrion {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include "host/image.h"
+#include "host/image/image.h"
 
 namespace kestrion::image_internal {
 

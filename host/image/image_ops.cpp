@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "host/image.h"
-#include "host/image_internal.h"
-#include "host/request.h"
+#include "host/image/image.h"
+#include "host/image/image_internal.h"
+#include "host/graph/request.h"
 
 namespace kestrion {
 

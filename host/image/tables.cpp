@@ -1,4 +1,4 @@
-#include "host/tables.h"
+#include "host/image/tables.h"
 
 #include <cmath>
 

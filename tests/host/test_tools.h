@@ -23,16 +23,16 @@
 #include <string>
 #include <vector>
 
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "host/archive.h"
-#include "host/clip.h"
-#include "host/document.h"
-#include "host/image.h"
-#include "host/operator.h"
-#include "host/prefs.h"
-#include "host/registry.h"
-#include "host/request.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "host/base/archive.h"
+#include "host/clip/clip.h"
+#include "host/document/document.h"
+#include "host/image/image.h"
+#include "host/graph/operator.h"
+#include "host/base/prefs.h"
+#include "host/graph/registry.h"
+#include "host/graph/request.h"
 
 namespace kestrion::test_tools {
 
@@ -141,7 +141,7 @@ class TestTool : public Operator {
     ar->WriteWord(ClassId);
     const uint32_t ok = Operator::Save(ar, tags) & 1;
     SaveFields(ar);
-    frame::WriteRecordEnd(ar);
+    module::WriteRecordEnd(ar);
     return ok;
   }
 
@@ -155,7 +155,7 @@ class Clock final : public TestTool<kClockId> {
   Clock(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
     scale = AddInput("Scale", vtype::Number, FourCC("Scal"), {Tag(in::Default, 1.0)});
     out = AddOutput("Time", vtype::Number, FourCC("Time"));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override { return req->SetOutputData(out, new Number(req->time * NumberIn(req, scale))); }
   Input* scale;
@@ -168,7 +168,7 @@ class Adder final : public TestTool<kAdderId> {
     a = AddInput("A", vtype::Number, FourCC("AddA"));
     b = AddInput("B", vtype::Number, FourCC("AddB"));
     out = AddOutput("Sum", vtype::Number, FourCC("Sum "));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override {
     return req->SetOutputData(out, new Number(NumberIn(req, a) + NumberIn(req, b)));
@@ -184,7 +184,7 @@ class Spread final : public TestTool<kSpreadId> {
   Spread(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
     value = AddInput("Value", vtype::Number, FourCC("Valu"));
     out = AddOutput("Sum", vtype::Number, FourCC("Sum "));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   void CheckRequest(Request* req) override {
     if (req->status != -1) return;
@@ -211,7 +211,7 @@ class Chooser final : public TestTool<kChooserId> {
     which = AddInput("Which", vtype::Number, FourCC("Whch"),
                      {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "First"), Tag(in::ListEntry, "Second")});
     out = AddOutput("Value", vtype::Number, FourCC("Valu"));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   Input* Chosen(double time) const {
     Ref<Parameter> w = Ref<Parameter>::Adopt(which->ValueAt(time));
@@ -245,7 +245,7 @@ class Trouble final : public TestTool<kTroubleId> {
                      Tag(in::ListEntry, "Impossible Image"), Tag(in::ListEntry, "Stop Flow"),
                      Tag(in::ListEntry, "Stop Self"), Tag(in::ListEntry, "Throw")});
     out = AddOutput("Value", vtype::Number, FourCC("Valu"));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override {
     switch (int(NumberIn(req, mode))) {
@@ -288,7 +288,7 @@ class Defaults final : public TestTool<kDefaultsId> {
     label = AddInput("Label", vtype::Text, FourCC("Labl"), {Tag(in::Control, control::TextEdit)});
     image = AddInput("Image", vtype::Image, ImageInputId(1), {Tag(in::Required, 0)});
     out = AddOutput("Value", vtype::Number, FourCC("Valu"));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override { return req->SetOutputData(out, new Number(NumberIn(req, strength))); }
   Input* strength;
@@ -316,7 +316,7 @@ class Shape final : public TestTool<kShapeId> {
     const uint32_t n = ar->ReadWord();
     if (n > ar->Remaining() / 8) throw ArchiveError("the shape claims " + std::to_string(n) + " nodes");
     for (uint32_t i = 0; i < n; ++i) nodes.push_back(ar->ReadDouble());
-    frame::SkipRecordEnd(ar);
+    module::SkipRecordEnd(ar);
   }
 
   // An edit as a preview handler makes it: one named undo step around the change.
@@ -362,7 +362,7 @@ class Ramp final : public TestTool<kRampId> {
     start = AddInput("Start", vtype::Number, FourCC("Strt"));
     rate = AddInput("Rate", vtype::Number, FourCC("Rate"));
     out = AddOutput("Value", vtype::Number, FourCC("Valu"));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   void SetSource(Output* o, Parameter* current, double time) override {
     ++sources_set;
@@ -416,7 +416,7 @@ class TestClasses {
   template <class Tool>
   void Add(const char* name, uint32_t id, uint32_t type, std::initializer_list<Tag> extra = {}) {
     TagList tags{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
-                 Tag(reg::Factory, &frame::Factory<Tool>), Tag(reg::ClassId, id), Tag(reg::ClassType, type)};
+                 Tag(reg::Factory, &module::Factory<Tool>), Tag(reg::ClassId, id), Tag(reg::ClassType, type)};
     for (const Tag& t : extra) tags.Add(t);
     records_.push_back(std::make_unique<Registry>(&ClassRegistry, name, std::move(tags)));
   }
@@ -436,7 +436,7 @@ class Picture final : public TestTool<kPictureId> {
  public:
   Picture(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
     out = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override {
     if (image) image->Use();
@@ -450,7 +450,7 @@ class Picture final : public TestTool<kPictureId> {
 struct PictureClass {
   Registry record{&ClassRegistry, "TestPicture",
                   TagList{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
-                          Tag(reg::Factory, &frame::Factory<Picture>), Tag(reg::ClassId, kPictureId),
+                          Tag(reg::Factory, &module::Factory<Picture>), Tag(reg::ClassId, kPictureId),
                           Tag(reg::ClassType, classtype::Creator)}};
 };
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "host/registry.h"
-#include "host/tags.h"
+#include "host/graph/registry.h"
+#include "host/base/tags.h"
 
 namespace kestrion {
 namespace {

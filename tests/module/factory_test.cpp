@@ -8,10 +8,10 @@
 #include <stdexcept>
 #include <vector>
 
-#include "frame/registry.h"
-#include "host/archive.h"
-#include "host/operator.h"
-#include "host/registry.h"
+#include "module/registry.h"
+#include "host/base/archive.h"
+#include "host/graph/operator.h"
+#include "host/graph/registry.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 extern "C" size_t __sanitizer_get_current_allocated_bytes();
@@ -19,7 +19,7 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #include <malloc.h>
 #endif
 
-namespace kestrion::frame {
+namespace kestrion::module {
 namespace {
 
 // Bytes the process holds on its heap now.
@@ -193,4 +193,4 @@ TEST_F(FactoryTest, EveryCatalogueClassCreatesAndReloadsItsTool) {
 }
 
 }  // namespace
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

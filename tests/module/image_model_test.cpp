@@ -4,11 +4,11 @@
 
 #include <vector>
 
-#include "frame/image_model.h"
-#include "host/image.h"
-#include "tests/host/image_fixtures.h"
+#include "module/image_model.h"
+#include "host/image/image.h"
+#include "tests/host/image/image_fixtures.h"
 
-namespace kestrion::frame {
+namespace kestrion::module {
 namespace {
 
 struct BandCase {
@@ -111,4 +111,4 @@ TEST(ReferenceSize, MeasuresAgainstA320PixelFrame) {
 }
 
 }  // namespace
-}  // namespace kestrion::frame
+}  // namespace kestrion::module

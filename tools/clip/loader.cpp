@@ -14,12 +14,12 @@
 #include <thread>
 #include <vector>
 
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "host/clip.h"
-#include "host/document.h"
-#include "host/module.h"
-#include "host/source_operator.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "host/clip/clip.h"
+#include "host/document/document.h"
+#include "host/graph/module.h"
+#include "host/document/source_operator.h"
 
 namespace kestrion::tools {
 
@@ -97,7 +97,7 @@ class Loader final : public SourceOperator {
       return t;
     };
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Clip Time Start",    vtype::Number, FourCC("ClSt"), pair_member(0)},
       {"Clip Time End",      vtype::Number, FourCC("ClEn"), pair_member(1)},
       {"Extend First Frame", vtype::Number, FourCC("HldF"), {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::SliderHigh, 100.0)}},
@@ -109,7 +109,7 @@ class Loader final : public SourceOperator {
                                                              Tag(in::ListEntry, "Hold Previous"), Tag(in::ListEntry, "Output Black"), Tag(in::Default, 0.0)}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     if (!in_[Filename]->Constant()) in_[Filename]->SetValue(new ClipParameter(TakeInitialClipName()));
 
     adjusting_ = true;
@@ -119,7 +119,7 @@ class Loader final : public SourceOperator {
       g->SetAttrs({Tag(srcattr::ExtendFirst, CurrentNumber(in_[ExtendFirst])),
                    Tag(srcattr::ExtendLast, CurrentNumber(in_[ExtendLast])), Tag(srcattr::Looping, 1)});
     adjusting_ = false;
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
   bool CopyAttr(uint32_t attr, void* value) override {
@@ -128,7 +128,7 @@ class Loader final : public SourceOperator {
     return true;
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   void GetTitle(char* title) override {
     char base[kTitleSize];
@@ -173,12 +173,12 @@ class Loader final : public SourceOperator {
   }
 
   uint32_t Process(Request* req) override {
-    const int gin = int(frame::NumberInput(req, global_in_)), gout = int(frame::NumberInput(req, global_out_));
-    const int cs = int(frame::NumberInput(req, in_[ClipStart])), ce = int(frame::NumberInput(req, in_[ClipEnd]));
-    const int ef = int(frame::NumberInput(req, in_[ExtendFirst]));
-    const int reverse = int(frame::NumberInput(req, in_[Reverse]));
-    const int loop = int(frame::NumberInput(req, in_[Loop]));
-    const int missing = int(frame::NumberInput(req, in_[MissingFrames]));
+    const int gin = int(module::NumberInput(req, global_in_)), gout = int(module::NumberInput(req, global_out_));
+    const int cs = int(module::NumberInput(req, in_[ClipStart])), ce = int(module::NumberInput(req, in_[ClipEnd]));
+    const int ef = int(module::NumberInput(req, in_[ExtendFirst]));
+    const int reverse = int(module::NumberInput(req, in_[Reverse]));
+    const int loop = int(module::NumberInput(req, in_[Loop]));
+    const int missing = int(module::NumberInput(req, in_[MissingFrames]));
     auto* clip = dynamic_cast<ClipParameter*>(req->GetInputData(in_[Filename]));
     Output* out = image_out_;
 
@@ -324,6 +324,6 @@ void LoaderRegCleanup(Registry* reg) {
   Operator::RegCleanup(reg);
 }
 
-Object* NewLoader(Registry* reg, CArchive* ar, TagList* tags) { return frame::Factory<Loader>(reg, ar, tags); }
+Object* NewLoader(Registry* reg, CArchive* ar, TagList* tags) { return module::Factory<Loader>(reg, ar, tags); }
 
 }  // namespace kestrion::tools

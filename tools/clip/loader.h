@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "host/object.h"
-#include "host/registry.h"
+#include "host/base/object.h"
+#include "host/graph/registry.h"
 
 namespace kestrion::tools {
 

@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "host/clip.h"
-#include "host/prefs.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "host/clip/clip.h"
+#include "host/base/prefs.h"
 
 namespace kestrion::tools {
 
@@ -26,7 +26,7 @@ class Saver : public ThreadedOperator {
  public:
   Saver(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Filename",   vtype::Clip,   FourCC("File"), {Tag(in::Control, FourCC("ClpC")), Tag(kShowsClipName, 1)}},
       {"Field Mode", vtype::Number, FourCC("FldM"), {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Full frames"),
                                                      Tag(in::ListEntry, "NTSC fields"), Tag(in::ListEntry, "PAL fields"),
@@ -35,16 +35,16 @@ class Saver : public ThreadedOperator {
       {"Image",      vtype::Image,  ImageInputId(1), {}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
     op_flags |= opflag::Saver;
     SetThreadSettings(1, 0);
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
   ~Saver() override { ReleaseFieldBuffer(); }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   void OnStartRender(RenderMessage* msg) override {
     if (Ref<ClipParameter> clip = CurrentClip()) clip->BeginUse();
@@ -72,7 +72,7 @@ class Saver : public ThreadedOperator {
   virtual uint32_t WriteFrame(Request* req, int preview) {
     auto* img = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     auto* clip = dynamic_cast<ClipParameter*>(req->GetInputData(in_[Filename]));
-    const int mode = int(frame::NumberInput(req, in_[FieldMode]));
+    const int mode = int(module::NumberInput(req, in_[FieldMode]));
     if (!img || !clip) return 0;
     const int number = int(int(req->time) - start_offset_);
     TagList write_tags;
@@ -161,9 +161,9 @@ class PreviewSaver final : public Saver {
 
 }  // namespace
 
-Object* NewSaver(Registry* reg, CArchive* ar, TagList* tags) { return frame::Factory<Saver>(reg, ar, tags); }
+Object* NewSaver(Registry* reg, CArchive* ar, TagList* tags) { return module::Factory<Saver>(reg, ar, tags); }
 Object* NewPreviewSaver(Registry* reg, CArchive* ar, TagList* tags) {
-  return frame::Factory<PreviewSaver>(reg, ar, tags);
+  return module::Factory<PreviewSaver>(reg, ar, tags);
 }
 
 }  // namespace kestrion::tools

@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <memory>
 
-#include "frame/image_model.h"
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "frame/tile_pictures.h"
+#include "module/image_model.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "module/tile_pictures.h"
 #include "tools/color/color_tools.h"
 
 namespace kestrion::tools {
@@ -92,7 +92,7 @@ class ChannelBooleans final : public ThreadedOperator {
                      Tag(in::Default, default_value)};
     };
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Operation",  vtype::Number, FourCC("Type"),  {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Copy"), Tag(in::ListEntry, "Add"),
                                                       Tag(in::ListEntry, "Subtract"), Tag(in::ListEntry, "And"), Tag(in::ListEntry, "Or"),
                                                       Tag(in::ListEntry, "Exclusive Or"), Tag(in::ListEntry, "Multiply"),
@@ -109,15 +109,15 @@ class ChannelBooleans final : public ThreadedOperator {
       {"Foreground", vtype::Image,  ImageInputId(2), {Tag(in::Required, 0), Tag(in::Presentation05, -1)}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
     SetThreadSettings(2, 1);
-    frame::LoadTilePicture(g_tile, frame::TilePictureName::ChannelBooleans);
+    module::LoadTilePicture(g_tile, module::TilePictureName::ChannelBooleans);
     SetTilePicture(&g_tile);
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   // A zero blend, or every channel passed through, leaves the foreground unused: its upstream
   // tools are not rendered.
@@ -135,8 +135,8 @@ class ChannelBooleans final : public ThreadedOperator {
   }
 
   uint32_t Process(Request* req) override {
-    const int operation = frame::TruncToInt(frame::NumberInput(req, in_[Operation]));
-    const int blend = frame::TruncToInt(frame::NumberInput(req, in_[Blend]) * 255.0);
+    const int operation = module::TruncToInt(module::NumberInput(req, in_[Operation]));
+    const int blend = module::TruncToInt(module::NumberInput(req, in_[Blend]) * 255.0);
     auto* bg = dynamic_cast<Image*>(req->GetInputData(in_[Background]));
     auto* fg = dynamic_cast<Image*>(req->GetInputData(in_[Foreground]));
     if (!bg) return req->SetOutputData(image_out_, nullptr);
@@ -147,13 +147,13 @@ class ChannelBooleans final : public ThreadedOperator {
     BooleansTables& t = *tables_;
     for (int c = 0; c < 4; ++c) {
       // A selector names a channel (read from that channel's byte) or passes the background on.
-      const int selector = frame::TruncToInt(frame::NumberInput(req, in_[kSelectors[c]]));
+      const int selector = module::TruncToInt(module::NumberInput(req, in_[kSelectors[c]]));
       t.source_byte[c] = selector >= 0 && selector < 4 ? kChannelByte[selector] : -1;
     }
     t.Build(operation, blend);
 
     const int width = std::min(fg->Width(), bg->Width()), height = std::min(fg->Height(), bg->Height());
-    frame::ForEachRow(*this, {0, height}, [&](int y) {
+    module::ForEachRow(*this, {0, height}, [&](int y) {
       CombineRow(reinterpret_cast<const uint8_t*>(fg->Row(y)), reinterpret_cast<const uint8_t*>(bg->Row(y)),
                  reinterpret_cast<uint8_t*>(out->Row(y)), width, t);
     });
@@ -170,7 +170,7 @@ class ChannelBooleans final : public ThreadedOperator {
 }  // namespace
 
 Object* NewChannelBooleans(Registry* reg, CArchive* ar, TagList* tags) {
-  return frame::Factory<ChannelBooleans>(reg, ar, tags);
+  return module::Factory<ChannelBooleans>(reg, ar, tags);
 }
 
 }  // namespace kestrion::tools

@@ -2,8 +2,8 @@
 // operation on a copy of the input and skipped when all of its values are exactly 1.
 #include "tools/color/color_tools.h"
 
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
 
 namespace kestrion::tools {
 
@@ -28,7 +28,7 @@ class ColorGain final : public ThreadedOperator {
  public:
   ColorGain(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Gain Red",         vtype::Number, 0x764C64D2,      LevelTags()},
       {"Gain Green",       vtype::Number, 0x764C6EC7,      LevelTags()},
       {"Gain Blue",        vtype::Number, 0x764C6CC2,      LevelTags()},
@@ -43,17 +43,17 @@ class ColorGain final : public ThreadedOperator {
       {"Image",            vtype::Image,  ImageInputId(1), {}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
     SetThreadSettings(2, 0);
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   uint32_t Process(Request* req) override {
     double v[SaturationBlue + 1];
-    for (int i = GainRed; i <= SaturationBlue; ++i) v[i] = frame::NumberInput(req, in_[i]);
+    for (int i = GainRed; i <= SaturationBlue; ++i) v[i] = module::NumberInput(req, in_[i]);
     auto* src = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     if (!src) return req->SetOutputData(image_out_, nullptr);
     Image* img = src->CopyOfImage(req);
@@ -78,6 +78,6 @@ class ColorGain final : public ThreadedOperator {
 
 }  // namespace
 
-Object* NewColorGain(Registry* reg, CArchive* ar, TagList* tags) { return frame::Factory<ColorGain>(reg, ar, tags); }
+Object* NewColorGain(Registry* reg, CArchive* ar, TagList* tags) { return module::Factory<ColorGain>(reg, ar, tags); }
 
 }  // namespace kestrion::tools

@@ -1,7 +1,7 @@
 // Color Space: converts the colour bytes of a copy of the input between RGB and HLS or YUV with
 // one host image operation.
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
 #include "tools/color/color_tools.h"
 
 namespace kestrion::tools {
@@ -18,7 +18,7 @@ class ColorSpace final : public ThreadedOperator {
   ColorSpace(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
     // The reverse entries keep their upper-case "TO"; saved panels show them so.
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Color Space Conversion", vtype::Number, FourCC("CSpc"), {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "No Change"),
                                                                  Tag(in::ListEntry, "RGB to HLS"), Tag(in::ListEntry, "HLS TO RGB"),
                                                                  Tag(in::ListEntry, "RGB to YUV"), Tag(in::ListEntry, "YUV TO RGB"),
@@ -26,16 +26,16 @@ class ColorSpace final : public ThreadedOperator {
       {"Image",                  vtype::Image,  ImageInputId(1), {}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
     SetThreadSettings(2, 0);
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   uint32_t Process(Request* req) override {
-    const int conversion = int(frame::NumberInput(req, in_[Conversion]));
+    const int conversion = int(module::NumberInput(req, in_[Conversion]));
     auto* src = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     if (!src) return req->SetOutputData(image_out_, nullptr);
     Image* img = src->CopyOfImage(req);
@@ -56,6 +56,6 @@ class ColorSpace final : public ThreadedOperator {
 
 }  // namespace
 
-Object* NewColorSpace(Registry* reg, CArchive* ar, TagList* tags) { return frame::Factory<ColorSpace>(reg, ar, tags); }
+Object* NewColorSpace(Registry* reg, CArchive* ar, TagList* tags) { return module::Factory<ColorSpace>(reg, ar, tags); }
 
 }  // namespace kestrion::tools

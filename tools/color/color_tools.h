@@ -1,8 +1,8 @@
 // Factories of the colour and compositing tools.
 #pragma once
 
-#include "host/object.h"
-#include "host/registry.h"
+#include "host/base/object.h"
+#include "host/graph/registry.h"
 
 namespace kestrion::tools {
 

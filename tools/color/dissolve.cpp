@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "frame/image_model.h"
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "host/random.h"
+#include "module/image_model.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "host/base/random.h"
 #include "tools/color/color_tools.h"
 
 namespace kestrion::tools {
@@ -25,7 +25,7 @@ enum Operations { Plain = 0, AdditiveMix = 1, Erode = 2, Random = 3, RandomNoise
 // The weights of one render: m and n = 32768 - m for the blends, the random threshold k, and
 // room for one row of random draws.
 struct DissolveWeights {
-  frame::BlendWeight blend;
+  module::BlendWeight blend;
   int threshold = 1;
   int* draws = nullptr;
 };
@@ -36,7 +36,7 @@ void DissolveRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count,
   const auto* fb = reinterpret_cast<const uint8_t*>(f);
   const auto* bb = reinterpret_cast<const uint8_t*>(b);
   auto* ob = reinterpret_cast<uint8_t*>(out);
-  for (int i = 0; i < 4 * count; ++i) ob[i] = frame::Blend15(fb[i], bb[i], w.blend);
+  for (int i = 0; i < 4 * count; ++i) ob[i] = module::Blend15(fb[i], bb[i], w.blend);
 }
 
 // Works on 16-bit channel values (v << 8), in 32-bit arithmetic that wraps.
@@ -47,8 +47,8 @@ void AdditiveMixRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int cou
   const int32_t m = w.blend.weight, n = w.blend.complement;
   for (int i = 0; i < 4 * count; ++i) {
     const int32_t f16 = fb[i] << 8, b16 = bb[i] << 8, sum = std::min(f16 + b16, 65535);
-    const int32_t t = frame::WrapAdd(frame::WrapMul(f16, m), frame::WrapMul(sum, n)) >> 15;
-    const int32_t u = frame::WrapAdd(frame::WrapMul(t, m), frame::WrapMul(b16, n)) >> 15;
+    const int32_t t = module::WrapAdd(module::WrapMul(f16, m), module::WrapMul(sum, n)) >> 15;
+    const int32_t u = module::WrapAdd(module::WrapMul(t, m), module::WrapMul(b16, n)) >> 15;
     ob[i] = uint8_t(u >> 8);
   }
 }
@@ -60,11 +60,11 @@ void ErodeRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, co
   const int32_t m = w.blend.weight, n = w.blend.complement;
   for (int x = 0; x < count; ++x) {
     // The comparison is of signed 32-bit products, which wrap for bright pixels near mix 1.
-    const bool foreground_only = frame::WrapMul(ErodeWeight(f[x]), m) > frame::WrapMul(ErodeWeight(b[x]), n);
+    const bool foreground_only = module::WrapMul(ErodeWeight(f[x]), m) > module::WrapMul(ErodeWeight(b[x]), n);
     uint32_t result = 0;
     for (int shift = 0; shift < 32; shift += 8) {
       const int32_t f16 = int32_t(f[x] >> shift & 255) << 8, b16 = int32_t(b[x] >> shift & 255) << 8;
-      const int32_t sum = foreground_only ? frame::WrapMul(f16, m) : frame::WrapAdd(frame::WrapMul(f16, m), frame::WrapMul(b16, n));
+      const int32_t sum = foreground_only ? module::WrapMul(f16, m) : module::WrapAdd(module::WrapMul(f16, m), module::WrapMul(b16, n));
       result |= uint32_t(uint8_t((sum >> 15) >> 8)) << shift;
     }
     out[x] = result;
@@ -102,7 +102,7 @@ class Dissolve final : public ThreadedOperator {
   Dissolve(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
     // The blanks in the slider's label space its two words to the slider's ends.
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Operation",  vtype::Number, FourCC("Type"),  {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Dissolve"),
                                                       Tag(in::ListEntry, "Additive Mix"), Tag(in::ListEntry, "Erode"),
                                                       Tag(in::ListEntry, "Random"), Tag(in::ListEntry, "Random Noise"),
@@ -114,17 +114,17 @@ class Dissolve final : public ThreadedOperator {
       {"Foreground", vtype::Image,  ImageInputId(2), {Tag(in::Required, 0)}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
     SetThreadSettings(2, 1);
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   uint32_t Process(Request* req) override {
-    const double operation = frame::NumberInput(req, in_[Operation]);
-    const double mix = frame::NumberInput(req, in_[Mix]);
+    const double operation = module::NumberInput(req, in_[Operation]);
+    const double mix = module::NumberInput(req, in_[Mix]);
     auto* bg = dynamic_cast<Image*>(req->GetInputData(in_[Background]));
     auto* fg = dynamic_cast<Image*>(req->GetInputData(in_[Foreground]));
     if (!bg || !fg) {
@@ -136,12 +136,12 @@ class Dissolve final : public ThreadedOperator {
 
     if (operation == 3.0) crt_srand(InstanceValue());
     if (operation == 4.0) crt_srand(SeedAt(req->time));
-    if (RowKernel kernel = KernelFor(frame::TruncToInt(operation))) {
+    if (RowKernel kernel = KernelFor(module::TruncToInt(operation))) {
       const int width = std::min(fg->Width(), bg->Width()), height = std::min(fg->Height(), bg->Height());
       draws_.resize(size_t(width));
-      const DissolveWeights weights{frame::BlendWeightOf(mix), frame::WrapAdd(frame::TruncToInt(mix * 32767.0), 1),
+      const DissolveWeights weights{module::BlendWeightOf(mix), module::WrapAdd(module::TruncToInt(mix * 32767.0), 1),
                                     draws_.data()};
-      frame::ForEachRow(*this, {0, height}, [&](int y) { kernel(fg->Row(y), bg->Row(y), out->Row(y), width, weights); });
+      module::ForEachRow(*this, {0, height}, [&](int y) { kernel(fg->Row(y), bg->Row(y), out->Row(y), width, weights); });
     }
     return req->SetOutputData(image_out_, out);
   }
@@ -170,6 +170,6 @@ class Dissolve final : public ThreadedOperator {
 
 }  // namespace
 
-Object* NewDissolve(Registry* reg, CArchive* ar, TagList* tags) { return frame::Factory<Dissolve>(reg, ar, tags); }
+Object* NewDissolve(Registry* reg, CArchive* ar, TagList* tags) { return module::Factory<Dissolve>(reg, ar, tags); }
 
 }  // namespace kestrion::tools

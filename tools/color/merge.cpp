@@ -5,10 +5,10 @@
 #include <cmath>
 #include <cstdint>
 
-#include "frame/image_model.h"
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "frame/tile_pictures.h"
+#include "module/image_model.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "module/tile_pictures.h"
 #include "tools/color/color_tools.h"
 
 namespace kestrion::tools {
@@ -40,7 +40,7 @@ class Merge final : public ThreadedOperator {
   Merge(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
     // The blanks in the slider's label space its two words to the slider's ends.
     // clang-format off
-    const frame::InputDecl table[kInputCount] = {
+    const module::InputDecl table[kInputCount] = {
       {"Center",     vtype::Point,  0x746E65C3,      {Tag(in::Control, control::Offset), Tag(in::PreviewControl, control::CrossHair),
                                                       Tag(in::DefaultX, 0.5), Tag(in::DefaultY, 0.5)}},
       {"Size",       vtype::Number, 0x657A69D3,      {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::SliderHigh, 5.0),
@@ -57,16 +57,16 @@ class Merge final : public ThreadedOperator {
       {"Foreground", vtype::Image,  ImageInputId(2), {Tag(in::Required, 0)}},
     };
     // clang-format on
-    frame::DeclareInputs(this, table, in_);
+    module::DeclareInputs(this, table, in_);
     in_[Angle]->SetAttrs({Tag(in::TiedInput1, in_[Center]), Tag(in::TiedInput2, in_[Size])});
     image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
     SetThreadSettings(2, 1);
-    frame::LoadTilePicture(g_tile, frame::TilePictureName::Merge);
+    module::LoadTilePicture(g_tile, module::TilePictureName::Merge);
     SetTilePicture(&g_tile);
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
 
-  uint32_t Save(CArchive* ar, TagList* tags) override { return frame::SaveWithoutFields(this, kClassId, ar, tags); }
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   // A zero size or alpha gain hides the foreground: its upstream tools are not rendered.
   void CheckRequest(Request* req) override {
@@ -80,10 +80,10 @@ class Merge final : public ThreadedOperator {
 
   uint32_t Process(Request* req) override {
     auto* centre = dynamic_cast<Point*>(req->GetInputData(in_[Center]));
-    const double size = frame::NumberInput(req, in_[Size]);
-    const double angle = frame::NumberInput(req, in_[Angle]);
-    const double additive = frame::NumberInput(req, in_[AdditiveMix]);
-    const double alpha_gain = frame::NumberInput(req, in_[AlphaGain]);
+    const double size = module::NumberInput(req, in_[Size]);
+    const double angle = module::NumberInput(req, in_[Angle]);
+    const double additive = module::NumberInput(req, in_[AdditiveMix]);
+    const double alpha_gain = module::NumberInput(req, in_[AlphaGain]);
     auto* fg = dynamic_cast<Image*>(req->GetInputData(in_[Foreground]));
     auto* bg = dynamic_cast<Image*>(req->GetInputData(in_[Background]));
     if (!bg) return req->SetOutputData(image_out_, nullptr);
@@ -97,17 +97,17 @@ class Merge final : public ThreadedOperator {
     f.fg = fg;
     f.bg = bg;
     f.out = NewImage(req, bg);
-    f.additive = frame::TruncToInt(additive * 255.0);
-    f.alpha_gain = frame::TruncToInt(alpha_gain * 256.0);
+    f.additive = module::TruncToInt(additive * 255.0);
+    f.alpha_gain = module::TruncToInt(alpha_gain * 256.0);
     f.fg_x0 = fg->Width() * (0.5 - fg->origin_x);
     f.fg_y0 = fg->Height() * (0.5 - fg->origin_y);
     f.centre_x = bg->Width() * ((centre ? centre->x : 0.5f) - bg->origin_x);
     f.centre_y = bg->Height() * ((centre ? centre->y : 0.5f) - bg->origin_y);
     const double r = angle * kRadiansPerDegree;
-    f.cos_step = frame::TruncToInt(65536.0 * std::cos(r) / size);
-    f.sin_step = frame::TruncToInt(65536.0 * std::sin(r) / size);
-    f.x_step = frame::TruncToInt(65536.0 * (std::cos(r) / size) / fg->x_aspect);
-    f.y_step = frame::TruncToInt(65536.0 * (std::sin(r) / size) / fg->y_aspect);
+    f.cos_step = module::TruncToInt(65536.0 * std::cos(r) / size);
+    f.sin_step = module::TruncToInt(65536.0 * std::sin(r) / size);
+    f.x_step = module::TruncToInt(65536.0 * (std::cos(r) / size) / fg->x_aspect);
+    f.y_step = module::TruncToInt(65536.0 * (std::sin(r) / size) / fg->y_aspect);
 
     DoMultiProcess(req, f.out->Height());
     return req->SetOutputData(image_out_, f.out);
@@ -123,9 +123,9 @@ class Merge final : public ThreadedOperator {
     if (abort_flag.load(std::memory_order_relaxed) != 0) return;
     const MergeFrame& f = frame_;
     const double dy = y - f.centre_y, dx = -f.centre_x;
-    int32_t sx = frame::TruncToInt(
+    int32_t sx = module::TruncToInt(
         65536.0 * f.fg_x0 + (f.bg->x_aspect * dx * f.cos_step - f.bg->y_aspect * dy * f.sin_step) / f.fg->x_aspect);
-    int32_t sy = frame::TruncToInt(
+    int32_t sy = module::TruncToInt(
         65536.0 * f.fg_y0 + (f.bg->y_aspect * dy * f.cos_step + f.bg->x_aspect * dx * f.sin_step) / f.fg->y_aspect);
     const uint32_t* bg_row = f.bg->Row(y);
     uint32_t* out_row = f.out->Row(y);
@@ -147,8 +147,8 @@ class Merge final : public ThreadedOperator {
         out_row[x] = Pixel{mix(s.b, p.b), mix(s.g, p.g), mix(s.r, p.r), uint8_t(std::min(255, ((p.a * inv) >> 8) + alpha))}
                          .Word();
       }
-      sx = frame::WrapAdd(sx, f.x_step);
-      sy = frame::WrapAdd(sy, f.y_step);
+      sx = module::WrapAdd(sx, f.x_step);
+      sy = module::WrapAdd(sy, f.y_step);
     }
   }
 
@@ -159,6 +159,6 @@ class Merge final : public ThreadedOperator {
 
 }  // namespace
 
-Object* NewMerge(Registry* reg, CArchive* ar, TagList* tags) { return frame::Factory<Merge>(reg, ar, tags); }
+Object* NewMerge(Registry* reg, CArchive* ar, TagList* tags) { return module::Factory<Merge>(reg, ar, tags); }
 
 }  // namespace kestrion::tools

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/archive.h"
-#include "host/operator.h"
-#include "host/tags.h"
+#include "host/base/archive.h"
+#include "host/graph/operator.h"
+#include "host/base/tags.h"
 #include "tests/host/test_tools.h"
 
 namespace kestrion {

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/clip.h"
+#include "host/clip/clip.h"
 #include "tests/host/test_tools.h"
 #include "tests/tools/clip/clip_fixture.h"
 

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "frame/operator_contract.h"
-#include "host/archive.h"
-#include "host/document.h"
-#include "host/prefs.h"
-#include "host/registry.h"
+#include "module/operator_contract.h"
+#include "host/base/archive.h"
+#include "host/document/document.h"
+#include "host/base/prefs.h"
+#include "host/graph/registry.h"
 #include "tests/host/test_tools.h"
 
 namespace kestrion {
@@ -48,7 +48,7 @@ TEST_F(DocumentTest, ARecordWithoutOwnFieldsIsClassIdBaseZeroAndEnd) {
   for (Registry* r : ClassRegistry->Records()) {
     Ref<Object> probe = Ref<Object>::Adopt(r->Create(nullptr, nullptr));
     const bool saves_no_fields = std::string(r->Name()) == "Dissolve";
-    if (!probe || !(probe->Attrs().Has(frame::kNotYetBuiltAttr) || saves_no_fields)) continue;
+    if (!probe || !(probe->Attrs().Has(module::kNotYetBuiltAttr) || saves_no_fields)) continue;
     dissolve_found = dissolve_found || saves_no_fields;
     Operator* op = doc.CreateTool(r->Name());
     ASSERT_NE(op, nullptr) << r->Name();
@@ -484,7 +484,7 @@ TEST_F(DocumentTest, AnUnknownClassIdIsNamedInTheMessage) {
   classes_.reset();
   auto clock_only = std::make_unique<Registry>(
       &ClassRegistry, "TestClock",
-      TagList{Tag(reg::Factory, &frame::Factory<Clock>), Tag(reg::ClassId, kClockId),
+      TagList{Tag(reg::Factory, &module::Factory<Clock>), Tag(reg::ClassId, kClockId),
               Tag(reg::ClassType, classtype::Creator)});
   HostError err;
   EXPECT_EQ(LoadBytes(bytes, err), nullptr);

@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "frame/operator_contract.h"
-#include "frame/registry.h"
-#include "host/clip.h"
-#include "host/document.h"
-#include "host/flow_file.h"
-#include "host/prefs.h"
-#include "host/registry.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "host/clip/clip.h"
+#include "host/document/document.h"
+#include "host/document/flow_file.h"
+#include "host/base/prefs.h"
+#include "host/graph/registry.h"
 #include "tests/host/test_tools.h"
 
 namespace kestrion {
@@ -31,7 +31,7 @@ class Twins final : public TestTool<kTwinsId> {
     low = AddInput("Level", vtype::Number, FourCC("LvLo"));
     high = AddInput("Level", vtype::Number, FourCC("LvHi"));
     out = AddOutput("Value", vtype::Number, FourCC("Valu"));
-    if (ar) frame::SkipRecordEnd(ar);
+    if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override {
     return req->SetOutputData(out, new Number(NumberIn(req, high) - NumberIn(req, low)));
@@ -46,7 +46,7 @@ class FlowFileTest : public ::testing::Test {
   void SetUp() override {
     classes_ = std::make_unique<TestClasses>();
     TagList tags{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
-                 Tag(reg::Factory, &frame::Factory<Twins>), Tag(reg::ClassId, kTwinsId),
+                 Tag(reg::Factory, &module::Factory<Twins>), Tag(reg::ClassId, kTwinsId),
                  Tag(reg::ClassType, classtype::ImageTool)};
     twins_ = std::make_unique<Registry>(&ClassRegistry, "TestTwins", std::move(tags));
     fs::copy(fs::path(KESTRION_TEST_SOURCE_DIR) / "examples" / "media", dir_.path() / "media");

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "host/document.h"
-#include "host/registry.h"
+#include "host/document/document.h"
+#include "host/graph/registry.h"
 #include "tests/host/test_tools.h"
 
 namespace kestrion {

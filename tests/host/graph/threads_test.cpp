@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "frame/image_model.h"
-#include "host/image.h"
-#include "host/operator.h"
-#include "host/request.h"
-#include "host/threads.h"
+#include "module/image_model.h"
+#include "host/image/image.h"
+#include "host/graph/operator.h"
+#include "host/graph/request.h"
+#include "host/graph/threads.h"
 
 namespace kestrion {
 namespace {
@@ -94,7 +94,7 @@ class AbortingTool : public ThreadedOperator {
   uint32_t Process(Request*) override { return 1; }
   void ProcessChunk(Request*, long chunk) override {
     ++calls;
-    frame::ForEachRow(*this, frame::BandRows(out_->Height(), out_->Height(), chunk), [this](int y) {
+    module::ForEachRow(*this, module::BandRows(out_->Height(), out_->Height(), chunk), [this](int y) {
       if (abort_flag.load()) ++late;
       std::fill_n(out_->Row(y), out_->Width(), 0xFFFFFFFFu);
       if (++written == stop_after_) abort_flag = 1;

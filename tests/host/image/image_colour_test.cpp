@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "host/image.h"
-#include "tests/host/image_fixtures.h"
+#include "host/image/image.h"
+#include "tests/host/image/image_fixtures.h"
 
 namespace kestrion {
 namespace {

@@ -7,9 +7,9 @@
 #include <random>
 #include <vector>
 
-#include "host/image.h"
-#include "host/request.h"
-#include "tests/host/image_fixtures.h"
+#include "host/image/image.h"
+#include "host/graph/request.h"
+#include "tests/host/image/image_fixtures.h"
 
 namespace kestrion {
 namespace {

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/image.h"
-#include "host/object.h"
-#include "host/operator.h"
+#include "host/image/image.h"
+#include "host/base/object.h"
+#include "host/graph/operator.h"
 
 namespace kestrion::test {
 

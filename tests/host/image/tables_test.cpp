@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "host/random.h"
-#include "host/tables.h"
+#include "host/base/random.h"
+#include "host/image/tables.h"
 
 namespace kestrion {
 namespace {

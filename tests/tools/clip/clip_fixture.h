@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "host/clip.h"
-#include "host/document.h"
-#include "host/failure.h"
-#include "tests/host/image_fixtures.h"
+#include "host/clip/clip.h"
+#include "host/document/document.h"
+#include "host/base/failure.h"
+#include "tests/host/image/image_fixtures.h"
 #include "tests/host/test_tools.h"
 
 namespace kestrion::clip_test {

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/registry.h"
-#include "host/source_operator.h"
+#include "host/graph/registry.h"
+#include "host/document/source_operator.h"
 #include "tests/tools/clip/clip_fixture.h"
 
 namespace kestrion::clip_test {

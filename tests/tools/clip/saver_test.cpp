@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "host/prefs.h"
-#include "host/ui.h"
+#include "host/base/prefs.h"
+#include "host/graph/ui.h"
 #include "tests/tools/clip/clip_fixture.h"
 
 namespace kestrion::clip_test {

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "host/document.h"
-#include "tests/host/image_fixtures.h"
+#include "host/document/document.h"
+#include "tests/host/image/image_fixtures.h"
 #include "tests/host/test_tools.h"
 
 namespace kestrion {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "host/flow_file.h"
+#include "host/document/flow_file.h"
 #include "tests/tools/color/color_fixture.h"
 
 namespace kestrion::test {
