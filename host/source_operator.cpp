@@ -40,15 +40,26 @@ void SourceOperator::OnAddToFlow() {
   if (CPipelineDoc* doc = Document()) {
     TimeExtent range = doc->render_range;
     OnGlobalExtentChanged(&range);
-    if (!(op_flags & opflag::Restored) && CurrentNumber(global_in_) < range.start) SetNumber(global_in_, range.start);
+    if (!(op_flags & opflag::Restored)) SetNumber(global_in_, range.start);
   }
   Operator::OnAddToFlow();
 }
 
+// A tool shortens its clip to the range first (the Loader); its span then ends with the range
+// at the latest.
 void SourceOperator::OnGlobalExtentChanged(TimeExtent* extent) {
   for (Input* in : {global_in_, global_out_})
     in->SetAttrs({Tag(in::Lowest, extent->start), Tag(in::Highest, extent->end)});
+  if (CurrentNumber(global_out_) > extent->end) SetNumber(global_out_, extent->end);
   Operator::OnGlobalExtentChanged(extent);
+}
+
+void SourceOperator::SpanClip() {
+  SetNumber(global_out_, CurrentNumber(global_in_) + GetClipLength() - 1.0);
+  if (CPipelineDoc* doc = Document()) {
+    TimeExtent range = doc->render_range;
+    OnGlobalExtentChanged(&range);
+  }
 }
 
 }  // namespace kestrion

@@ -26,9 +26,13 @@ class SourceOperator : public ThreadedOperator {
   // valid: the tool's span [Global In, Global Out]; global: the flow's render range.
   bool GetExtent(TimeExtent& valid, TimeExtent& global) override;
   void OnAddToFlow() override;
+  // Fits the tool to a new global range; the span then ends within it.
   void OnGlobalExtentChanged(TimeExtent* extent) override;
   // Frames the tool's clip spans.
   virtual double GetClipLength();
+  // Lays the span from Global In over the whole clip and fits it to the document's range (a
+  // tool placed without a Global Out).
+  void SpanClip();
 
   // The two settings a source passes with its clip's frame reads (files ignore them; a source
   // drops them once frames show they do not apply), and the first clip frame that a search for
