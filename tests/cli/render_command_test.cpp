@@ -280,18 +280,21 @@ TEST_F(RenderCommandTest, ClipsOverTheFlowsRange) {
     int first, last;  // the clip's files
     const char* range;
     const char* frames;  // -F, or ""
+    const char* loader_inputs;
     int status;
     int written_first, written_last, shown_first;  // written_last 0: nothing
     std::vector<std::string> message;
   } rows[] = {
-      {"a plate longer than the range", 1, 40, "[1, 20]", "", 0, 1, 20, 1, {}},
-      {"numbered from 1001", 1001, 1040, "[1, 20]", "", 0, 1, 20, 1001, {}},
-      {"-F inside the range", 1, 40, "[1, 20]", "15-20", 0, 15, 20, 15, {}},
-      {"-F past the range", 1, 40, "[1, 20]", "15-30", 2, 0, 0, 0, {"-F 15-30", "frames 21-30 lie outside the range 1-20"}},
-      {"-F around the range", 1, 40, "[1, 20]", "0-30x10", 2, 0, 0, 0, {"frames 0 and 21-30 lie outside"}},
-      {"a clip shorter than the range", 1, 10, "[1, 20]", "", 1, 1, 10, 1,
+      {"a plate longer than the range", 1, 40, "[1, 20]", "", "", 0, 1, 20, 1, {}},
+      {"numbered from 1001", 1001, 1040, "[1, 20]", "", "", 0, 1, 20, 1001, {}},
+      {"-F inside the range", 1, 40, "[1, 20]", "15-20", "", 0, 15, 20, 15, {}},
+      {"-F past the range", 1, 40, "[1, 20]", "15-30", "", 2, 0, 0, 0, {"-F 15-30", "frames 21-30 lie outside the range 1-20"}},
+      {"-F around the range", 1, 40, "[1, 20]", "0-30x10", "", 2, 0, 0, 0, {"frames 0 and 21-30 lie outside"}},
+      {"a clip shorter than the range", 1, 10, "[1, 20]", "", "", 1, 1, 10, 1,
        {"frame 11", R"(tool "Saver1": no image reached it: tool "Loader1")", "'c.####.png', files 1-10",
         "covers frames 1-10 only", R"(hold its last frame with "Extend Last Frame", or shorten the flow's range)"}},
+      {"a Loader starting after the range", 1, 40, "[1, 20]", "", R"(, "Global In": 5)", 1, 0, 0, 0,
+       {"frame 1", "covers frames 5-20 only", R"(start it earlier with "Global In", or start the flow's range later)"}},
   };
   std::vector<std::vector<std::string>> commands;
   for (const auto& row : rows) {
@@ -299,7 +302,7 @@ TEST_F(RenderCommandTest, ClipsOverTheFlowsRange) {
     fs::create_directory(folder);
     kestrion::clip_test::WriteSequence((folder / "c.####.png").string(), row.first, row.last);
     WriteBytes(folder / "flow.json", std::string(R"({"kestrion": 1, "range": )") + row.range + R"(, "tools": {
-        "Loader1": {"class": "Loader", "inputs": {"Filename": "c.####.png"}},
+        "Loader1": {"class": "Loader", "inputs": {"Filename": "c.####.png")" + row.loader_inputs + R"(}},
         "Saver1": {"class": "Saver", "inputs": {"Filename": "out/o.####.png", "Image": "Loader1"}}}})");
     commands.push_back({"render", (folder / "flow.json").string()});
     if (*row.frames) commands.back().insert(commands.back().end(), {"-F", row.frames});
