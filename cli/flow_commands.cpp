@@ -18,6 +18,7 @@
 #include "host/base/failure.h"
 #include "host/document/flow_file.h"
 #include "host/base/prefs.h"
+#include "host/document/source_operator.h"
 #include "host/graph/threads.h"
 
 namespace kestrion::cli {
@@ -197,7 +198,8 @@ FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers,
       } else if (!err.message.empty()) {
         result.message += err.message;
       } else {
-        result.message += "no image reached it";
+        const std::string why = WhyNoImage(saver, time);
+        result.message += "no image reached it" + (why.empty() ? "" : ": " + why);
       }
       return result;
     }
@@ -219,13 +221,21 @@ int RenderFlow(const RenderOptions& options) {
     std::fprintf(stderr, "kestrion: %s\n", err.message.c_str());
     return status::BadInput;
   }
-  if (!frames) {
-    const long first = long(std::ceil(doc->render_range.start)), last = long(std::floor(doc->render_range.end));
-    if (last < first) {
-      std::fprintf(stderr, "kestrion: '%s': its range holds no whole frame\n", options.flow.c_str());
-      return status::BadInput;
-    }
-    frames = FrameList{first, last, 1};
+  const long first = long(std::ceil(doc->render_range.start)), last = long(std::floor(doc->render_range.end));
+  if (last < first) {
+    std::fprintf(stderr, "kestrion: '%s': its range holds no whole frame\n", options.flow.c_str());
+    return status::BadInput;
+  }
+  if (!frames) frames = FrameList{first, last, 1};
+  // The flow's range is where its sources are laid out; the command line picks frames within it.
+  if (frames->first < first || frames->last > last) {
+    const auto span = [](long a, long b) { return a == b ? std::to_string(a) : std::to_string(a) + "-" + std::to_string(b); };
+    std::string outside;
+    if (frames->first < first) outside = span(frames->first, std::min(frames->last, first - 1));
+    if (frames->last > last) outside += (outside.empty() ? "" : " and ") + span(std::max(frames->first, last + 1), frames->last);
+    std::fprintf(stderr, "kestrion: -F %s: frames %s lie outside the range %s of '%s'; widen its \"range\" to render them\n",
+                 options.frames.c_str(), outside.c_str(), span(first, last).c_str(), options.flow.c_str());
+    return status::BadInput;
   }
 
   const std::vector<Operator*> tools = doc->Tools();

@@ -137,6 +137,11 @@ class TextFlowReader {
     for (const auto& [name, entry] : tools.items()) ApplyInputs(doc_.FindTool(name), entry, Pass::Connections);
     // Values set later may have moved earlier ones (a clip resets its range): settle them.
     for (const auto& [name, entry] : tools.items()) ApplyInputs(doc_.FindTool(name), entry, Pass::Settle);
+    // A source without a "Global Out" spans its clip from its "Global In", cut at the range's
+    // end; one that gives it keeps its extents as written.
+    for (const auto& [name, entry] : tools.items())
+      if (auto* source = dynamic_cast<SourceOperator*>(doc_.FindTool(name)); source && !Gives(source, entry, kGlobalOutId))
+        source->SpanClip();
     // Codec settings only matter to writes: they are taken once nothing can fail any more.
     for (const auto& [ext, level] : compression_) ClipParameter::SetCompression(ext, level);
   }
@@ -281,6 +286,14 @@ class TextFlowReader {
       for (const auto& in : op->Inputs())
         if (in->Id() == id) return in.get();
     throw FlowError{where + ": no input " + Quoted(key) + " (valid: " + ValidInputs(op) + ")"};
+  }
+
+  // Whether a tool's entry sets the input with id `id`.
+  static bool Gives(Operator* op, const Json& entry, uint32_t id) {
+    const Json inputs = entry.value("inputs", Json::object());
+    for (const auto& [key, value] : inputs.items())
+      if (FindInput(op, key, {})->Id() == id) return true;
+    return false;
   }
 
   void ApplyInputs(Operator* op, const Json& entry, Pass pass) {

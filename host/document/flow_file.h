@@ -10,8 +10,10 @@
 
 namespace kestrion {
 
-// Loads a text flow. Clip names are taken relative to `base_folder`. Returns null with one
-// message naming the tool and input concerned (and what is valid) when the flow is wrong.
+// Loads a text flow. Clip names are taken relative to `base_folder`. A source that gives no
+// "Global Out" spans its clip from its "Global In", cut at the end of the flow's range. Returns
+// null with one message naming the tool and input concerned (and what is valid) when the flow
+// is wrong.
 std::unique_ptr<CPipelineDoc> LoadTextFlow(const std::string& text, const std::string& base_folder, HostError* err);
 // The text flow of a document: every tool with every input that has a value, so that loading
 // it gives back the same document.

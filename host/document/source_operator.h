@@ -3,6 +3,8 @@
 // limited to the flow's render range) and the image output.
 #pragma once
 
+#include <string>
+
 #include "host/graph/operator.h"
 
 namespace kestrion {
@@ -26,9 +28,16 @@ class SourceOperator : public ThreadedOperator {
   // valid: the tool's span [Global In, Global Out]; global: the flow's render range.
   bool GetExtent(TimeExtent& valid, TimeExtent& global) override;
   void OnAddToFlow() override;
+  // Fits the tool to a new global range; the span then ends within it.
   void OnGlobalExtentChanged(TimeExtent* extent) override;
   // Frames the tool's clip spans.
   virtual double GetClipLength();
+  // Lays the span from Global In over the whole clip and fits it to the document's range (a
+  // tool placed without a Global Out).
+  void SpanClip();
+  // Why the tool gives no image at `time`: the tool, its clip and the clip's frame numbers,
+  // and what would cover the time. Empty when the time lies within the tool's span.
+  std::string OutsideSpanNote(double time) const;
 
   // The two settings a source passes with its clip's frame reads (files ignore them; a source
   // drops them once frames show they do not apply), and the first clip frame that a search for
@@ -46,5 +55,9 @@ class SourceOperator : public ThreadedOperator {
   Input* global_out_;
   Output* image_out_;
 };
+
+// Why no image reached `op` at `time`: the notes of the sources upstream of it, each once,
+// joined by "; ". Empty when no source explains it.
+std::string WhyNoImage(Operator* op, double time);
 
 }  // namespace kestrion

@@ -4,6 +4,7 @@
 
 #include <OpenImageIO/imageio.h>
 #include <fcntl.h>
+#include <nlohmann/json.hpp>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "tests/host/test_tools.h"
+#include "tests/tools/clip/clip_fixture.h"
 
 namespace {
 
@@ -138,14 +140,14 @@ class RenderCommandTest : public ::testing::Test {
 
   // Writes a flow that runs the example clip into one Saver per clip name.
   fs::path WriteFlow(const std::string& name, const std::vector<std::string>& saver_clips,
-                     const std::string& loader_inputs = "") {
+                     const std::string& loader_inputs = "", const std::string& range = "[1, 8]") {
     std::string tools =
         R"("Loader1": {"class": "Loader", "inputs": {"Filename": "media/plate.####.png")" + loader_inputs + "}}";
     for (size_t i = 0; i < saver_clips.size(); ++i)
       tools += ", \"Saver" + std::to_string(i + 1) + R"(": {"class": "Saver", "inputs": {"Filename": ")" +
                saver_clips[i] + R"(", "Image": "Loader1"}})";
     const fs::path path = dir_.path() / name;
-    WriteBytes(path, R"({"kestrion": 1, "range": [1, 8], "tools": {)" + tools + "}}");
+    WriteBytes(path, R"({"kestrion": 1, "range": )" + range + R"(, "tools": {)" + tools + "}}");
     return path;
   }
 
@@ -269,6 +271,82 @@ TEST_F(RenderCommandTest, FrameListsChooseTheFrames) {
   }
 }
 
+// Flows over a clip of 1 x 1 frames whose colour names their number: which frames are written
+// and which file each shows, or the status and the pieces of the one message. Frames outside
+// the flow's range are refused before any is rendered.
+TEST_F(RenderCommandTest, ClipsOverTheFlowsRange) {
+  const struct {
+    const char* what;
+    int first, last;  // the clip's files
+    const char* range;
+    const char* frames;  // -F, or ""
+    const char* loader_inputs;
+    int status;
+    int written_first, written_last, shown_first;  // written_last 0: nothing
+    std::vector<std::string> message;
+  } rows[] = {
+      {"a plate longer than the range", 1, 40, "[1, 20]", "", "", 0, 1, 20, 1, {}},
+      {"numbered from 1001", 1001, 1040, "[1, 20]", "", "", 0, 1, 20, 1001, {}},
+      {"-F inside the range", 1, 40, "[1, 20]", "15-20", "", 0, 15, 20, 15, {}},
+      {"-F past the range", 1, 40, "[1, 20]", "15-30", "", 2, 0, 0, 0, {"-F 15-30", "frames 21-30 lie outside the range 1-20"}},
+      {"-F around the range", 1, 40, "[1, 20]", "0-30x10", "", 2, 0, 0, 0, {"frames 0 and 21-30 lie outside"}},
+      {"a clip shorter than the range", 1, 10, "[1, 20]", "", "", 1, 1, 10, 1,
+       {"frame 11", R"(tool "Saver1": no image reached it: tool "Loader1")", "'c.####.png', files 1-10",
+        "covers frames 1-10 only", R"(hold its last frame with "Extend Last Frame", or shorten the flow's range)"}},
+      {"a Loader starting after the range", 1, 40, "[1, 20]", "", R"(, "Global In": 5)", 1, 0, 0, 0,
+       {"frame 1", "covers frames 5-20 only", R"(start it earlier with "Global In", or start the flow's range later)"}},
+  };
+  std::vector<std::vector<std::string>> commands;
+  for (const auto& row : rows) {
+    const fs::path folder = dir_.path() / std::to_string(&row - rows);
+    fs::create_directory(folder);
+    kestrion::clip_test::WriteSequence((folder / "c.####.png").string(), row.first, row.last);
+    WriteBytes(folder / "flow.json", std::string(R"({"kestrion": 1, "range": )") + row.range + R"(, "tools": {
+        "Loader1": {"class": "Loader", "inputs": {"Filename": "c.####.png")" + row.loader_inputs + R"(}},
+        "Saver1": {"class": "Saver", "inputs": {"Filename": "out/o.####.png", "Image": "Loader1"}}}})");
+    commands.push_back({"render", (folder / "flow.json").string()});
+    if (*row.frames) commands.back().insert(commands.back().end(), {"-F", row.frames});
+  }
+  const auto runs = RunAll(commands);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const Outcome& run = runs[size_t(&row - rows)];
+    const fs::path out = dir_.path() / std::to_string(&row - rows) / "out";
+    EXPECT_EQ(run.status, row.status) << run.err;
+    std::vector<int> written, shown, expected_written, expected_shown;
+    for (int n = row.written_first; n <= row.written_last && row.written_last > 0; ++n) {
+      expected_written.push_back(n);
+      expected_shown.push_back(row.shown_first + n - row.written_first);
+    }
+    for (int n = -1; n <= 40; ++n) {
+      const std::string file = (out / "o.####.png").string();
+      if (!fs::exists(kestrion::ClipParameter(file).FramePath(n))) continue;
+      written.push_back(n);
+      const uint32_t word = kestrion::clip_test::Words(kestrion::clip_test::ReadNumber(file, n)).at(0);
+      shown.push_back(int((word & 0xFF) | (word & 0xFF00)));
+    }
+    EXPECT_EQ(written, expected_written);
+    EXPECT_EQ(shown, expected_shown);
+    if (row.message.empty()) continue;
+    const auto lines = Lines(run.err);
+    ASSERT_FALSE(lines.empty());
+    for (const std::string& piece : row.message) EXPECT_TRUE(Contains(lines.back(), piece)) << lines.back();
+    EXPECT_EQ(run.err.find("Extend Last Frame"), run.err.rfind("Extend Last Frame")) << "said more than once: " << run.err;
+  }
+}
+
+// Converted, a flow that gave its Loader nothing but the clip holds the extents it ended up with.
+TEST_F(RenderCommandTest, ConvertWritesTheExtentsALoaderEndsUpWith) {
+  kestrion::clip_test::WriteSequence(dir_ / "c.####.png", 1, 40);
+  WriteBytes(dir_ / "flow.json", R"({"kestrion": 1, "range": [1, 20], "tools": {
+      "Loader1": {"class": "Loader", "inputs": {"Filename": "c.####.png"}}}})");
+  ASSERT_EQ(RunAll({{"convert", dir_ / "flow.json", dir_ / "out.json"}})[0].status, 0);
+  const auto inputs = nlohmann::json::parse(ReadBytes(dir_ / "out.json"))["tools"]["Loader1"]["inputs"];
+  for (const auto& [label, value] : std::vector<std::pair<const char*, double>>{
+           {"Clip Time Start", 0}, {"Clip Time End", 19}, {"Global In", 1}, {"Global Out", 20}})
+    EXPECT_EQ(inputs.value(label, -1.0), value) << label;
+}
+
 // A wrong flow stops before any frame, with status 2 and one message that names the flow file
 // and what is wrong in it (the wording of each load error is flow_file_test's).
 TEST_F(RenderCommandTest, WrongFlowsGiveStatus2) {
@@ -335,7 +413,7 @@ TEST_F(RenderCommandTest, AFrameThatCannotBeWrittenGivesStatus1) {
 // A stop signal ends a long render: status 128 + 15, every frame on disk complete, no
 // temporary file left.
 TEST_F(RenderCommandTest, AStopSignalEndsTheRenderCleanly) {
-  const fs::path flow = WriteFlow("long.json", {"out/long.####.png"}, R"(, "Loop": 1)");
+  const fs::path flow = WriteFlow("long.json", {"out/long.####.png"}, R"(, "Loop": 1)", "[1, 100000]");
   const pid_t pid = Start({"render", flow.string(), "-F", "1-100000"}, "long");
   ASSERT_GT(pid, 0);
   using Clock = std::chrono::steady_clock;

@@ -117,7 +117,8 @@ class Loader final : public SourceOperator {
     if (!(op_flags & opflag::Restored)) SetNumber(in_[ClipEnd], last);
     for (Input* g : {global_in_, global_out_})
       g->SetAttrs({Tag(srcattr::ExtendFirst, CurrentNumber(in_[ExtendFirst])),
-                   Tag(srcattr::ExtendLast, CurrentNumber(in_[ExtendLast])), Tag(srcattr::Looping, 1)});
+                   Tag(srcattr::ExtendLast, CurrentNumber(in_[ExtendLast])), Tag(srcattr::Looping, 1),
+                   Tag(srcattr::LoopOn, uint32_t(CurrentNumber(in_[Loop])))});
     adjusting_ = false;
     if (ar) module::SkipRecordEnd(ar);
   }
@@ -257,27 +258,35 @@ class Loader final : public SourceOperator {
     return last;
   }
 
+  // Sets "Extend First Frame" or "Extend Last Frame" (`in`) to `wanted`, reduced so that the
+  // span ends within the flow's range, and hands it to Global In and Global Out.
+  void SetExtension(Input* in, double wanted) {
+    const bool first = in == in_[ExtendFirst];
+    const double upper = global_in_->Highest();
+    const double n = CurrentNumber(in_[ClipEnd]) - CurrentNumber(in_[ClipStart]) + 1.0;
+    const double gin = CurrentNumber(global_in_);
+    const double other = CurrentNumber(in_[first ? ExtendLast : ExtendFirst]);
+    double v = wanted;
+    if (!(gin + v + n + other - 1.0 <= upper)) v = std::max(upper - n - other - gin + 1.0, 0.0);
+    for (Input* g : {global_in_, global_out_}) g->SetAttrs({Tag(first ? srcattr::ExtendFirst : srcattr::ExtendLast, v)});
+    if (v != CurrentNumber(in)) SetNumber(in, v);
+  }
+
   // Keeps the clip range, the extensions and the global span consistent after a change.
   void Adjust(Input* in, Parameter* value) {
     if (in == in_[Filename]) {
-      const double last = LimitClipRange(dynamic_cast<ClipParameter*>(value));
+      auto* clip = dynamic_cast<ClipParameter*>(value);
+      const double last = LimitClipRange(clip);
       SetNumber(in_[ClipStart], 0.0);
       SetNumber(in_[ClipEnd], last);
+      // A still holds to the end of the flow's range.
+      if (clip && clip->Length() > 0 && !clip->IsSequence() && std::isfinite(global_in_->Highest()))
+        SetExtension(in_[ExtendLast], HUGE_VAL);
     } else if (in == in_[Loop]) {
       const double loop = CurrentNumber(in_[Loop]);
       for (Input* g : {global_in_, global_out_}) g->SetAttrs({Tag(srcattr::LoopOn, uint32_t(loop))});
     } else if (in == in_[ExtendFirst] || in == in_[ExtendLast]) {
-      const bool first = in == in_[ExtendFirst];
-      const double upper = global_in_->Highest();
-      const double n = CurrentNumber(in_[ClipEnd]) - CurrentNumber(in_[ClipStart]) + 1.0;
-      const double gin = CurrentNumber(global_in_);
-      const double other = CurrentNumber(in_[first ? ExtendLast : ExtendFirst]);
-      const double wanted = CurrentNumber(in);
-      double v = wanted;
-      if (!(gin + v + n + other - 1.0 <= upper)) v = std::max(upper - n - other - gin + 1.0, 0.0);
-      for (Input* g : {global_in_, global_out_})
-        g->SetAttrs({Tag(first ? srcattr::ExtendFirst : srcattr::ExtendLast, v)});
-      if (v != wanted) SetNumber(in, v);
+      SetExtension(in, CurrentNumber(in));
     }
     if (in == global_in_ || in == global_out_) return;
 

@@ -1,7 +1,9 @@
 // Clips on disk: the ways a clip is named, the frames a sequence has, frame file names, and
 // frames written and read back unchanged.
 #include <gtest/gtest.h>
+#include <zlib.h>
 
+#include <initializer_list>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -94,12 +96,69 @@ TEST_F(ClipTest, PngWrittenAndReadBackIsTheSame) {
   EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"first.png", "second.png"}));
 }
 
-// Files without alpha read as opaque; grey fills all three colours.
+std::string BigEndian(uint32_t v, int bytes) {
+  std::string out;
+  for (int i = bytes - 1; i >= 0; --i) out += char(v >> (8 * i));
+  return out;
+}
+
+std::string Chunk(const std::string& type, const std::string& data) {
+  const std::string body = type + data;
+  return BigEndian(uint32_t(data.size()), 4) + body +
+         BigEndian(uint32_t(crc32(0, reinterpret_cast<const Bytef*>(body.data()), uInt(body.size()))), 4);
+}
+
+// A PNG of one row of `width` pixels stored as `row`, with `chunks` (palette, transparency)
+// before its data.
+std::string Png(int width, int depth, int colour_type, const std::string& row, const std::string& chunks) {
+  const std::string raw = std::string(1, '\0') + row;  // filter type 0
+  uLongf size = compressBound(uLong(raw.size()));
+  std::string packed(size, '\0');
+  compress(reinterpret_cast<Bytef*>(packed.data()), &size, reinterpret_cast<const Bytef*>(raw.data()), uLong(raw.size()));
+  packed.resize(size);
+  const std::string header = BigEndian(uint32_t(width), 4) + BigEndian(1, 4) + char(depth) + char(colour_type) + std::string(3, '\0');
+  return "\x89PNG\r\n\x1a\n" + Chunk("IHDR", header) + chunks + Chunk("IDAT", packed) + Chunk("IEND", "");
+}
+
+std::string Samples(int bytes, std::initializer_list<uint32_t> values) {
+  std::string out;
+  for (uint32_t v : values) out += BigEndian(v, bytes);
+  return out;
+}
+
+// Files without alpha read as opaque, grey fills all three colours, and a PNG's transparency
+// chunk makes the grey level or colour it names (at the file's own depth) transparent, or gives
+// the alpha of each palette entry. 16-bit values are rounded to 8 bits.
 TEST_F(ClipTest, OtherChannelLayoutsReadAsBgra) {
-  WriteBytes(dir_ / "rgb.ppm", std::string("P6\n2 1\n255\n") + "\x0a\x14\x1e\xc8\x64\x32");
-  WriteBytes(dir_ / "grey.pgm", std::string("P5\n2 1\n255\n") + "\x07\xfa");
-  EXPECT_EQ(Words(ReadNumber(dir_ / "rgb.ppm", 0)), (std::vector{Bgra(30, 20, 10, 255), Bgra(50, 100, 200, 255)}));
-  EXPECT_EQ(Words(ReadNumber(dir_ / "grey.pgm", 0)), (std::vector{Bgra(7, 7, 7, 255), Bgra(250, 250, 250, 255)}));
+  const std::string palette = Chunk("PLTE", Samples(1, {255, 0, 0, 0, 255, 0, 0, 0, 255, 9, 9, 9}));
+  const struct {
+    const char* name;
+    std::string bytes;
+    std::vector<uint32_t> words;
+  } cases[] = {
+      {"rgb.ppm", std::string("P6\n2 1\n255\n") + "\x0a\x14\x1e\xc8\x64\x32", {Bgra(30, 20, 10, 255), Bgra(50, 100, 200, 255)}},
+      {"grey.pgm", std::string("P5\n2 1\n255\n") + "\x07\xfa", {Bgra(7, 7, 7, 255), Bgra(250, 250, 250, 255)}},
+      {"grey.png", Png(3, 8, 0, Samples(1, {0, 50, 255}), Chunk("tRNS", Samples(2, {50}))),
+       {Bgra(0, 0, 0, 255), Bgra(50, 50, 50, 0), Bgra(255, 255, 255, 255)}},
+      // 0x3200 and 0x3201 both round to 50; only the second is the transparent level.
+      {"grey-deep.png", Png(3, 16, 0, Samples(2, {0x3200, 0x3201, 0xFFFF}), Chunk("tRNS", Samples(2, {0x3201}))),
+       {Bgra(50, 50, 50, 255), Bgra(50, 50, 50, 0), Bgra(255, 255, 255, 255)}},
+      {"grey-low.png", Png(4, 2, 0, Samples(1, {0x1B}), Chunk("tRNS", Samples(2, {1}))),
+       {Bgra(0, 0, 0, 255), Bgra(85, 85, 85, 0), Bgra(170, 170, 170, 255), Bgra(255, 255, 255, 255)}},
+      {"rgb.png", Png(2, 8, 2, Samples(1, {10, 20, 30, 10, 20, 31}), Chunk("tRNS", Samples(2, {10, 20, 30}))),
+       {Bgra(30, 20, 10, 0), Bgra(31, 20, 10, 255)}},
+      {"rgb-deep.png", Png(2, 16, 2, Samples(2, {1000, 2000, 3000, 1000, 2000, 3001}), Chunk("tRNS", Samples(2, {1000, 2000, 3000}))),
+       {Bgra(12, 8, 4, 0), Bgra(12, 8, 4, 255)}},
+      // Entries past the end of the chunk are opaque.
+      {"palette.png", Png(4, 8, 3, Samples(1, {0, 1, 2, 3}), palette + Chunk("tRNS", Samples(1, {0, 128}))),
+       {Bgra(0, 0, 255, 0), Bgra(0, 255, 0, 128), Bgra(255, 0, 0, 255), Bgra(9, 9, 9, 255)}},
+      {"palette-low.png", Png(4, 2, 3, Samples(1, {0x1B}), palette + Chunk("tRNS", Samples(1, {255, 0, 7}))),
+       {Bgra(0, 0, 255, 255), Bgra(0, 255, 0, 0), Bgra(255, 0, 0, 7), Bgra(9, 9, 9, 255)}},
+  };
+  for (const auto& c : cases) {
+    WriteBytes(dir_ / c.name, c.bytes);
+    EXPECT_EQ(Words(ReadNumber(dir_ / c.name, 0)), c.words) << c.name;
+  }
 }
 
 // A name without a frame pattern is one frame: every frame reads it, a write replaces it.

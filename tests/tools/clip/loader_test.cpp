@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/document/flow_file.h"
 #include "host/graph/registry.h"
 #include "host/document/source_operator.h"
 #include "tests/tools/clip/clip_fixture.h"
@@ -27,6 +28,20 @@ std::string Seen(const Ref<Image>& img) {
   if (std::any_of(words.begin(), words.end(), [&](uint32_t x) { return x != w; })) return "mixed " + size;
   if (w == 0) return "black " + size;
   return std::to_string((w & 0xFF) | (w & 0xFF00)) + (size == "1x1" ? "" : " " + size);
+}
+
+// "from" up to or down to "to", one file number a frame.
+std::vector<std::string> Numbers(int from, int to) {
+  std::vector<std::string> shown;
+  for (int n = from;; n += from <= to ? 1 : -1) {
+    shown.push_back(std::to_string(n));
+    if (n == to) return shown;
+  }
+}
+std::vector<std::string> Repeat(const std::string& seen, int frames) { return std::vector<std::string>(size_t(frames), seen); }
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
 }
 
 class LoaderTest : public ClipToolTest {
@@ -74,25 +89,95 @@ TEST_F(LoaderTest, RequestTimesMapToClipFrames) {
   }
 }
 
-// A sequence of one frame and a single file: range limits 0, a span of one frame.
+// What every frame of a text flow's range shows when a Loader is written with only its clip and
+// the inputs of the row: the frames numbered first..last on disk (a still: one file showing
+// `first`), one number taken away where `gap` says, the range perhaps changed after loading.
+TEST_F(LoaderTest, TextFlowsLayClipsOverTheirRange) {
+  const struct {
+    const char* what;
+    const char* clip;
+    int first, last, gap;
+    TimeExtent range;
+    std::string inputs;
+    std::optional<TimeExtent> edit;
+    std::vector<std::string> shown;
+  } rows[] = {
+      {"a still", "logo.png", 7, 7, 0, {1, 20}, "", {}, Repeat("7", 20)},
+      {"a still, no extension", "logo.png", 7, 7, 0, {1, 3}, R"(, "Extend Last Frame": 0)", {}, {"7", "none", "none"}},
+      {"shorter than the range", "c.####.png", 1, 10, 0, {1, 20}, "", {}, Numbers(1, 10) + Repeat("none", 10)},
+      {"as long as the range", "c.####.png", 1, 20, 0, {1, 20}, "", {}, Numbers(1, 20)},
+      {"longer than the range", "c.####.png", 1, 40, 0, {1, 20}, "", {}, Numbers(1, 20)},
+      {"numbered from 0", "c.####.png", 0, 39, 0, {1, 20}, "", {}, Numbers(0, 19)},
+      {"numbered from 1001", "c.####.png", 1001, 1040, 0, {1, 20}, "", {}, Numbers(1001, 1020)},
+      {"a range from 1001", "c.####.png", 1, 40, 0, {1001, 1020}, "", {}, Numbers(1, 20)},
+      {"a gap, Fail", "c.####.png", 1, 6, 4, {1, 6}, "", {}, {"1", "2", "3", "none", "5", "6"}},
+      {"a gap, Hold Previous", "c.####.png", 1, 6, 4, {1, 6}, R"(, "Missing Frames": "Hold Previous")", {},
+       {"1", "2", "3", "3", "5", "6"}},
+      {"a gap, Output Black", "c.####.png", 1, 6, 4, {1, 6}, R"(, "Missing Frames": "Output Black")", {},
+       {"1", "2", "3", "black 1x1", "5", "6"}},
+      {"reverse", "c.####.png", 1, 40, 0, {1, 20}, R"(, "Reverse": 1)", {}, Numbers(20, 1)},
+      {"loop", "c.####.png", 1, 5, 0, {1, 12}, R"(, "Loop": 1)", {}, Numbers(1, 5) + Numbers(1, 5) + Numbers(1, 2)},
+      {"explicit extents", "c.####.png", 1, 40, 0, {1, 20},
+       R"(, "Clip Time Start": 10, "Clip Time End": 29, "Global In": 1, "Global Out": 20)", {}, Numbers(11, 30)},
+      // Taken as written: not stretched to the range, not cut to it.
+      {"a short explicit span", "c.####.png", 1, 40, 0, {1, 12}, R"(, "Global In": 5, "Global Out": 8)", {},
+       Repeat("none", 4) + Numbers(1, 4) + Repeat("none", 4)},
+      {"only a start", "c.####.png", 1, 40, 0, {1, 12}, R"(, "Global In": 5)", {}, Repeat("none", 4) + Numbers(1, 8)},
+      {"the range shortened", "c.####.png", 1, 40, 0, {1, 40}, "", TimeExtent{1, 12}, Numbers(1, 12)},
+      {"the range lengthened", "c.####.png", 1, 10, 0, {1, 10}, "", TimeExtent{1, 12}, Numbers(1, 10) + Repeat("none", 2)},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const fs::path folder = dir_.path() / std::to_string(&row - rows);
+    fs::create_directory(folder);
+    WriteSequence((folder / row.clip).string(), row.first, row.last);
+    if (row.gap) fs::remove(ClipParameter((folder / row.clip).string()).FramePath(row.gap));
+    char range[64];
+    std::snprintf(range, sizeof range, "[%g, %g]", row.range.start, row.range.end);
+    WriteBytes((folder / "flow.json").string(),
+               std::string(R"({"kestrion": 1, "range": )") + range + R"(, "tools": {"L": {"class": "Loader", "inputs": {"Filename": ")" +
+                   row.clip + "\"" + row.inputs + "}}}}");
+    HostError err;
+    auto doc = LoadFlowFile((folder / "flow.json").string(), &err);
+    ASSERT_TRUE(doc) << err.message;
+    if (row.edit) doc->SetRenderRange(*row.edit);
+    Output* out = doc->FindTool("L")->Outputs()[0].get();
+    std::vector<std::string> shown;
+    for (double t = doc->render_range.start; t <= doc->render_range.end; ++t) {
+      Ref<Parameter> v = doc->Render(out, t, 0, &err);
+      shown.push_back(Seen(Ref<Image>::Share(dynamic_cast<Image*>(v.get()))));
+    }
+    EXPECT_EQ(shown, row.shown);
+  }
+}
+
+// A sequence of one frame and a single file: range limits 0; the sequence spans one frame, the
+// still holds to the end of the range (0..200).
 TEST_F(LoaderTest, OneFrameClips) {
   WriteSequence(dir_ / "one.####.png", 7, 7);
   WriteSequence(dir_ / "still.png", 9, 9);
-  for (const auto& [name, shown] : std::vector<std::pair<std::string, std::string>>{{"one.####.png", "7"}, {"still.png", "9"}}) {
-    SCOPED_TRACE(name);
-    Operator* op = Loader(dir_ / name);
+  const struct {
+    const char* name;
+    std::string shown;
+    double extend_last, gout;
+    std::string at_4;
+  } cases[] = {{"one.####.png", "7", 0, 3, "none"}, {"still.png", "9", 200, 200, "9"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Operator* op = Loader(dir_ / c.name);
     ASSERT_TRUE(op);
     for (const char* label : {"Clip Time Start", "Clip Time End"}) {
       EXPECT_EQ(In(op, label)->Highest(), 0.0) << label;
       EXPECT_EQ(In(op, label)->GetAttrI(in::Steps), 1u) << label;
       EXPECT_EQ(Get(op, label), 0.0) << label;
     }
+    EXPECT_EQ(Get(op, "Extend Last Frame"), c.extend_last);
     Set(op, "Global In", 3);
-    EXPECT_EQ(Get(op, "Global Out"), 3.0);
-    EXPECT_EQ(Seen(Render(op, 3.5)), shown);
-    EXPECT_EQ(Seen(Render(op, 4)), "none");
+    EXPECT_EQ(Get(op, "Global Out"), c.gout);
+    EXPECT_EQ(Seen(Render(op, 3.5)), c.shown);
+    EXPECT_EQ(Seen(Render(op, 4)), c.at_4);
     Set(op, "Loop", 1);
-    EXPECT_EQ(Seen(Render(op, 9)), shown);
+    EXPECT_EQ(Seen(Render(op, 9)), c.shown);
   }
 }
 
@@ -271,7 +356,8 @@ TEST_F(LoaderTest, ChangesStayWithinTheGlobalRange) {
 }
 
 // The global range shrinks to end at E under a Loader at 0 covering 3 + 10 + 4 frames: the
-// excess comes off the last extension, then the clip span (one frame stays), then the first.
+// excess comes off the last extension, then the clip span (one frame stays), then the first;
+// Global Out follows.
 TEST_F(LoaderTest, ShrinkingTheGlobalRange) {
   WriteSequence(dir_ / "ten.####.png", 0, 9);
   for (const auto& [end, ef, el, ce] : std::vector<std::tuple<double, double, double, double>>{
@@ -285,6 +371,7 @@ TEST_F(LoaderTest, ShrinkingTheGlobalRange) {
     doc_.SetRenderRange({0, end});
     EXPECT_EQ((std::vector{Get(op, "Extend First Frame"), Get(op, "Extend Last Frame"), Get(op, "Clip Time End")}),
               (std::vector{ef, el, ce}));
+    EXPECT_EQ(Get(op, "Global Out"), std::min(end, 16.0));
     EXPECT_EQ(In(op, "Global Out")->GetAttrD(srcattr::ExtendLast, -1), el);
     doc_.RemoveTool(op);
   }
