@@ -184,10 +184,11 @@ void HlsOfRgbRow(const uint32_t* in, uint32_t* out, int count) {
 
 void ConvertRow(ColourConversion conversion, const uint32_t* in, uint32_t* out, int count) {
   switch (conversion) {
-    case ColourConversion::RgbToYuv: MapWords(in, out, count, YuvOfRgb); break;
-    case ColourConversion::YuvToRgb: MapWords(in, out, count, RgbOfYuv); break;
+    // Each map as a lambda, which the row loop inlines (a function pointer it would call).
+    case ColourConversion::RgbToYuv: MapWords(in, out, count, [](uint32_t p) { return YuvOfRgb(p); }); break;
+    case ColourConversion::YuvToRgb: MapWords(in, out, count, [](uint32_t p) { return RgbOfYuv(p); }); break;
     case ColourConversion::RgbToHls: HlsOfRgbRow(in, out, count); break;
-    case ColourConversion::HlsToRgb: MapWords(in, out, count, RgbOfHls); break;
+    case ColourConversion::HlsToRgb: MapWords(in, out, count, [](uint32_t p) { return RgbOfHls(p); }); break;
   }
 }
 

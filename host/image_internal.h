@@ -24,13 +24,14 @@ inline void RequireSameDepth(const Image& a, const Image& b) {
 
 // fn over `count` pixel words of `in` into `out`, which is `in` itself or does not overlap it.
 // Each case has its own loop whose store pointer is declared the only way to what it writes, so
-// the compiler knows that the stores change no table fn reads, and vectorises.
+// the compiler knows that the stores change no table fn reads, and vectorises. The loops are
+// kept out of line: inlined, the compiler loses that promise.
 template <class Fn>
-void MapWordsInPlace(uint32_t* __restrict row, int count, Fn fn) {
+[[gnu::noinline]] void MapWordsInPlace(uint32_t* __restrict row, int count, Fn fn) {
   for (int x = 0; x < count; ++x) row[x] = fn(row[x]);
 }
 template <class Fn>
-void MapWordsInto(const uint32_t* in, uint32_t* __restrict out, int count, Fn fn) {
+[[gnu::noinline]] void MapWordsInto(const uint32_t* in, uint32_t* __restrict out, int count, Fn fn) {
   for (int x = 0; x < count; ++x) out[x] = fn(in[x]);
 }
 template <class Fn>

@@ -46,7 +46,11 @@ inline int32_t Combine(int operation, int32_t f, int32_t p) {
     case Multiply: return (f * p) >> 8;
     // trunc((p << 8) / f) in single precision: the quotient is below 65281 and any fraction of
     // it at least 1 / f, far more than half a unit in its last place, so truncation is exact.
-    case Divide: return f == 0 ? 0 : int32_t(std::min(255.0f, float(p << 8) / float(std::max(f, 1))));
+    // The division runs for f = 0 too (by 1) and a mask clears it, so the loop has no branch.
+    case Divide: {
+      const int32_t q = int32_t(float(p << 8) / float(f + (f == 0)));
+      return std::min(q, 255) & -int32_t(f != 0);
+    }
     case Maximum: return std::max(f, p);
     case Minimum: return std::min(f, p);
     case CopyInvert: return 255 - f;
