@@ -22,7 +22,8 @@ namespace kestrion::test {
 namespace {
 
 const std::string kMix = "Background" + std::string(31, ' ') + "Foreground";
-constexpr int kLongestRow = 67, kRows = 3;
+// 17 rows make two bands, so every render also starts a band part way down.
+constexpr int kLongestRow = 67, kRows = 17;
 
 // --- scalar references, one pixel at a time ---
 
