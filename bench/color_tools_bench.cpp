@@ -2,7 +2,8 @@
 // second, with 1 and 2 worker threads (the argument). Each run is one whole Process call on a
 // request, as the renderer makes it: the output frame is allocated and released every time.
 // BM_Memcpy is the yardstick: the frame copied into another, made once, in row bands on the
-// same worker threads.
+// same worker threads. BM_NewFrame is what every tool pays before its first pixel: Dissolve with
+// an operation it does not know makes its cleared output frame and writes nothing.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -102,6 +103,7 @@ void BM_MergeRotated(benchmark::State& s) {
   RunTool(s, {"Merge", {{"Size", 1.3}, {"Angle", 30.0}, {kAdditiveLabel.c_str(), 0.5}, {"Alpha Gain", 0.8}}});
 }
 void BM_DissolveDissolve(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 0}, {kMixLabel.c_str(), 0.4}}}); }
+void BM_NewFrame(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 5}, {kMixLabel.c_str(), 0.4}}}); }
 void BM_DissolveRandom(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 3}, {kMixLabel.c_str(), 0.4}}}); }
 void BM_BooleansAdd(benchmark::State& s) { RunTool(s, {"BoolImg", {{"Operation", 1}, {"Blend", 0.7}}}); }
 void BM_BooleansAnd(benchmark::State& s) { RunTool(s, {"BoolImg", {{"Operation", 3}, {"Blend", 1.0}}}); }
@@ -113,6 +115,7 @@ void BM_ColorSpaceToHLS(benchmark::State& s) { RunTool(s, {"ColorSpace", {{"Colo
 void BM_ColorSpaceToYUV(benchmark::State& s) { RunTool(s, {"ColorSpace", {{"Color Space Conversion", 3}}, false}); }
 
 BENCHMARK(BM_Memcpy)->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_NewFrame)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_MergeStraight)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_MergeRotated)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_DissolveDissolve)->Arg(1)->Arg(2)->UseRealTime();

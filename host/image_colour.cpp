@@ -130,7 +130,9 @@ inline uint32_t YuvOfRgb(uint32_t p) {
 // R and B exact in thousandths, G in 1/125000 after dividing by 8.
 inline uint32_t RgbOfYuv(uint32_t p) {
   const int v = int(p & 255) - 128, u = int(p >> 8 & 255) - 128, y = int(p >> 16 & 255);
-  const auto rounded = [](int n, int half, uint32_t scale) { return std::min(uint32_t(std::max(n + half, 0)) / scale, 255u); };
+  const auto rounded = [](int n, int half, uint32_t scale) {
+    return std::min(uint32_t(std::max(n + half, 0)) / scale, 255u);
+  };
   const uint32_t r = rounded(1000 * y + 1402 * v, 500, 1000);
   const uint32_t g = rounded(125000 * y - 43017 * u - 89267 * v, 62500, 125000);
   const uint32_t b = rounded(1000 * y + 1772 * u, 500, 1000);

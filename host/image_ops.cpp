@@ -133,7 +133,8 @@ ChannelMaps ChannelMaps::Then(const ChannelMaps& next) const {
 
 void ChannelMaps::Row(const uint32_t* in, uint32_t* out, int count) const {
   const auto& t = table_;
-  MapWords(in, out, count, [&t](uint32_t p) { return t[0][p & 255] | t[1][p >> 8 & 255] | t[2][p >> 16 & 255] | t[3][p >> 24]; });
+  MapWords(in, out, count,
+           [&t](uint32_t p) { return t[0][p & 255] | t[1][p >> 8 & 255] | t[2][p >> 16 & 255] | t[3][p >> 24]; });
 }
 
 void ChannelMaps::MaskRow(const uint8_t* in, uint8_t* out, int count) const {

@@ -78,7 +78,8 @@ class ColorGain final : public ThreadedOperator {
           ChannelMaps::Gamma(float(v[GammaRed]), float(v[GammaGreen]), float(v[GammaBlue]), float(v[GammaAlpha])));
     // Masks have no colour to saturate.
     g.saturates = any_not_one(SaturationRed, SaturationBlue) && src->Depth() == 32;
-    if (g.saturates) g.saturation = Saturation(float(v[SaturationRed]), float(v[SaturationGreen]), float(v[SaturationBlue]));
+    if (g.saturates)
+      g.saturation = Saturation(float(v[SaturationRed]), float(v[SaturationGreen]), float(v[SaturationBlue]));
     g.bands = frame::RowBands(src->Height());
     DoMultiProcess(req, g.bands);
     return req->SetOutputData(image_out_, g.out);

@@ -57,6 +57,21 @@ void DissolveRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count,
   for (int i = 0; i < 4 * count; ++i) ob[i] = frame::Blend15(fb[i], bb[i], w);
 }
 
+// The same blend for weights 0 <= m < 32768, the mixes from 0 to just below 1. There
+// a m + b n = 32768 b + (a - b) m, so the byte is b + floor(2 (a - b) m / 65536): the high half of
+// a 16-bit product, twice as many channels per instruction as the 32-bit products.
+void DissolveRowNarrow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d,
+                       uint32_t) {
+  const auto* fb = reinterpret_cast<const uint8_t*>(f);
+  const auto* bb = reinterpret_cast<const uint8_t*>(b);
+  auto* ob = reinterpret_cast<uint8_t*>(out);
+  const int16_t m = int16_t(d.blend.weight);
+  for (int i = 0; i < 4 * count; ++i) {
+    const int16_t twice_difference = int16_t(2 * (fb[i] - bb[i]));
+    ob[i] = uint8_t(bb[i] + ((twice_difference * m) >> 16));
+  }
+}
+
 // Works on 16-bit channel values (v << 8), in 32-bit arithmetic that wraps.
 void AdditiveMixRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d,
                     uint32_t) {
@@ -167,6 +182,7 @@ class Dissolve final : public ThreadedOperator {
     d.height = std::min(fg->Height(), bg->Height());
     d.blend = frame::BlendWeightOf(mix);
     d.threshold = frame::WrapAdd(frame::TruncToInt(mix * 32767.0), 1);
+    if (d.kernel == DissolveRow && d.blend.weight >= 0 && d.blend.weight < 32768) d.kernel = DissolveRowNarrow;
     if (d.kernel == RandomRow) PrepareDraws(d);
     d.bands = frame::RowBands(d.height);
     DoMultiProcess(req, d.bands);
