@@ -27,6 +27,10 @@ constexpr RowSpan BandRows(int height, long chunks, long chunk) {
   return {int(chunk * band), chunk == chunks - 1 ? height : int((chunk + 1) * band)};
 }
 
+// How many bands a tool that runs its rows on the worker threads splits `height` rows into:
+// bands of 8 to 15 rows, enough of them to keep every thread busy, at least one.
+constexpr long RowBands(int height) { return height < 16 ? 1 : height / 8; }
+
 // The same bands counted from the bottom: band c covers (chunks - c - 1) * band ..
 // (chunks - c) * band - 1, and band 0 runs to the bottom row (it takes the remainder).
 constexpr RowSpan BandRowsFromBottom(int height, long chunks, long chunk) {

@@ -26,4 +26,12 @@ void crt_rand_n(int* out, size_t count) {
   g_state.store(state, std::memory_order_relaxed);
 }
 
+uint32_t crt_rand_take(uint64_t count) {
+  const CrtSteps steps = CrtSteps::Of(count);
+  uint32_t state = g_state.load(std::memory_order_relaxed);
+  while (!g_state.compare_exchange_weak(state, steps.Apply(state), std::memory_order_relaxed)) {
+  }
+  return state;
+}
+
 }  // namespace kestrion

@@ -1,9 +1,11 @@
 // The C runtime's sequential random generator, reproduced so that tools drawing from it give
-// the same frames on every platform. One global 32-bit state; tools that use it run on one
-// thread (the state is atomic only so that unrelated renders never race on it).
+// the same frames on every platform. One global 32-bit state (atomic, so that unrelated renders
+// never race on it). A tool that draws on several threads takes its whole run of draws at once
+// with crt_rand_take and jumps each thread to its place in the run with CrtSteps.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace kestrion {
 
@@ -15,5 +17,29 @@ int crt_rand();
 // Draws `count` numbers at once into `out`: the same numbers as that many crt_rand calls,
 // without a call per number.
 void crt_rand_n(int* out, size_t count);
+// Takes the next `count` draws for the caller: returns the state they start from and leaves the
+// global state where `count` crt_rand calls would, in one atomic step.
+uint32_t crt_rand_take(uint64_t count);
+
+// The number a state gives when drawn (the state already advanced).
+constexpr int CrtDraw(uint32_t state) { return int(state >> 16 & 0x7FFF); }
+
+// n steps of the generator as one affine map: state -> state * multiplier + increment (mod 2^32).
+struct CrtSteps {
+  uint32_t multiplier = 1, increment = 0;
+
+  constexpr uint32_t Apply(uint32_t state) const { return state * multiplier + increment; }
+  // This map followed by `then`.
+  constexpr CrtSteps Then(CrtSteps then) const {
+    return {multiplier * then.multiplier, increment * then.multiplier + then.increment};
+  }
+  // The map of n steps, by squaring: O(log n).
+  static constexpr CrtSteps Of(uint64_t n) {
+    CrtSteps result, power{214013u, 2531011u};
+    for (; n != 0; n >>= 1, power = power.Then(power))
+      if (n & 1) result = result.Then(power);
+    return result;
+  }
+};
 
 }  // namespace kestrion

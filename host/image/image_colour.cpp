@@ -8,10 +8,13 @@
 
 #include "host/image/image.h"
 #include "host/image/image_internal.h"
+#include "host/image/image_rows.h"
 
 namespace kestrion {
 
+using image_internal::ForColourRows;
 using image_internal::MapColourPixels;
+using image_internal::MapWords;
 using image_internal::RoundToByte;
 
 namespace {
@@ -114,70 +117,93 @@ inline uint8_t RgbByteOfHls(int a, int b, int tp) {
   return uint8_t(uint32_t(1530 * a + 6 * (b - a) * w + 195075) / 390150u);
 }
 
-}  // namespace
-
-void Image::RGBtoYUV() {
-  // The coefficients in millionths share factors with the scale: Y is exact in thousandths,
-  // U and V in 1/31250 after dividing by 32, and U and V never fall below 0.5.
-  MapColourPixels(*this, [](uint32_t p) {
-    const uint32_t b = p & 255, g = p >> 8 & 255, r = p >> 16 & 255;
-    const uint32_t y = (299 * r + 587 * g + 114 * b + 500) / 1000;
-    const uint32_t u = std::min((4000000 + 15625 - 5273 * r - 10352 * g + 15625 * b) / 31250, 255u);
-    const uint32_t v = std::min((4000000 + 15625 + 15625 * r - 13084 * g - 2541 * b) / 31250, 255u);
-    return (p & 0xFF000000u) | y << 16 | u << 8 | v;
-  });
+// The coefficients in millionths share factors with the scale: Y is exact in thousandths,
+// U and V in 1/31250 after dividing by 32, and U and V never fall below 0.5.
+inline uint32_t YuvOfRgb(uint32_t p) {
+  const uint32_t b = p & 255, g = p >> 8 & 255, r = p >> 16 & 255;
+  const uint32_t y = (299 * r + 587 * g + 114 * b + 500) / 1000;
+  const uint32_t u = std::min((4000000 + 15625 - 5273 * r - 10352 * g + 15625 * b) / 31250, 255u);
+  const uint32_t v = std::min((4000000 + 15625 + 15625 * r - 13084 * g - 2541 * b) / 31250, 255u);
+  return (p & 0xFF000000u) | y << 16 | u << 8 | v;
 }
 
-void Image::YUVtoRGB() {
-  // R and B exact in thousandths, G in 1/125000 after dividing by 8.
-  MapColourPixels(*this, [](uint32_t p) {
-    const int v = int(p & 255) - 128, u = int(p >> 8 & 255) - 128, y = int(p >> 16 & 255);
-    const auto rounded = [](int n, int half, uint32_t scale) {
-      return std::min(uint32_t(std::max(n + half, 0)) / scale, 255u);
-    };
-    const uint32_t r = rounded(1000 * y + 1402 * v, 500, 1000);
-    const uint32_t g = rounded(125000 * y - 43017 * u - 89267 * v, 62500, 125000);
-    const uint32_t b = rounded(1000 * y + 1772 * u, 500, 1000);
-    return (p & 0xFF000000u) | r << 16 | g << 8 | b;
-  });
+// R and B exact in thousandths, G in 1/125000 after dividing by 8.
+inline uint32_t RgbOfYuv(uint32_t p) {
+  const int v = int(p & 255) - 128, u = int(p >> 8 & 255) - 128, y = int(p >> 16 & 255);
+  const auto rounded = [](int n, int half, uint32_t scale) {
+    return std::min(uint32_t(std::max(n + half, 0)) / scale, 255u);
+  };
+  const uint32_t r = rounded(1000 * y + 1402 * v, 500, 1000);
+  const uint32_t g = rounded(125000 * y - 43017 * u - 89267 * v, 62500, 125000);
+  const uint32_t b = rounded(1000 * y + 1772 * u, 500, 1000);
+  return (p & 0xFF000000u) | r << 16 | g << 8 | b;
 }
 
-void Image::RGBtoHLS() {
-  if (depth_ != 32) return;
-  // A copy on the stack: the compiler can then see that no row store changes a table, and
-  // vectorises the first pass.
-  const HlsTables t = TheHlsTables();
-  const int w = width_;
-  std::vector<uint32_t> original(static_cast<size_t>(w)), tied(static_cast<size_t>(w));
-  for (int y = 0; y < height_; ++y) {
-    uint32_t* row = Row(y);
-    uint32_t ties = 0;
-    for (int x = 0; x < w; ++x) {
-      const uint32_t p = row[x];
-      original[size_t(x)] = p;
-      row[x] = HlsByIntegers(t, p, tied[size_t(x)]);
-      ties |= tied[size_t(x)];
-    }
-    if (ties == 0) continue;
-    for (int x = 0; x < w; ++x)
-      if (tied[size_t(x)]) row[x] = HlsByDoubles(original[size_t(x)]);
+inline uint32_t RgbOfHls(uint32_t p) {
+  const int s = int(p & 255), l = int(p >> 8 & 255), h = int(p >> 16 & 255);
+  // m2 and m1 in 1/65025: l (1 + s) up to half lightness, else l + s - l s; m1 = 2 l - m2.
+  const int m2 = l <= 127 ? l * (255 + s) : 255 * (l + s) - l * s;
+  const int m1 = 510 * l - m2;
+  // The hue turned by +1/3, 0 and -1/3 of a turn, in 255ths (255 itself is a whole turn).
+  const int hr = h + 85 >= 255 ? h + 85 - 255 : h + 85;
+  const int hg = h == 255 ? 0 : h;
+  const int hb = h + 170 >= 255 ? h + 170 - 255 : h + 170;
+  return (p & 0xFF000000u) | uint32_t(RgbByteOfHls(m1, m2, hr)) << 16 | uint32_t(RgbByteOfHls(m1, m2, hg)) << 8 |
+         RgbByteOfHls(m1, m2, hb);
+}
+
+// The integer pass of RGB to HLS over n pixels; returns non-zero where any lies on a hue tie,
+// and marks those in `tied`. Kept out of line: inlined, the compiler loses sight of the
+// pointers' promise that no store changes a table, and the loop no longer vectorises.
+[[gnu::noinline]] uint32_t HlsByIntegersRow(const HlsTables& t, const uint32_t* in, uint32_t* __restrict out,
+                                           uint32_t* __restrict tied, int n) {
+  uint32_t ties = 0;
+  for (int x = 0; x < n; ++x) {
+    uint32_t tie;
+    out[x] = HlsByIntegers(t, in[x], tie);
+    tied[x] = tie;
+    ties |= tie;
+  }
+  return ties;
+}
+
+// RGB to HLS in blocks held on the stack: the integer pass over a block, then the doubles for
+// its pixels on hue ties, from the block's original words (so `out` may be `in`).
+void HlsOfRgbRow(const uint32_t* in, uint32_t* out, int count) {
+  constexpr int kBlock = 256;
+  const HlsTables& t = TheHlsTables();
+  uint32_t original[kBlock], tied[kBlock];
+  for (int start = 0; start < count; start += kBlock) {
+    const int n = std::min(kBlock, count - start);
+    std::copy_n(in + start, n, original);
+    if (HlsByIntegersRow(t, original, out + start, tied, n) == 0) continue;
+    for (int x = 0; x < n; ++x)
+      if (tied[x]) out[start + x] = HlsByDoubles(original[x]);
   }
 }
 
-void Image::HLStoRGB() {
-  MapColourPixels(*this, [](uint32_t p) {
-    const int s = int(p & 255), l = int(p >> 8 & 255), h = int(p >> 16 & 255);
-    // m2 and m1 in 1/65025: l (1 + s) up to half lightness, else l + s - l s; m1 = 2 l - m2.
-    const int m2 = l <= 127 ? l * (255 + s) : 255 * (l + s) - l * s;
-    const int m1 = 510 * l - m2;
-    // The hue turned by +1/3, 0 and -1/3 of a turn, in 255ths (255 itself is a whole turn).
-    const int hr = h + 85 >= 255 ? h + 85 - 255 : h + 85;
-    const int hg = h == 255 ? 0 : h;
-    const int hb = h + 170 >= 255 ? h + 170 - 255 : h + 170;
-    return (p & 0xFF000000u) | uint32_t(RgbByteOfHls(m1, m2, hr)) << 16 | uint32_t(RgbByteOfHls(m1, m2, hg)) << 8 |
-           RgbByteOfHls(m1, m2, hb);
-  });
+}  // namespace
+
+void ConvertRow(ColourConversion conversion, const uint32_t* in, uint32_t* out, int count) {
+  switch (conversion) {
+    // Each map as a lambda, which the row loop inlines (a function pointer it would call).
+    case ColourConversion::RgbToYuv: MapWords(in, out, count, [](uint32_t p) { return YuvOfRgb(p); }); break;
+    case ColourConversion::YuvToRgb: MapWords(in, out, count, [](uint32_t p) { return RgbOfYuv(p); }); break;
+    case ColourConversion::RgbToHls: HlsOfRgbRow(in, out, count); break;
+    case ColourConversion::HlsToRgb: MapWords(in, out, count, [](uint32_t p) { return RgbOfHls(p); }); break;
+  }
 }
+
+namespace {
+void ConvertImage(Image& img, ColourConversion conversion) {
+  ForColourRows(img, [conversion](uint32_t* row, int w) { ConvertRow(conversion, row, row, w); });
+}
+}  // namespace
+
+void Image::RGBtoYUV() { ConvertImage(*this, ColourConversion::RgbToYuv); }
+void Image::YUVtoRGB() { ConvertImage(*this, ColourConversion::YuvToRgb); }
+void Image::RGBtoHLS() { ConvertImage(*this, ColourConversion::RgbToHls); }
+void Image::HLStoRGB() { ConvertImage(*this, ColourConversion::HlsToRgb); }
 
 void Image::RGBtoGUV() {
   MapColourPixels(*this, [](uint32_t p) {
@@ -186,25 +212,31 @@ void Image::RGBtoGUV() {
   });
 }
 
-void Image::Saturate(float red, float green, float blue) {
+Saturation::Saturation(float red, float green, float blue) {
   // With Y whole, round(Y + (c - Y) s) = Y + floor((c - Y) s + 0.5) exactly (the product of a
   // byte difference and a float is exact in double), so one table per channel over c - Y.
-  using DeltaTable = std::array<int32_t, 511>;
-  const auto table = [](float factor) {
-    DeltaTable t{};
+  const float factors[3] = {blue, green, red};
+  for (size_t c = 0; c < 3; ++c)
     for (int d = -255; d <= 255; ++d) {
-      const double v = std::floor(d * double(factor) + 0.5);
-      t[size_t(d + 255)] = int32_t(v >= 256.0 ? 256 : v <= -256.0 ? -256 : v == v ? v : 0.0);
+      const double v = std::floor(d * double(factors[c]) + 0.5);
+      delta_[c][size_t(d + 255)] = int32_t(v >= 256.0 ? 256 : v <= -256.0 ? -256 : v == v ? v : 0.0);
     }
-    return t;
-  };
-  const DeltaTable tb = table(blue), tg = table(green), tr = table(red);
-  MapColourPixels(*this, [&](uint32_t p) {
+}
+
+void Saturation::Row(const uint32_t* in, uint32_t* out, int count) const {
+  MapWords(in, out, count, [this](uint32_t p) {
     const int b = int(p & 255), g = int(p >> 8 & 255), r = int(p >> 16 & 255);
     const int y = Luminance(r, g, b);
-    const auto moved = [y](const DeltaTable& t, int c) { return uint32_t(std::clamp(y + t[size_t(c - y + 255)], 0, 255)); };
-    return (p & 0xFF000000u) | moved(tr, r) << 16 | moved(tg, g) << 8 | moved(tb, b);
+    const auto moved = [y](const std::array<int32_t, 511>& t, int c) {
+      return uint32_t(std::clamp(y + t[size_t(c - y + 255)], 0, 255));
+    };
+    return (p & 0xFF000000u) | moved(delta_[2], r) << 16 | moved(delta_[1], g) << 8 | moved(delta_[0], b);
   });
+}
+
+void Image::Saturate(float red, float green, float blue) {
+  const Saturation saturation(red, green, blue);
+  ForColourRows(*this, [&](uint32_t* row, int w) { saturation.Row(row, row, w); });
 }
 
 void Image::ColourDifference() {

@@ -9,10 +9,12 @@
 
 #include "host/image/image.h"
 #include "host/image/image_internal.h"
+#include "host/image/image_rows.h"
 #include "host/graph/request.h"
 
 namespace kestrion {
 
+using image_internal::MapWords;
 using image_internal::RequireSameDepth;
 using image_internal::RoundToByte;
 
@@ -27,41 +29,6 @@ long HoldOffset(long v) { return std::clamp(v, -kFarAway, kFarAway); }
 constexpr int Div255(int v) {
   v += 128;
   return (v + (v >> 8)) >> 8;
-}
-
-using ByteTable = std::array<uint8_t, 256>;
-
-template <class Entry>
-ByteTable MakeTable(Entry entry) {
-  ByteTable t{};
-  for (int v = 0; v < 256; ++v) t[size_t(v)] = entry(v);
-  return t;
-}
-
-// Maps every channel through its table (a mask through the alpha table). For 32-bit images
-// the tables are joined in pairs, blue with green and red with alpha, into two tables of 64K
-// words holding the bytes in their places: two loads and an or per pixel.
-void ApplyTables(Image& img, const std::array<ByteTable, 4>& t) {
-  const int w = img.Width();
-  if (img.Depth() == 8) {
-    for (int y = 0; y < img.Height(); ++y) {
-      uint8_t* row = img.MaskRow(y);
-      for (int x = 0; x < w; ++x) row[x] = t[3][row[x]];
-    }
-    return;
-  }
-  std::vector<uint32_t> low(65536), high(65536);
-  for (size_t i = 0; i < 65536; ++i) {
-    low[i] = uint32_t(t[0][i & 255]) | uint32_t(t[1][i >> 8]) << 8;
-    high[i] = uint32_t(t[2][i & 255]) << 16 | uint32_t(t[3][i >> 8]) << 24;
-  }
-  for (int y = 0; y < img.Height(); ++y) {
-    uint32_t* row = img.Row(y);
-    for (int x = 0; x < w; ++x) {
-      const uint32_t p = row[x];
-      row[x] = low[p & 0xFFFF] | high[p >> 16];
-    }
-  }
 }
 
 // Composites the overlap of `fg` placed at (x, y) on `bg`; Op(f, b, fa, ba) gives one channel.
@@ -133,17 +100,64 @@ void Image::Fill(Pixel colour) {
   }
 }
 
+ChannelMaps::ChannelMaps() {
+  for (size_t c = 0; c < 4; ++c)
+    for (uint32_t v = 0; v < 256; ++v) table_[c][v] = v << (8 * c);
+}
+
+ChannelMaps ChannelMaps::Gamma(float red, float green, float blue, float alpha) {
+  ChannelMaps maps;
+  const float gammas[4] = {blue, green, red, alpha};
+  for (size_t c = 0; c < 4; ++c) {
+    const double e = 1.0 / double(gammas[c]);
+    for (uint32_t v = 0; v < 256; ++v)
+      maps.table_[c][v] = uint32_t(RoundToByte(255.0 * std::pow(v / 255.0, e))) << (8 * c);
+  }
+  return maps;
+}
+
+ChannelMaps ChannelMaps::Gain(float red, float green, float blue, float alpha) {
+  ChannelMaps maps;
+  const float gains[4] = {blue, green, red, alpha};
+  for (size_t c = 0; c < 4; ++c)
+    for (uint32_t v = 0; v < 256; ++v) maps.table_[c][v] = uint32_t(RoundToByte(v * double(gains[c]))) << (8 * c);
+  return maps;
+}
+
+ChannelMaps ChannelMaps::Then(const ChannelMaps& next) const {
+  ChannelMaps maps;
+  for (size_t c = 0; c < 4; ++c)
+    for (size_t v = 0; v < 256; ++v) maps.table_[c][v] = next.table_[c][table_[c][v] >> (8 * c)];
+  return maps;
+}
+
+void ChannelMaps::Row(const uint32_t* in, uint32_t* out, int count) const {
+  const auto& t = table_;
+  MapWords(in, out, count,
+           [&t](uint32_t p) { return t[0][p & 255] | t[1][p >> 8 & 255] | t[2][p >> 16 & 255] | t[3][p >> 24]; });
+}
+
+void ChannelMaps::MaskRow(const uint8_t* in, uint8_t* out, int count) const {
+  for (int x = 0; x < count; ++x) out[x] = uint8_t(table_[3][in[x]] >> 24);
+}
+
+namespace {
+void MapChannels(Image& img, const ChannelMaps& maps) {
+  for (int y = 0; y < img.Height(); ++y) {
+    if (img.Depth() == 8)
+      maps.MaskRow(img.MaskRow(y), img.MaskRow(y), img.Width());
+    else
+      maps.Row(img.Row(y), img.Row(y), img.Width());
+  }
+}
+}  // namespace
+
 void Image::Gamma(float red, float green, float blue, float alpha) {
-  const auto table = [](float gamma) {
-    const double e = 1.0 / double(gamma);
-    return MakeTable([e](int v) { return RoundToByte(255.0 * std::pow(v / 255.0, e)); });
-  };
-  ApplyTables(*this, {table(blue), table(green), table(red), table(alpha)});
+  MapChannels(*this, ChannelMaps::Gamma(red, green, blue, alpha));
 }
 
 void Image::Gain(float red, float green, float blue, float alpha) {
-  const auto table = [](float gain) { return MakeTable([g = double(gain)](int v) { return RoundToByte(v * g); }); };
-  ApplyTables(*this, {table(blue), table(green), table(red), table(alpha)});
+  MapChannels(*this, ChannelMaps::Gain(red, green, blue, alpha));
 }
 
 void Image::OXMerge(const Image* fg, long x, long y) {

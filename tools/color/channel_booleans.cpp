@@ -1,13 +1,12 @@
 // Channel Booleans: combines chosen foreground channels with the background's by one of
-// fifteen operations, then blends the result back over the background. All rows run in
-// Process on one thread. Every result depends only on the foreground byte f and the
-// background byte p, so each render tables the operation and the blend for all 65536 pairs
-// once, and the row kernel is a table look-up per channel.
+// fifteen operations, then blends the result back over the background. Process works out the
+// render's constants and picks a row kernel made for the operation and for whether a blend
+// applies; the rows run in bands on the worker threads.
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
+#include <utility>
 
 #include "module/image_model.h"
 #include "module/operator_contract.h"
@@ -24,7 +23,7 @@ constexpr uint32_t kClassId = FourCC("Bool");
 enum BooleansInput { Operation, Blend, RedFrom, GreenFrom, BlueFrom, AlphaFrom, Background, Foreground, kInputCount };
 enum Operations {
   Copy, Add, Subtract, And, Or, ExclusiveOr, Multiply, Divide, Maximum, Minimum, CopyInvert, Solid, Clear, Difference,
-  SignedAdd
+  SignedAdd, Keep, kOperationCount  // every other operation value keeps the background byte
 };
 constexpr int kPassThrough = 4;
 // The selector inputs in the order the channels are combined, and the pixel byte of each
@@ -34,20 +33,26 @@ constexpr int kChannelByte[4] = {2, 1, 0, 3};
 
 ResBitmap g_tile;
 
-// The operation on one foreground byte f and background byte p; other operation values leave
-// the background byte.
-int Combine(int operation, int f, int p) {
+// The operation on one foreground byte f and background byte p. Written without branches on
+// the bytes, so that the row loops vectorise.
+inline int32_t Combine(int operation, int32_t f, int32_t p) {
   switch (operation) {
     case Copy: return f;
     case Add: return std::min(255, f + p);
-    case Subtract: return p - f < 1 ? 0 : p - f;
+    case Subtract: return std::max(p - f, 0);
     case And: return f & p;
     case Or: return f | p;
     case ExclusiveOr: return f ^ p;
     case Multiply: return (f * p) >> 8;
-    case Divide: return f == 0 ? 0 : std::min(255, (p << 8) / f);
-    case Maximum: return f > p ? f : p;
-    case Minimum: return f < p ? f : p;
+    // trunc((p << 8) / f) in single precision: the quotient is below 65281 and any fraction of
+    // it at least 1 / f, far more than half a unit in its last place, so truncation is exact.
+    // The division runs for f = 0 too (by 1) and a mask clears it, so the loop has no branch.
+    case Divide: {
+      const int32_t q = int32_t(float(p << 8) / float(f + (f == 0)));
+      return std::min(q, 255) & -int32_t(f != 0);
+    }
+    case Maximum: return std::max(f, p);
+    case Minimum: return std::min(f, p);
     case CopyInvert: return 255 - f;
     case Solid: return 255;
     case Clear: return 0;
@@ -57,31 +62,50 @@ int Combine(int operation, int f, int p) {
   }
 }
 
-// The tables of one render: combined[f << 8 | p] for channels fed from the foreground, and
-// passed[p] for channels passed through; both with the blend applied.
-struct BooleansTables {
-  std::array<uint8_t, 65536> combined;
-  std::array<uint8_t, 256> passed;
-  int source_byte[4];  // foreground byte feeding each output channel, or -1 to pass it through
+// Everything the row kernel needs, worked out once per render in Process.
+struct BooleansFrame;
+using RowKernel = void (*)(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansFrame& t);
 
-  void Build(int operation, int blend) {
-    const int inverse = 255 - blend;
-    // The blend divides by 256, so below 1 it darkens by up to a step even where the result is
-    // the background; saved flows render so.
-    const auto blended = [&](int p, int r) { return uint8_t(blend < 255 ? (p * inverse + r * blend) >> 8 : r); };
-    for (int f = 0; f < 256; ++f)
-      for (int p = 0; p < 256; ++p) combined[size_t(f << 8 | p)] = blended(p, Combine(operation, f, p));
-    for (int p = 0; p < 256; ++p) passed[size_t(p)] = blended(p, p);
-  }
+struct BooleansFrame {
+  const Image* fg = nullptr;
+  const Image* bg = nullptr;
+  Image* out = nullptr;
+  int width = 0, height = 0;
+  long bands = 1;
+  RowKernel kernel = nullptr;
+  // For each pixel byte: the shift that brings the foreground byte feeding it to the bottom of
+  // the foreground word, and -1 where the byte passes the background through (0 elsewhere).
+  int shift[4] = {};
+  int32_t passed[4] = {};
+  int32_t blend = 255, inverse = 0;  // b and 255 - b, b = trunc(blend * 255)
 };
 
-void CombineRow(const uint8_t* f, const uint8_t* b, uint8_t* out, int count, const BooleansTables& t) {
-  for (int x = 0; x < count; ++x, f += 4, b += 4, out += 4)
-    for (int c = 0; c < 4; ++c) {
-      const int byte = kChannelByte[c], from = t.source_byte[c];
-      out[byte] = from < 0 ? t.passed[b[byte]] : t.combined[size_t(f[from] << 8 | b[byte])];
-    }
+// One row: every byte is Combine(Op, f, p), or p where the channel passes through, then
+// blended over p as (p (255 - b) + r b) >> 8 when b is below 255. The blend divides by 256,
+// so below 1 it darkens by up to a step even where the result is the background; saved flows
+// render so. Its products wrap, as they do for blends typed far outside 0 to 1.
+template <int Op, bool Blended>
+void BooleansRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansFrame& t) {
+  const int s0 = t.shift[0], s1 = t.shift[1], s2 = t.shift[2], s3 = t.shift[3];
+  const int32_t blend = t.blend, inverse = t.inverse;
+  const auto channel = [&](uint32_t fw, uint32_t pw, int shift, int byte, int32_t passed) {
+    const int32_t fc = int32_t(fw >> shift & 255), pc = int32_t(pw >> (8 * byte) & 255);
+    int32_t r = (Combine(Op, fc, pc) & ~passed) | (pc & passed);
+    if (Blended) r = module::WrapAdd(module::WrapMul(pc, inverse), module::WrapMul(r, blend)) >> 8;
+    return uint32_t(r & 255) << (8 * byte);
+  };
+  const int32_t p0 = t.passed[0], p1 = t.passed[1], p2 = t.passed[2], p3 = t.passed[3];
+  for (int x = 0; x < count; ++x)
+    out[x] = channel(f[x], b[x], s0, 0, p0) | channel(f[x], b[x], s1, 1, p1) | channel(f[x], b[x], s2, 2, p2) |
+             channel(f[x], b[x], s3, 3, p3);
 }
+
+template <bool Blended, size_t... Op>
+constexpr std::array<RowKernel, kOperationCount> Kernels(std::index_sequence<Op...>) {
+  return {&BooleansRow<int(Op), Blended>...};
+}
+constexpr auto kPlainKernels = Kernels<false>(std::make_index_sequence<kOperationCount>());
+constexpr auto kBlendedKernels = Kernels<true>(std::make_index_sequence<kOperationCount>());
 
 class ChannelBooleans final : public ThreadedOperator {
  public:
@@ -141,30 +165,38 @@ class ChannelBooleans final : public ThreadedOperator {
     auto* fg = dynamic_cast<Image*>(req->GetInputData(in_[Foreground]));
     if (!bg) return req->SetOutputData(image_out_, nullptr);
     if (!fg) fg = bg;  // the background combined with itself
-    Image* out = NewImage(req, bg);
-
-    if (!tables_) tables_ = std::make_unique<BooleansTables>();
-    BooleansTables& t = *tables_;
+    BooleansFrame& t = frame_;
+    t.fg = fg;
+    t.bg = bg;
+    t.out = NewImage(req, bg);
+    t.width = std::min(fg->Width(), bg->Width());
+    t.height = std::min(fg->Height(), bg->Height());
     for (int c = 0; c < 4; ++c) {
       // A selector names a channel (read from that channel's byte) or passes the background on.
       const int selector = module::TruncToInt(module::NumberInput(req, in_[kSelectors[c]]));
-      t.source_byte[c] = selector >= 0 && selector < 4 ? kChannelByte[selector] : -1;
+      const bool passed = selector < 0 || selector >= 4;
+      t.shift[kChannelByte[c]] = passed ? 0 : 8 * kChannelByte[selector];
+      t.passed[kChannelByte[c]] = passed ? -1 : 0;
     }
-    t.Build(operation, blend);
+    t.blend = blend;
+    t.inverse = int32_t(255u - uint32_t(blend));
+    const int known = operation >= 0 && operation < Keep ? operation : Keep;
+    t.kernel = blend < 255 ? kBlendedKernels[size_t(known)] : kPlainKernels[size_t(known)];
+    t.bands = module::RowBands(t.height);
+    DoMultiProcess(req, t.bands);
+    return req->SetOutputData(image_out_, t.out);
+  }
 
-    const int width = std::min(fg->Width(), bg->Width()), height = std::min(fg->Height(), bg->Height());
-    module::ForEachRow(*this, {0, height}, [&](int y) {
-      CombineRow(reinterpret_cast<const uint8_t*>(fg->Row(y)), reinterpret_cast<const uint8_t*>(bg->Row(y)),
-                 reinterpret_cast<uint8_t*>(out->Row(y)), width, t);
-    });
-    return req->SetOutputData(image_out_, out);
+  void ProcessChunk(Request*, long band) override {
+    const BooleansFrame& t = frame_;
+    module::ForEachRow(*this, module::BandRows(t.height, t.bands, band),
+                      [&](int y) { t.kernel(t.fg->Row(y), t.bg->Row(y), t.out->Row(y), t.width, t); });
   }
 
  private:
   Input* in_[kInputCount];
   Output* image_out_;
-  // Kept between renders so a render allocates nothing; rebuilt by every Process.
-  std::unique_ptr<BooleansTables> tables_;
+  BooleansFrame frame_;
 };
 
 }  // namespace

@@ -1,7 +1,12 @@
-// Color Space: converts the colour bytes of a copy of the input between RGB and HLS or YUV with
-// one host image operation.
+// Color Space: converts the colour bytes of the input between RGB and HLS or YUV as the host
+// image operations of those names do it. The rows run in bands on the worker threads, each
+// converted from the input into the output in one pass.
+#include <cstring>
+
+#include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
+#include "host/image/image_rows.h"
 #include "tools/color/color_tools.h"
 
 namespace kestrion::tools {
@@ -38,20 +43,47 @@ class ColorSpace final : public ThreadedOperator {
     const int conversion = int(module::NumberInput(req, in_[Conversion]));
     auto* src = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     if (!src) return req->SetOutputData(image_out_, nullptr);
-    Image* img = src->CopyOfImage(req);
+    SpaceFrame& s = frame_;
+    s.src = src;
+    s.out = NewImage(req, src);
+    // "No Change", unknown values and masks (which have no colour) copy the input.
+    s.converts = src->Depth() == 32 && conversion >= RgbToHls && conversion <= YuvToRgb;
     switch (conversion) {
-      case RgbToHls: img->RGBtoHLS(); break;
-      case HlsToRgb: img->HLStoRGB(); break;
-      case RgbToYuv: img->RGBtoYUV(); break;
-      case YuvToRgb: img->YUVtoRGB(); break;
-      default: break;  // "No Change" and unknown values pass the copy on
+      case RgbToHls: s.conversion = ColourConversion::RgbToHls; break;
+      case HlsToRgb: s.conversion = ColourConversion::HlsToRgb; break;
+      case RgbToYuv: s.conversion = ColourConversion::RgbToYuv; break;
+      case YuvToRgb: s.conversion = ColourConversion::YuvToRgb; break;
+      default: break;
     }
-    return req->SetOutputData(image_out_, img);
+    s.bands = module::RowBands(src->Height());
+    DoMultiProcess(req, s.bands);
+    return req->SetOutputData(image_out_, s.out);
+  }
+
+  void ProcessChunk(Request*, long band) override {
+    const SpaceFrame& s = frame_;
+    const int width = s.src->Width();
+    module::ForEachRow(*this, module::BandRows(s.src->Height(), s.bands, band), [&](int y) {
+      if (s.converts)
+        ConvertRow(s.conversion, s.src->Row(y), s.out->Row(y), width);
+      else
+        std::memcpy(s.out->RowTable()[y], s.src->RowTable()[y], size_t(width) * s.src->BytesPerPixel());
+    });
   }
 
  private:
+  // Everything the rows need, worked out once per render in Process.
+  struct SpaceFrame {
+    const Image* src = nullptr;
+    Image* out = nullptr;
+    long bands = 1;
+    bool converts = false;
+    ColourConversion conversion = ColourConversion::RgbToYuv;
+  };
+
   Input* in_[kInputCount];
   Output* image_out_;
+  SpaceFrame frame_;
 };
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/image/image.h"
+#include "tests/host/colour_references.h"
 #include "tests/host/image/image_fixtures.h"
 
 namespace kestrion {
@@ -144,53 +145,6 @@ Vec Slice(uint32_t red) {
   return words;
 }
 
-uint8_t Byte(uint32_t word, int index) { return uint8_t(word >> (8 * index)); }
-
-// The HLS formulas in double precision, each result byte the value * 255 rounded half away
-// from zero.
-double Round255(double v) { return std::clamp(std::floor(v * 255.0 + 0.5), 0.0, 255.0); }
-
-uint32_t HlsByDoubles(uint32_t word) {
-  const double r = Byte(word, 2) / 255.0, g = Byte(word, 1) / 255.0, b = Byte(word, 0) / 255.0;
-  const double mx = std::max({r, g, b}), mn = std::min({r, g, b});
-  const double l = (mx + mn) / 2.0;
-  double h = 0.0, s = 0.0;
-  if (mx != mn) {
-    s = l <= 0.5 ? (mx - mn) / (mx + mn) : (mx - mn) / (2.0 - mx - mn);
-    const double rc = (mx - r) / (mx - mn), gc = (mx - g) / (mx - mn), bc = (mx - b) / (mx - mn);
-    if (r == mx)
-      h = bc - gc;
-    else if (g == mx)
-      h = 2.0 + rc - bc;
-    else
-      h = 4.0 + gc - rc;
-    h = h / 6.0;
-    h = h - std::floor(h);
-  }
-  return Bgra(uint32_t(Round255(s)), uint32_t(Round255(l)), uint32_t(Round255(h)), word >> 24);
-}
-
-double HlsValue(double m1, double m2, double t) {
-  t = t - std::floor(t);
-  if (t < 1.0 / 6.0) return m1 + (m2 - m1) * 6.0 * t;
-  if (t < 0.5) return m2;
-  if (t < 2.0 / 3.0) return m1 + (m2 - m1) * (2.0 / 3.0 - t) * 6.0;
-  return m1;
-}
-
-uint32_t RgbOfHlsByDoubles(uint32_t word) {
-  const double h = Byte(word, 2) / 255.0, l = Byte(word, 1) / 255.0, s = Byte(word, 0) / 255.0;
-  double r = l, g = l, b = l;
-  if (s != 0.0) {
-    const double m2 = l <= 0.5 ? l * (1.0 + s) : l + s - l * s;
-    const double m1 = 2.0 * l - m2;
-    r = HlsValue(m1, m2, h + 1.0 / 3.0);
-    g = HlsValue(m1, m2, h);
-    b = HlsValue(m1, m2, h - 1.0 / 3.0);
-  }
-  return Bgra(uint32_t(Round255(b)), uint32_t(Round255(g)), uint32_t(Round255(r)), word >> 24);
-}
-
 TEST(ColourCube, HlsMatchesTheDoubleFormulasEverywhere) {
   for (uint32_t red = 0; red < 256; ++red) {
     const Vec in = Slice(red);
@@ -204,6 +158,22 @@ TEST(ColourCube, HlsMatchesTheDoubleFormulasEverywhere) {
     img->HLStoRGB();
     const Vec rgb = Words(*img);
     for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(rgb[i], RgbOfHlsByDoubles(in[i])) << std::hex << in[i];
+  }
+}
+
+// The integer YUV forms are the exact rational ones, rounding ties included.
+TEST(ColourCube, YuvMatchesTheExactFormulasEverywhere) {
+  for (uint32_t red = 0; red < 256; ++red) {
+    const Vec in = Slice(red);
+    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->RGBtoYUV();
+    const Vec yuv = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(yuv[i], YuvExact(in[i])) << std::hex << in[i];
+    std::copy(in.begin(), in.end(), img->Row(0));
+    img->YUVtoRGB();
+    const Vec rgb = Words(*img);
+    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(rgb[i], RgbOfYuvExact(in[i])) << std::hex << in[i];
   }
 }
 

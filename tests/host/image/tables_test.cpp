@@ -1,6 +1,7 @@
 // The host tables and the C runtime generator, at hand-checked entries.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <vector>
 
 #include "host/base/random.h"
@@ -56,6 +57,19 @@ TEST(CrtRand, BlocksContinueTheSameSequence) {
   EXPECT_EQ(crt_rand(), 26500);
   crt_rand_n(block.data(), 0);
   EXPECT_EQ(crt_rand(), 19169);
+}
+
+// Taking n draws leaves the state where n single draws would, and returns the state before
+// them; the jump of n steps is the same as stepping n times (here up to 70000, past 2^16).
+TEST(CrtRand, TakingDrawsJumpsAhead) {
+  for (uint64_t n : {0ull, 1ull, 2ull, 1920ull, 70000ull}) {
+    crt_srand(7);
+    uint32_t stepped = 7;
+    for (uint64_t i = 0; i < n; ++i) stepped = stepped * 214013u + 2531011u;
+    EXPECT_EQ(CrtSteps::Of(n).Apply(7), stepped) << n;
+    EXPECT_EQ(crt_rand_take(n), 7u) << n;
+    EXPECT_EQ(crt_rand(), CrtDraw(stepped * 214013u + 2531011u)) << n;
+  }
 }
 
 TEST(CrtRand, ReseedingRestartsAndResultsStayIn15Bits) {
