@@ -94,32 +94,28 @@ void KeepInside(long& begin, long& end, int32_t step, long last, Index index) {
   }
 }
 
-// Samples whose pixels all lie inside a 32-bit image, read without checks. Whole-pixel steps
-// along a row keep the fractions, so the samples are a copy of the row from one column on, or
-// a mix of two rows with constant weights.
-void SampleInside(const Image& img, uint32_t* out, long count, int32_t x, int32_t y, int32_t dx, int32_t dy,
-                  long quality) {
+// Samples whose pixels all lie inside a 32-bit image, read without checks; returns where they
+// are: `out`, or the image's own row when whole-pixel steps along it land on whole pixels
+// (nearest always does). Other whole-pixel steps along a row keep the fractions, so the samples
+// mix two rows with constant weights.
+const uint32_t* SampleInside(const Image& img, uint32_t* out, long count, int32_t x, int32_t y, int32_t dx,
+                             int32_t dy, long quality) {
+  const bool straight = dx == 65536 && dy == 0;
   if (quality == 0) {
-    if (dx == 65536 && dy == 0) {
-      std::memcpy(out, img.Row(((y >> 8) + 128) >> 8) + (((x >> 8) + 128) >> 8), size_t(count) * 4);
-      return;
-    }
+    if (straight) return img.Row(((y >> 8) + 128) >> 8) + (((x >> 8) + 128) >> 8);
     for (long k = 0; k < count; ++k) {
       const int32_t px = LinePoint(x, dx, k), py = LinePoint(y, dy, k);
       out[k] = img.Row(((py >> 8) + 128) >> 8)[((px >> 8) + 128) >> 8];
     }
-    return;
+    return out;
   }
-  if (dx == 65536 && dy == 0) {
+  if (straight) {
     const uint32_t* top = img.Row(y >> 16) + (x >> 16);
     const uint32_t* bottom = img.Row((y >> 16) + 1) + (x >> 16);
     const uint32_t fx = uint32_t(x >> 8) & 255, fy = uint32_t(y >> 8) & 255;
-    if (fx == 0 && fy == 0) {
-      std::memcpy(out, top, size_t(count) * 4);
-      return;
-    }
+    if (fx == 0 && fy == 0) return top;
     for (long k = 0; k < count; ++k) out[k] = Bilinear(top[k], top[k + 1], bottom[k], bottom[k + 1], fx, fy);
-    return;
+    return out;
   }
   for (long k = 0; k < count; ++k) {
     const int32_t px = LinePoint(x, dx, k), py = LinePoint(y, dy, k);
@@ -127,14 +123,15 @@ void SampleInside(const Image& img, uint32_t* out, long count, int32_t x, int32_
     const uint32_t* bottom = img.Row((py >> 16) + 1) + (px >> 16);
     out[k] = Bilinear(top[0], top[1], bottom[0], bottom[1], uint32_t(px >> 8) & 255, uint32_t(py >> 8) & 255);
   }
+  return out;
 }
 
 // The samples of SampleRow_Black and SampleRow_Clamp: the run of points whose pixels all lie
 // inside goes through SampleInside, the points before and after it (and every point of a mask
 // or of a line that wraps) through the checked sampler.
 template <bool kClamp>
-void SampleRow(const Image& img, uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
-               long quality) {
+const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                          long quality) {
   long begin = 0, end = 0;
   if (img.Depth() == 32 && !LineWraps(x, dx, count) && !LineWraps(y, dy, count)) {
     // Nearest reads pixel ((X >> 8) + 128) >> 8; bilinear reads X >> 16 and the pixel after it.
@@ -143,12 +140,17 @@ void SampleRow(const Image& img, uint32_t* out, int count, int32_t x, int32_t y,
     end = count;
     KeepInside(begin, end, dx, lastx, [&](long k) { return pixel(LinePoint(x, dx, k)); });
     KeepInside(begin, end, dy, lasty, [&](long k) { return pixel(LinePoint(y, dy, k)); });
-    if (begin < end)
-      SampleInside(img, out + begin, end - begin, LinePoint(x, dx, begin), LinePoint(y, dy, begin), dx, dy, quality);
+  }
+  if (begin < end) {
+    const uint32_t* inside =
+        SampleInside(img, out + begin, end - begin, LinePoint(x, dx, begin), LinePoint(y, dy, begin), dx, dy, quality);
+    if (begin == 0 && end == count) return inside;
+    if (inside != out + begin) std::memcpy(out + begin, inside, size_t(end - begin) * 4);
   }
   const auto checked = [&](long k) { out[k] = Sample<kClamp>(img, LinePoint(x, dx, k) >> 8, LinePoint(y, dy, k) >> 8, quality); };
   for (long k = 0; k < begin; ++k) checked(k);
   for (long k = end; k < count; ++k) checked(k);
+  return out;
 }
 
 // --- Resampling ---
@@ -386,14 +388,14 @@ void Image::DoSample_Clamp(Pixel* out, long x, long y, long quality) const {
   *out = Pixel::FromWord(Sample<true>(*this, x, y, quality));
 }
 
-void Image::SampleRow_Black(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
-                            long quality) const {
-  SampleRow<false>(*this, out, count, x, y, dx, dy, quality);
+const uint32_t* Image::SampleRow_Black(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                                       long quality) const {
+  return SampleRow<false>(*this, out, count, x, y, dx, dy, quality);
 }
 
-void Image::SampleRow_Clamp(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
-                            long quality) const {
-  SampleRow<true>(*this, out, count, x, y, dx, dy, quality);
+const uint32_t* Image::SampleRow_Clamp(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                                       long quality) const {
+  return SampleRow<true>(*this, out, count, x, y, dx, dy, quality);
 }
 
 }  // namespace kestrion

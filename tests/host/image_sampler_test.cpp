@@ -130,11 +130,11 @@ void ExpectRowsMatchOneByOne(const Image& img, const Line& l) {
   SCOPED_TRACE(testing::Message() << l.what << ": " << l.x << ", " << l.y << " by " << l.dx << ", " << l.dy << " x "
                                   << l.count);
   for (long quality : {0L, 1L}) {
-    Vec black(size_t(l.count)), clamp(size_t(l.count));
-    img.SampleRow_Black(black.data(), l.count, l.x, l.y, l.dx, l.dy, quality);
-    img.SampleRow_Clamp(clamp.data(), l.count, l.x, l.y, l.dx, l.dy, quality);
-    EXPECT_EQ(black, OneByOne(img, l, quality, false)) << "quality " << quality;
-    EXPECT_EQ(clamp, OneByOne(img, l, quality, true)) << "quality " << quality;
+    Vec buffer(size_t(l.count));
+    const uint32_t* black = img.SampleRow_Black(buffer.data(), l.count, l.x, l.y, l.dx, l.dy, quality);
+    EXPECT_EQ(Vec(black, black + l.count), OneByOne(img, l, quality, false)) << "quality " << quality;
+    const uint32_t* clamp = img.SampleRow_Clamp(buffer.data(), l.count, l.x, l.y, l.dx, l.dy, quality);
+    EXPECT_EQ(Vec(clamp, clamp + l.count), OneByOne(img, l, quality, true)) << "quality " << quality;
   }
 }
 
@@ -145,6 +145,7 @@ const Line kLines[] = {
   {"whole pixels along a row, in from the left and out to the right", -3 * kOne, 2 * kOne, kOne, 0, 16},
   {"whole pixels at a constant fraction",                     -3 * kOne + 0x5A00, kOne + 0x2300, kOne, 0, 16},
   {"bits below 1/256 are dropped",                            0x1FF, kOne + 0xFF, kOne, 0, 12},
+  {"whole pixels inside one row",                             kOne, 2 * kOne, kOne, 0, 4},
   {"half a pixel off in both directions",                     -kOne / 2, kOne / 2, kOne, 0, 9},
   {"along the last row, whose neighbours lie outside",        0, 4 * kOne, kOne, 0, 9},
   {"above the image",                                         0, -3 * kOne, kOne, 0, 9},
@@ -192,7 +193,7 @@ TEST(Sampler, EmptyImageGivesZero) {
   img->DoSample_Clamp(&p, 0, 0, 1);
   EXPECT_EQ(p, Pixel{});
   Vec row(3, 7);
-  img->SampleRow_Black(row.data(), 3, 0, 0, 65536, 0, 1);
+  EXPECT_EQ(img->SampleRow_Black(row.data(), 3, 0, 0, 65536, 0, 1), row.data());
   EXPECT_EQ(row, Vec(3, 0));
 }
 

@@ -30,6 +30,7 @@ struct MergeFrame {
   int additive = 0;     // A: 0 (over) .. 255 (additive)
   int over_weight = 0;  // 255 - A
   int alpha_gain = 0;   // G, in 1/256
+  bool over_only = false;  // A = 0 and 0 <= G <= 256: OverPixel gives MergePixel's bytes
   double fg_x0 = 0, fg_y0 = 0;          // foreground origin offsets, in foreground pixels
   double centre_x = 0, centre_y = 0;    // the centre relative to the background's origin
   int32_t cos_step = 0, sin_step = 0;   // C and S: cos and sin over the size, in 16.16
@@ -52,11 +53,28 @@ inline uint32_t MergePixel(const MergeFrame& f, uint32_t s, uint32_t p) {
   return alpha == 255 ? s | 0xFF000000u : alpha == 0 ? p : mixed;
 }
 
-void BlendRow(const MergeFrame& f, const uint32_t* samples, const uint32_t* bg, uint32_t* out, int count) {
-  for (int x = 0; x < count; ++x) out[x] = MergePixel(f, samples[x], bg[x]);
+// MergePixel with A = 0 and 0 <= G <= 256, the defaults: the "add" term weighs nothing and every
+// product stays below 65536, so 16-bit lanes give the same bytes, twice as many per vector.
+inline uint32_t OverPixel(const MergeFrame& f, uint32_t s, uint32_t p) {
+  using U16 = uint16_t;
+  const U16 alpha = U16(U16(U16(s >> 24) * U16(f.alpha_gain)) + 127) >> 8, inv = U16(255 - alpha);
+  uint32_t mixed = 0;
+  for (int shift = 0; shift < 24; shift += 8) {
+    const U16 c = U16(s >> shift) & 255, pc = U16(p >> shift) & 255;
+    const U16 over = U16(U16(c * alpha) + U16(pc * inv)) >> 8;
+    mixed |= uint32_t(U16(over * 255) >> 8) << shift;
+  }
+  mixed |= uint32_t((U16(U16(p >> 24) * inv) >> 8) + alpha) << 24;
+  return alpha == 255 ? s | 0xFF000000u : alpha == 0 ? p : mixed;
 }
 
-// Rows are sampled and blended in pieces of this many pixels, the samples held on the stack.
+template <uint32_t (*kPixel)(const MergeFrame&, uint32_t, uint32_t)>
+void BlendRow(const MergeFrame& f, const uint32_t* samples, const uint32_t* bg, uint32_t* out, int count) {
+  for (int x = 0; x < count; ++x) out[x] = kPixel(f, samples[x], bg[x]);
+}
+
+// Rows are sampled and blended in pieces of this many pixels, the samples held on the stack
+// unless the sampler hands out a foreground row.
 constexpr int kPiece = 256;
 
 // Output row y. The row start includes the background's x aspect and the per-pixel steps do
@@ -69,12 +87,17 @@ void MergeRow(const MergeFrame& f, int y, long quality) {
       65536.0 * f.fg_y0 + (f.bg->y_aspect * dy * f.cos_step + f.bg->x_aspect * dx * f.sin_step) / f.fg->y_aspect);
   const uint32_t* bg_row = f.bg->Row(y);
   uint32_t* out_row = f.out->Row(y);
-  uint32_t samples[kPiece];
+  uint32_t buffer[kPiece];
   for (int x = 0; x < f.bg->Width(); x += kPiece) {
     const int count = std::min(kPiece, f.bg->Width() - x);
-    f.fg->SampleRow_Black(samples, count, frame::WrapAdd(sx, frame::WrapMul(x, f.x_step)),
-                          frame::WrapAdd(sy, frame::WrapMul(x, f.y_step)), f.x_step, f.y_step, quality);
-    BlendRow(f, samples, bg_row + x, out_row + x, count);
+    const uint32_t* samples =
+        f.fg->SampleRow_Black(buffer, count, frame::WrapAdd(sx, frame::WrapMul(x, f.x_step)),
+                              frame::WrapAdd(sy, frame::WrapMul(x, f.y_step)), f.x_step, f.y_step, quality);
+    if (f.over_only) {
+      BlendRow<OverPixel>(f, samples, bg_row + x, out_row + x, count);
+    } else {
+      BlendRow<MergePixel>(f, samples, bg_row + x, out_row + x, count);
+    }
   }
 }
 
@@ -143,6 +166,7 @@ class Merge final : public ThreadedOperator {
     f.additive = frame::TruncToInt(additive * 255.0);
     f.over_weight = 255 - f.additive;
     f.alpha_gain = frame::TruncToInt(alpha_gain * 256.0);
+    f.over_only = f.additive == 0 && f.alpha_gain >= 0 && f.alpha_gain <= 256;
     f.fg_x0 = fg->Width() * (0.5 - fg->origin_x);
     f.fg_y0 = fg->Height() * (0.5 - fg->origin_y);
     f.centre_x = bg->Width() * ((centre ? centre->x : 0.5f) - bg->origin_x);
