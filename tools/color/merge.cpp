@@ -53,18 +53,18 @@ inline uint32_t MergePixel(const MergeFrame& f, uint32_t s, uint32_t p) {
   return alpha == 255 ? s | 0xFF000000u : alpha == 0 ? p : mixed;
 }
 
-// MergePixel with A = 0 and 0 <= G <= 256, the defaults: the "add" term weighs nothing and every
-// product stays below 65536, so 16-bit lanes give the same bytes, twice as many per vector.
+// MergePixel with A = 0 and 0 <= G <= 256, the defaults. The "add" term then weighs nothing
+// and every product stays below 65536, so two channels share a 32-bit word, one per 16-bit half
+// (blue and red, then green and alpha), and the compiler keeps 8 pixels to a vector without
+// packing.
 inline uint32_t OverPixel(const MergeFrame& f, uint32_t s, uint32_t p) {
-  using U16 = uint16_t;
-  const U16 alpha = U16(U16(U16(s >> 24) * U16(f.alpha_gain)) + 127) >> 8, inv = U16(255 - alpha);
-  uint32_t mixed = 0;
-  for (int shift = 0; shift < 24; shift += 8) {
-    const U16 c = U16(s >> shift) & 255, pc = U16(p >> shift) & 255;
-    const U16 over = U16(U16(c * alpha) + U16(pc * inv)) >> 8;
-    mixed |= uint32_t(U16(over * 255) >> 8) << shift;
-  }
-  mixed |= uint32_t((U16(U16(p >> 24) * inv) >> 8) + alpha) << 24;
+  constexpr uint32_t kHalves = 0x00FF00FF;
+  const uint32_t alpha = ((s >> 24) * uint32_t(f.alpha_gain) + 127) >> 8, inv = 255 - alpha;
+  const uint32_t blue_red = (((s & kHalves) * alpha + (p & kHalves) * inv) >> 8) & kHalves;
+  const uint32_t behind = ((p >> 8) & kHalves) * inv;  // green and alpha of p, times inv
+  const uint32_t green = (((s >> 8) & 255) * alpha + (behind & 0xFFFF)) >> 8;
+  // over * (255 - A) >> 8 with A = 0, and alpha' + (alpha of p * inv) >> 8, which stays below 256.
+  const uint32_t mixed = (((blue_red * 255) >> 8) & kHalves) | ((green * 255) >> 8) << 8 | ((behind >> 24) + alpha) << 24;
   return alpha == 255 ? s | 0xFF000000u : alpha == 0 ? p : mixed;
 }
 
