@@ -139,6 +139,14 @@ class Image : public Parameter {
   // DoSample_Clamp. A mask's value lands in all four bytes; an empty image gives 0.
   void DoSample_Black(Pixel* out, long x, long y, long quality) const;
   void DoSample_Clamp(Pixel* out, long x, long y, long quality) const;
+  // `count` samples along a line as pixel words, each exactly what the sampler above gives:
+  // sample k is read at (X >> 8, Y >> 8) with X = x + k dx and Y = y + k dy in 1/65536 pixel,
+  // 32-bit sums that wrap as repeated steps do. Returns where the samples are: `out` (room for
+  // `count` words), or, when they are all a run of one row of this image, that row itself.
+  const uint32_t* SampleRow_Black(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                                  long quality) const;
+  const uint32_t* SampleRow_Clamp(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                                  long quality) const;
   // Where `other`, its top-left corner at (x, y) of this image, overlaps this image: the
   // overlap starts at (dst_x, dst_y) here and at (src_x, src_y) in `other` and is width x
   // height pixels. Returns false, with all six 0, when they do not overlap.

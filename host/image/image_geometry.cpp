@@ -29,39 +29,128 @@ inline uint32_t WordAt(const Image& img, long i, long j) {
   return img.Depth() == 8 ? uint32_t(img.MaskRow(int(j))[i]) * 0x01010101u : img.Row(int(j))[i];
 }
 
-template <bool kClamp>
-void Sample(const Image& img, Pixel* out, long x, long y, long quality) {
-  if (img.Width() == 0 || img.Height() == 0) {
-    *out = Pixel{};
-    return;
-  }
-  if (quality == 0) {
-    *out = Pixel::FromWord(WordAt<kClamp>(img, (x + 128) >> 8, (y + 128) >> 8));
-    return;
-  }
-  const long i = x >> 8, j = y >> 8;
-  const uint32_t fx = uint32_t(x & 255), fy = uint32_t(y & 255);
-  uint32_t p00, p10, p01, p11;
-  if (img.Depth() == 32 && i >= 0 && j >= 0 && i < img.Width() - 1 && j < img.Height() - 1) {
-    const uint32_t* top = img.Row(int(j)) + i;
-    const uint32_t* bottom = img.Row(int(j + 1)) + i;
-    p00 = top[0];
-    p10 = top[1];
-    p01 = bottom[0];
-    p11 = bottom[1];
-  } else {
-    p00 = WordAt<kClamp>(img, i, j);
-    p10 = WordAt<kClamp>(img, i + 1, j);
-    p01 = WordAt<kClamp>(img, i, j + 1);
-    p11 = WordAt<kClamp>(img, i + 1, j + 1);
-  }
+// Four pixel words mixed per byte with weights in 1/256:
+// ((p00 (256 - fx) + p10 fx) (256 - fy) + (p01 (256 - fx) + p11 fx) fy + 32768) >> 16.
+inline uint32_t Bilinear(uint32_t p00, uint32_t p10, uint32_t p01, uint32_t p11, uint32_t fx, uint32_t fy) {
   uint32_t word = 0;
   for (int shift = 0; shift < 32; shift += 8) {
     const uint32_t top = ((p00 >> shift) & 255) * (256 - fx) + ((p10 >> shift) & 255) * fx;
     const uint32_t bottom = ((p01 >> shift) & 255) * (256 - fx) + ((p11 >> shift) & 255) * fx;
     word |= ((top * (256 - fy) + bottom * fy + 32768) >> 16) << shift;
   }
-  *out = Pixel::FromWord(word);
+  return word;
+}
+
+template <bool kClamp>
+uint32_t Sample(const Image& img, long x, long y, long quality) {
+  if (img.Width() == 0 || img.Height() == 0) return 0;
+  if (quality == 0) return WordAt<kClamp>(img, (x + 128) >> 8, (y + 128) >> 8);
+  const long i = x >> 8, j = y >> 8;
+  const uint32_t fx = uint32_t(x & 255), fy = uint32_t(y & 255);
+  if (img.Depth() == 32 && i >= 0 && j >= 0 && i < img.Width() - 1 && j < img.Height() - 1) {
+    const uint32_t* top = img.Row(int(j)) + i;
+    const uint32_t* bottom = img.Row(int(j + 1)) + i;
+    return Bilinear(top[0], top[1], bottom[0], bottom[1], fx, fy);
+  }
+  return Bilinear(WordAt<kClamp>(img, i, j), WordAt<kClamp>(img, i + 1, j), WordAt<kClamp>(img, i, j + 1),
+                  WordAt<kClamp>(img, i + 1, j + 1), fx, fy);
+}
+
+// Point k of a line stepped in 32-bit sums that wrap: start + k step.
+inline int32_t LinePoint(int32_t start, int32_t step, long k) {
+  return int32_t(uint32_t(start) + uint32_t(step) * uint32_t(k));
+}
+
+// True when some point of the first `count` leaves the 32-bit range, so that the line wraps.
+inline bool LineWraps(int32_t start, int32_t step, int count) {
+  const int64_t last = int64_t(start) + int64_t(step) * (count - 1);
+  return last < INT32_MIN || last > INT32_MAX;
+}
+
+// The first k in [lo, hi) for which `pred` holds, pred being false and then true along k; hi if none.
+template <class Pred>
+long FirstTrue(long lo, long hi, Pred pred) {
+  while (lo < hi) {
+    const long mid = lo + (hi - lo) / 2;
+    if (pred(mid)) {
+      hi = mid;
+    } else {
+      lo = mid + 1;
+    }
+  }
+  return lo;
+}
+
+// Narrows [begin, end) to the points whose pixel index along one axis lies in 0..last. On a
+// line that does not wrap the index moves one way only, so the points that pass form a run.
+template <class Index>
+void KeepInside(long& begin, long& end, int32_t step, long last, Index index) {
+  if (step >= 0) {
+    begin = FirstTrue(begin, end, [&](long k) { return index(k) >= 0; });
+    end = FirstTrue(begin, end, [&](long k) { return index(k) > last; });
+  } else {
+    begin = FirstTrue(begin, end, [&](long k) { return index(k) <= last; });
+    end = FirstTrue(begin, end, [&](long k) { return index(k) < 0; });
+  }
+}
+
+// Samples whose pixels all lie inside a 32-bit image, read without checks; returns where they
+// are: `out`, or the image's own row when whole-pixel steps along it land on whole pixels
+// (nearest always does). Other whole-pixel steps along a row keep the fractions, so the samples
+// mix two rows with constant weights.
+const uint32_t* SampleInside(const Image& img, uint32_t* out, long count, int32_t x, int32_t y, int32_t dx,
+                             int32_t dy, long quality) {
+  const bool straight = dx == 65536 && dy == 0;
+  if (quality == 0) {
+    if (straight) return img.Row(((y >> 8) + 128) >> 8) + (((x >> 8) + 128) >> 8);
+    for (long k = 0; k < count; ++k) {
+      const int32_t px = LinePoint(x, dx, k), py = LinePoint(y, dy, k);
+      out[k] = img.Row(((py >> 8) + 128) >> 8)[((px >> 8) + 128) >> 8];
+    }
+    return out;
+  }
+  if (straight) {
+    const uint32_t* top = img.Row(y >> 16) + (x >> 16);
+    const uint32_t* bottom = img.Row((y >> 16) + 1) + (x >> 16);
+    const uint32_t fx = uint32_t(x >> 8) & 255, fy = uint32_t(y >> 8) & 255;
+    if (fx == 0 && fy == 0) return top;
+    for (long k = 0; k < count; ++k) out[k] = Bilinear(top[k], top[k + 1], bottom[k], bottom[k + 1], fx, fy);
+    return out;
+  }
+  for (long k = 0; k < count; ++k) {
+    const int32_t px = LinePoint(x, dx, k), py = LinePoint(y, dy, k);
+    const uint32_t* top = img.Row(py >> 16) + (px >> 16);
+    const uint32_t* bottom = img.Row((py >> 16) + 1) + (px >> 16);
+    out[k] = Bilinear(top[0], top[1], bottom[0], bottom[1], uint32_t(px >> 8) & 255, uint32_t(py >> 8) & 255);
+  }
+  return out;
+}
+
+// The samples of SampleRow_Black and SampleRow_Clamp: the run of points whose pixels all lie
+// inside goes through SampleInside, the points before and after it (and every point of a mask
+// or of a line that wraps) through the checked sampler.
+template <bool kClamp>
+const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                          long quality) {
+  long begin = 0, end = 0;
+  if (img.Depth() == 32 && !LineWraps(x, dx, count) && !LineWraps(y, dy, count)) {
+    // Nearest reads pixel ((X >> 8) + 128) >> 8; bilinear reads X >> 16 and the pixel after it.
+    const auto pixel = [quality](int32_t v) { return quality == 0 ? ((v >> 8) + 128) >> 8 : v >> 16; };
+    const long lastx = img.Width() - (quality == 0 ? 1 : 2), lasty = img.Height() - (quality == 0 ? 1 : 2);
+    end = count;
+    KeepInside(begin, end, dx, lastx, [&](long k) { return pixel(LinePoint(x, dx, k)); });
+    KeepInside(begin, end, dy, lasty, [&](long k) { return pixel(LinePoint(y, dy, k)); });
+  }
+  if (begin < end) {
+    const uint32_t* inside =
+        SampleInside(img, out + begin, end - begin, LinePoint(x, dx, begin), LinePoint(y, dy, begin), dx, dy, quality);
+    if (begin == 0 && end == count) return inside;
+    if (inside != out + begin) std::memcpy(out + begin, inside, size_t(end - begin) * 4);
+  }
+  const auto checked = [&](long k) { out[k] = Sample<kClamp>(img, LinePoint(x, dx, k) >> 8, LinePoint(y, dy, k) >> 8, quality); };
+  for (long k = 0; k < begin; ++k) checked(k);
+  for (long k = end; k < count; ++k) checked(k);
+  return out;
 }
 
 // --- Resampling ---
@@ -291,8 +380,22 @@ void Image::Bartlet(long red, long green, long blue, long alpha, long x_radius, 
   BlurImage<true>(*this, on, x_radius, y_radius);
 }
 
-void Image::DoSample_Black(Pixel* out, long x, long y, long quality) const { Sample<false>(*this, out, x, y, quality); }
+void Image::DoSample_Black(Pixel* out, long x, long y, long quality) const {
+  *out = Pixel::FromWord(Sample<false>(*this, x, y, quality));
+}
 
-void Image::DoSample_Clamp(Pixel* out, long x, long y, long quality) const { Sample<true>(*this, out, x, y, quality); }
+void Image::DoSample_Clamp(Pixel* out, long x, long y, long quality) const {
+  *out = Pixel::FromWord(Sample<true>(*this, x, y, quality));
+}
+
+const uint32_t* Image::SampleRow_Black(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                                       long quality) const {
+  return SampleRow<false>(*this, out, count, x, y, dx, dy, quality);
+}
+
+const uint32_t* Image::SampleRow_Clamp(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
+                                       long quality) const {
+  return SampleRow<true>(*this, out, count, x, y, dx, dy, quality);
+}
 
 }  // namespace kestrion

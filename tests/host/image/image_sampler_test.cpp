@@ -1,7 +1,11 @@
 // The samplers: nearest and bilinear reads at whole and fractional positions (in 1/256 pixel),
-// at every edge and outside the image, black or clamped, on images held either way up.
+// at every edge and outside the image, black or clamped, on images held either way up; and the
+// row samplers, point for point the same as the single ones.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdint>
+#include <random>
 #include <vector>
 
 #include "host/image/image.h"
@@ -102,11 +106,95 @@ TEST_P(SamplerTest, RowsComeFromTheRowTable) {
   EXPECT_EQ(p.b, 150);
 }
 
+// A line of samples as the row samplers take it: from (x, y) in steps of (dx, dy), 1/65536 pixel.
+struct Line {
+  const char* what;
+  int32_t x, y, dx, dy;
+  int count;
+};
+
+// Sample k of the line read one at a time; the steps wrap at 32 bits.
+Vec OneByOne(const Image& img, const Line& l, long quality, bool clamp) {
+  Vec out;
+  for (int k = 0; k < l.count; ++k) {
+    const int32_t x = int32_t(uint32_t(l.x) + uint32_t(k) * uint32_t(l.dx));
+    const int32_t y = int32_t(uint32_t(l.y) + uint32_t(k) * uint32_t(l.dy));
+    Pixel p;
+    clamp ? img.DoSample_Clamp(&p, x >> 8, y >> 8, quality) : img.DoSample_Black(&p, x >> 8, y >> 8, quality);
+    out.push_back(p.Word());
+  }
+  return out;
+}
+
+void ExpectRowsMatchOneByOne(const Image& img, const Line& l) {
+  SCOPED_TRACE(testing::Message() << l.what << ": " << l.x << ", " << l.y << " by " << l.dx << ", " << l.dy << " x "
+                                  << l.count);
+  for (long quality : {0L, 1L}) {
+    Vec buffer(size_t(l.count));
+    const uint32_t* black = img.SampleRow_Black(buffer.data(), l.count, l.x, l.y, l.dx, l.dy, quality);
+    EXPECT_EQ(Vec(black, black + l.count), OneByOne(img, l, quality, false)) << "quality " << quality;
+    const uint32_t* clamp = img.SampleRow_Clamp(buffer.data(), l.count, l.x, l.y, l.dx, l.dy, quality);
+    EXPECT_EQ(Vec(clamp, clamp + l.count), OneByOne(img, l, quality, true)) << "quality " << quality;
+  }
+}
+
+constexpr int32_t kOne = 65536;
+
+// clang-format off
+const Line kLines[] = {
+  {"whole pixels along a row, in from the left and out to the right", -3 * kOne, 2 * kOne, kOne, 0, 16},
+  {"whole pixels at a constant fraction",                     -3 * kOne + 0x5A00, kOne + 0x2300, kOne, 0, 16},
+  {"bits below 1/256 are dropped",                            0x1FF, kOne + 0xFF, kOne, 0, 12},
+  {"whole pixels inside one row",                             kOne, 2 * kOne, kOne, 0, 4},
+  {"half a pixel off in both directions",                     -kOne / 2, kOne / 2, kOne, 0, 9},
+  {"along the last row, whose neighbours lie outside",        0, 4 * kOne, kOne, 0, 9},
+  {"above the image",                                         0, -3 * kOne, kOne, 0, 9},
+  {"rotated and scaled",                                      -2 * kOne, -kOne, 50412, 29106, 20},
+  {"backwards and up",                                        9 * kOne, 6 * kOne, -40000, -30000, 20},
+  {"down a column",                                           kOne + 0x8000, -2 * kOne, 0, kOne, 10},
+  {"one point again and again",                               3 * kOne + 5, kOne + 77, 0, 0, 5},
+  {"wrapping past the largest position",                      INT32_MAX - 4 * kOne, kOne, kOne, 0, 8},
+  {"wrapping past the smallest position",                     kOne, INT32_MIN + 2 * kOne, 1000, -kOne, 8},
+};
+// clang-format on
+
+Vec NoiseWords(std::mt19937& random, size_t n) {
+  Vec words(n);
+  for (uint32_t& w : words) w = uint32_t(random());
+  return words;
+}
+
+TEST_P(SamplerTest, RowsGiveTheSinglePointSamples) {
+  std::mt19937 random(3);
+  const auto img = MakeFrame(7, 5, GetParam(), NoiseWords(random, 35));
+  for (const Line& l : kLines) ExpectRowsMatchOneByOne(*img.get(), l);
+  const auto mask = MakeMask(7, 5, GetParam(), Bytes(35, 90));
+  for (const Line& l : kLines) ExpectRowsMatchOneByOne(*mask.get(), l);
+}
+
+// Random lines of every length up to 67 through, past and around images from 1 x 1 to 9 x 6,
+// a third of them whole pixels along a row.
+TEST_P(SamplerTest, RandomRowsGiveTheSinglePointSamples) {
+  std::mt19937 random(5);
+  const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
+  for (int count = 1; count <= 67; ++count) {
+    const int w = pick(1, 9), h = pick(1, 6);
+    const auto img = MakeFrame(w, h, GetParam(), NoiseWords(random, size_t(w * h)));
+    const bool straight = count % 3 == 0;
+    const Line l{straight ? "straight" : "any", pick(-3 * w * kOne, 3 * w * kOne), pick(-2 * h * kOne, 3 * h * kOne),
+                 straight ? kOne : pick(-2 * kOne, 2 * kOne), straight ? 0 : pick(-2 * kOne, 2 * kOne), count};
+    ExpectRowsMatchOneByOne(*img.get(), l);
+  }
+}
+
 TEST(Sampler, EmptyImageGivesZero) {
   Ref<Image> img = Ref<Image>::Adopt(new Image(0, 0));
   Pixel p{1, 2, 3, 4};
   img->DoSample_Clamp(&p, 0, 0, 1);
   EXPECT_EQ(p, Pixel{});
+  Vec row(3, 7);
+  EXPECT_EQ(img->SampleRow_Black(row.data(), 3, 0, 0, 65536, 0, 1), row.data());
+  EXPECT_EQ(row, Vec(3, 0));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, SamplerTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);
