@@ -17,15 +17,6 @@ int crt_rand() {
   return int((next >> 16) & 0x7FFF);
 }
 
-void crt_rand_n(int* out, size_t count) {
-  uint32_t state = g_state.load(std::memory_order_relaxed);
-  for (size_t i = 0; i < count; ++i) {
-    state = state * 214013u + 2531011u;
-    out[i] = int((state >> 16) & 0x7FFF);
-  }
-  g_state.store(state, std::memory_order_relaxed);
-}
-
 uint32_t crt_rand_take(uint64_t count) {
   const CrtSteps steps = CrtSteps::Of(count);
   uint32_t state = g_state.load(std::memory_order_relaxed);

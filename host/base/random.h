@@ -4,7 +4,6 @@
 // with crt_rand_take and jumps each thread to its place in the run with CrtSteps.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace kestrion {
@@ -14,9 +13,6 @@ void crt_srand(unsigned seed);
 // Advances the state (state * 214013 + 2531011, modulo 2^32) and returns its bits 16..30:
 // 0 .. 32767. Seed 1 gives 41, 18467, 6334, ...
 int crt_rand();
-// Draws `count` numbers at once into `out`: the same numbers as that many crt_rand calls,
-// without a call per number.
-void crt_rand_n(int* out, size_t count);
 // Takes the next `count` draws for the caller: returns the state they start from and leaves the
 // global state where `count` crt_rand calls would, in one atomic step.
 uint32_t crt_rand_take(uint64_t count);

@@ -48,17 +48,6 @@ TEST(CrtRand, SeedOneGivesTheRuntimeSequence) {
   EXPECT_EQ(got, (std::vector<int>{41, 18467, 6334, 26500, 19169}));
 }
 
-// Drawing in blocks gives the same sequence, and single draws carry on where a block ended.
-TEST(CrtRand, BlocksContinueTheSameSequence) {
-  crt_srand(1);
-  std::vector<int> block(3);
-  crt_rand_n(block.data(), block.size());
-  EXPECT_EQ(block, (std::vector<int>{41, 18467, 6334}));
-  EXPECT_EQ(crt_rand(), 26500);
-  crt_rand_n(block.data(), 0);
-  EXPECT_EQ(crt_rand(), 19169);
-}
-
 // Taking n draws leaves the state where n single draws would, and returns the state before
 // them; the jump of n steps is the same as stepping n times (here up to 70000, past 2^16).
 TEST(CrtRand, TakingDrawsJumpsAhead) {

@@ -1,6 +1,5 @@
 // The row kernels of Channel Booleans, Dissolve, Color Gain and Color Space against plain scalar
-// references, on random rows of every length from 1 to 67 for every operation; and each tool
-// rendered on 1, 2, 3 and 7 worker threads, byte for byte.
+// references, on random rows of every length from 1 to 67 for every operation.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +13,6 @@
 #include <vector>
 
 #include "host/base/random.h"
-#include "host/graph/threads.h"
 #include "tests/host/colour_references.h"
 #include "tests/tools/color/color_fixture.h"
 
@@ -218,46 +216,6 @@ TEST_F(RowKernelTest, ColorSpaceMatchesTheReference) {
       [&](int setting, const Vec& bg, const Vec&) {
         return PerPixel(bg, bg, [&](uint32_t p, uint32_t) { return ConvertedPixel(conversions[setting], p); });
       });
-}
-
-// Each tool on 1, 2, 3 and 7 worker threads over 61 rows (seven bands): the same bytes every
-// time, and the generator left at the same place.
-TEST_F(RowKernelTest, SameBytesOnAnyNumberOfThreads) {
-  const struct {
-    const char* tool;
-    std::vector<std::pair<std::string, double>> values;
-  } cases[] = {
-      {"BoolImg", {{"Operation", 7}, {"Blend", 0.6}}},
-      {"Dissolve", {{"Operation", 0}, {kMix, 0.3}}},
-      {"Dissolve", {{"Operation", 4}, {kMix, 0.4}}},
-      {"ColorGain", {{"Gain Red", 1.3}, {"Gamma Green", 0.7}, {"Saturation Blue", 1.6}}},
-      {"ColorSpace", {{"Color Space Conversion", 1}}},
-      {"ColorSpace", {{"Color Space Conversion", 3}}},
-  };
-  Picture* bg = RandomSource(45, 61);
-  Picture* fg = RandomSource(45, 61);
-  for (const auto& c : cases) {
-    Vec single;
-    int next_draw = 0;
-    for (int threads : {1, 2, 3, 7}) {
-      SCOPED_TRACE(testing::Message() << c.tool << " " << c.values[0].second << " on " << threads << " threads");
-      SetWorkerThreads(threads);
-      Operator* op = Tool(c.tool);
-      Link(bg, op, "Image");
-      if (In(op, "Foreground")) Link(fg, op, "Foreground");
-      for (const auto& [label, v] : c.values) Set(op, label, v);
-      crt_srand(5);
-      const Ref<Image> out = Render(op);
-      const int draw = crt_rand();
-      if (threads == 1) {
-        single = Words(*out);
-        next_draw = draw;
-      }
-      EXPECT_EQ(Words(*out), single);
-      EXPECT_EQ(draw, next_draw);
-    }
-  }
-  SetWorkerThreads(0);
 }
 
 }  // namespace
