@@ -320,16 +320,42 @@ TEST_F(RenderCommandTest, WrongCommandLinesGiveStatus2) {
 }
 
 // A frame that cannot be written is a permanent failure: status 1, the file named, nothing
-// half-written left behind.
+// half-written left behind. Frames are written while the next renders: the frames before the
+// failed one are on disk and whole, and none after it is written.
 TEST_F(RenderCommandTest, AFrameThatCannotBeWrittenGivesStatus1) {
+  fs::create_directories(dir_.path() / "late" / "shot.0003.png");
   WriteBytes(dir_.path() / "blocker", "a file where the Saver wants a folder");
-  const Outcome run = Render(WriteFlow("blocked.json", {"blocker/shot.####.png"}), {"-F", "1-3"});
-  EXPECT_EQ(run.status, 1) << run.err;
-  const auto lines = Lines(run.err);
-  ASSERT_EQ(lines.size(), 1u) << run.err;
-  EXPECT_TRUE(Contains(lines[0], "blocker/shot.0001.png")) << lines[0];
-  EXPECT_TRUE(Contains(lines[0], "Saver1")) << lines[0];
-  EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"blocked.json", "blocker", "grade.json", "media"}));
+  const struct {
+    const char* clip;
+    std::string failed;  // the file named
+    std::vector<std::string> left;
+    std::vector<int> done;
+  } cases[] = {
+      {"blocker/shot.####.png", "blocker/shot.0001.png", {}, {}},
+      {"late/shot.####.png", "late/shot.0003.png", {"shot.0001.png", "shot.0002.png", "shot.0003.png"}, {1, 2}},
+  };
+  std::vector<std::vector<std::string>> commands;
+  for (size_t i = 0; i < std::size(cases); ++i)
+    commands.push_back({"render", WriteFlow("blocked" + std::to_string(i) + ".json", {cases[i].clip}), "-F", "1-6"});
+  const auto runs = RunAll(commands);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].clip);
+    EXPECT_EQ(runs[i].status, 1) << runs[i].err;
+    const auto lines = Lines(runs[i].err);
+    ASSERT_EQ(lines.size(), cases[i].done.size() + 1) << runs[i].err;
+    for (size_t k = 0; k < cases[i].done.size(); ++k)
+      EXPECT_TRUE(Contains(lines[k], "frame " + std::to_string(cases[i].done[k]) + " done")) << lines[k];
+    EXPECT_TRUE(Contains(lines.back(), cases[i].failed)) << lines.back();
+    EXPECT_TRUE(Contains(lines.back(), "Saver1")) << lines.back();
+    for (int n : cases[i].done) {
+      char name[32];
+      std::snprintf(name, sizeof name, "plate.%04d.png", n);
+      EXPECT_EQ(ReadPicture(dir_.path() / fs::path(cases[i].clip).parent_path() / Frames("shot.%04d.png", {n})[0]).rgba,
+                ReadPicture(dir_.path() / "media" / name).rgba);
+    }
+  }
+  EXPECT_EQ(dir_.Files("late"), cases[1].left);
+  EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"blocked0.json", "blocked1.json", "blocker", "grade.json", "late", "media"}));
 }
 
 // A stop signal ends a long render: status 128 + 15, every frame on disk complete, no
