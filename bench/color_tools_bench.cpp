@@ -1,78 +1,23 @@
 // The colour and compositing tools on 1920 x 1080 frames of fixed-seed noise, in megapixels per
-// second, with 1 and 2 worker threads (the argument). Each run is one whole Process call on a
-// request, as the renderer makes it: the output frame is allocated and released every time.
+// second, with 1 and 2 worker threads (the argument).
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "bench/bench_frames.h"
-#include "host/image.h"
-#include "host/module.h"
-#include "host/operator.h"
-#include "host/registry.h"
-#include "host/request.h"
-#include "host/threads.h"
+#include "bench/bench_tools.h"
 
 namespace kestrion {
 namespace {
 
 using namespace bench;
 
-// A tool of a catalogue class with its inputs as the benchmark sets them.
-struct ToolCase {
-  const char* tool;
-  std::vector<std::pair<const char*, double>> numbers;
-  bool foreground = true;
-};
-
-void RunTool(benchmark::State& state, const ToolCase& c) {
-  SetWorkerThreads(int(state.range(0)));
-  static const Ref<Image> background = NoiseFrame(7), foreground = NoiseFrame(8);
-  Registry* reg = ClassRegistry->FindByName(c.tool);
-  if (!reg) {
-    state.SkipWithError("tool class not registered");
-    return;
-  }
-  Ref<Object> obj = Ref<Object>::Adopt(reg->Create(nullptr, nullptr));
-  auto* op = dynamic_cast<Operator*>(obj.get());
-  for (auto _ : state) {
-    Request req(op, 1.0, 0);
-    req.status = 0;
-    for (const auto& [label, value] : c.numbers) req.SetInputData(op->FindInput(0, label), new Number(value));
-    background->Use();
-    req.SetInputData(op->FindInput(0, "Image"), background.get());
-    if (c.foreground) {
-      foreground->Use();
-      req.SetInputData(op->FindInput(0, "Foreground"), foreground.get());
-    }
-    op->Process(&req);
-    benchmark::DoNotOptimize(req.GetOutputData(op->Outputs()[0].get()));
-  }
-  CountMegapixels(state);
-  state.counters["threads"] = WorkerThreads();
-  SetWorkerThreads(0);
-}
-
-const std::string kMixLabel = "Background                               Foreground";
-const std::string kAdditiveLabel = "Subtractive                                    Additive";
-
-void BM_MergeStraight(benchmark::State& s) { RunTool(s, {"Merge", {{"Size", 1.0}, {"Angle", 0.0}}}); }
-void BM_MergeRotated(benchmark::State& s) {
-  RunTool(s, {"Merge", {{"Size", 1.3}, {"Angle", 30.0}, {kAdditiveLabel.c_str(), 0.5}, {"Alpha Gain", 0.8}}});
-}
-void BM_DissolveDissolve(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 0}, {kMixLabel.c_str(), 0.4}}}); }
-void BM_DissolveRandom(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 3}, {kMixLabel.c_str(), 0.4}}}); }
-void BM_BooleansAdd(benchmark::State& s) { RunTool(s, {"BoolImg", {{"Operation", 1}, {"Blend", 0.7}}}); }
+void BM_MergeStraight(benchmark::State& s) { RunTool(s, kMergeStraight); }
+void BM_MergeRotated(benchmark::State& s) { RunTool(s, kMergeRotated); }
+void BM_DissolveDissolve(benchmark::State& s) { RunTool(s, kDissolveDissolve); }
+void BM_DissolveRandom(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 3}, {kMixLabel, 0.4}}}); }
+void BM_BooleansAdd(benchmark::State& s) { RunTool(s, kBooleansAdd); }
 void BM_BooleansDivide(benchmark::State& s) { RunTool(s, {"BoolImg", {{"Operation", 7}, {"Blend", 1.0}}}); }
-void BM_ColorGain(benchmark::State& s) {
-  RunTool(s, {"ColorGain", {{"Gain Red", 1.2}, {"Gamma Green", 1.4}, {"Saturation Blue", 0.8}}, false});
-}
-void BM_ColorSpaceToHLS(benchmark::State& s) { RunTool(s, {"ColorSpace", {{"Color Space Conversion", 1}}, false}); }
-void BM_ColorSpaceToYUV(benchmark::State& s) { RunTool(s, {"ColorSpace", {{"Color Space Conversion", 3}}, false}); }
+void BM_ColorGain(benchmark::State& s) { RunTool(s, kColorGain); }
+void BM_ColorSpaceToHLS(benchmark::State& s) { RunTool(s, kColorSpaceToHLS); }
+void BM_ColorSpaceToYUV(benchmark::State& s) { RunTool(s, kColorSpaceToYUV); }
 
 BENCHMARK(BM_MergeStraight)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_MergeRotated)->Arg(1)->Arg(2)->UseRealTime();
@@ -87,15 +32,4 @@ BENCHMARK(BM_ColorSpaceToYUV)->Arg(1)->Arg(2)->UseRealTime();
 }  // namespace
 }  // namespace kestrion
 
-int main(int argc, char** argv) {
-  std::string error;
-  auto modules = kestrion::OpenModules(KESTRION_BENCH_MODULE_DIR, &error);
-  if (modules.empty()) {
-    std::fprintf(stderr, "cannot load the tool module: %s\n", error.c_str());
-    return 1;
-  }
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return kestrion::bench::RunWithToolModule(argc, argv); }
