@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "host/clip/clip.h"
@@ -173,36 +174,60 @@ FrameResult StoppedBySignal(int sig) {
   return {status::SignalBase + sig, "stopped by signal " + std::to_string(sig) + " (" + strsignal(sig) + ")"};
 }
 
-// Renders every saver at the frame's times (two with fields: n and n + 0.5).
-FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers, long frame, bool fields,
-                        uint32_t flags) {
+// A frame failed at a saver for the reasons noted (or, with none, for `error`).
+FrameResult SaverFailed(long frame, const Operator* saver, const std::vector<Failure>& failures,
+                        const std::string& error) {
+  FrameResult result{status::FrameFailed, "frame " + std::to_string(frame) + ", tool " + Quoted(saver->Name()) + ": "};
+  if (!failures.empty()) {
+    bool temporary = true;
+    for (size_t i = 0; i < failures.size(); ++i) {
+      result.message += (i ? "; " : "") + failures[i].message;
+      temporary = temporary && failures[i].temporary;
+    }
+    if (temporary) result.status = status::TryLater;
+  } else {
+    result.message += error;
+  }
+  return result;
+}
+
+// A rendered frame whose files are still being written: the writer's ticket after each saver
+// render, in render order.
+struct FrameWrites {
+  long frame = 0;
+  std::vector<std::pair<const Operator*, uint64_t>> tickets;
+};
+
+// Renders every saver at the frame's times (two with fields: n and n + 0.5); the savers queue
+// their writes on `writer`.
+FrameResult RenderFrame(CPipelineDoc& doc, const std::vector<Operator*>& savers, uint32_t flags, bool fields,
+                        FrameWriter& writer, FrameWrites& writes) {
   TakeFailures();
+  const long frame = writes.frame;
   for (double time : fields ? std::vector<double>{double(frame), frame + 0.5} : std::vector<double>{double(frame)})
     for (Operator* saver : savers) {
       HostError err;
       Ref<Parameter> out = doc.Render(saver->Outputs()[0].get(), time, flags, &err);
+      writes.tickets.emplace_back(saver, writer.Queued());
       std::vector<Failure> failures = TakeFailures();
       if (const int sig = g_stop_signal.load()) return StoppedBySignal(sig);
-      if (out && err.message.empty()) {
-        for (const Failure& f : failures) std::fprintf(stderr, "warning: frame %ld: %s\n", frame, f.message.c_str());
-        continue;
-      }
-      FrameResult result{status::FrameFailed, "frame " + std::to_string(frame) + ", tool " + Quoted(saver->Name()) + ": "};
-      if (!failures.empty()) {
-        bool temporary = true;
-        for (size_t i = 0; i < failures.size(); ++i) {
-          result.message += (i ? "; " : "") + failures[i].message;
-          temporary = temporary && failures[i].temporary;
+      if (!out || !err.message.empty()) {
+        std::string error = err.message;
+        if (error.empty()) {
+          const std::string why = WhyNoImage(saver, time);
+          error = "no image reached it" + (why.empty() ? "" : ": " + why);
         }
-        if (temporary) result.status = status::TryLater;
-      } else if (!err.message.empty()) {
-        result.message += err.message;
-      } else {
-        const std::string why = WhyNoImage(saver, time);
-        result.message += "no image reached it" + (why.empty() ? "" : ": " + why);
+        return SaverFailed(frame, saver, failures, error);
       }
-      return result;
+      for (const Failure& f : failures) std::fprintf(stderr, "warning: frame %ld: %s\n", frame, f.message.c_str());
     }
+  return {};
+}
+
+// Waits until a frame's files are written; the first saver whose write failed fails the frame.
+FrameResult FinishWrites(FrameWriter& writer, const FrameWrites& writes) {
+  for (const auto& [saver, ticket] : writes.tickets)
+    if (std::optional<Failure> failure = writer.Wait(ticket)) return SaverFailed(writes.frame, saver, {*failure}, {});
   return {};
 }
 
@@ -258,7 +283,10 @@ int RenderFlow(const RenderOptions& options) {
   if (PGeneral.proxy > 1) flags |= rflag::Proxy;
   const double step = options.fields ? 0.5 : 1.0;
 
-  RenderMessage message{double(frames->first), double(frames->last), step};
+  // Frame n is written while frame n + 1 renders: a frame counts as done once its files are
+  // on disk, and the first failure, of a render or of a write, ends the render.
+  FrameWriter writer;
+  RenderMessage message{double(frames->first), double(frames->last), step, &writer};
   for (Operator* op : tools) {
     op->time_step = step;
     op->OnStartRender(&message);
@@ -267,22 +295,33 @@ int RenderFlow(const RenderOptions& options) {
   {
     SignalWatch signals(*doc);
     Progress progress(frames->Count());
+    std::optional<FrameWrites> writing;
+    const auto finish_writing = [&] {
+      if (!writing) return true;
+      result = FinishWrites(writer, *writing);
+      if (result.status == status::Done) progress.FrameDone(writing->frame, false);
+      writing.reset();
+      return result.status == status::Done;
+    };
     for (long frame = frames->first; frame <= frames->last; frame += frames->step) {
       if (signals.Signal() != 0) {
-        result = StoppedBySignal(signals.Signal());
+        if (finish_writing()) result = StoppedBySignal(signals.Signal());
         break;
       }
       if (options.resume && FrameOnDisk(savers, frame)) {
+        if (!finish_writing()) break;
         progress.FrameDone(frame, true);
         continue;
       }
-      result = RenderFrame(*doc, savers, frame, options.fields, flags);
-      if (result.status != status::Done) {
-        progress.Interrupt();
-        break;
-      }
-      progress.FrameDone(frame, false);
+      FrameWrites writes{frame, {}};
+      const FrameResult rendered = RenderFrame(*doc, savers, flags, options.fields, writer, writes);
+      if (!finish_writing()) break;
+      result = rendered;
+      if (result.status != status::Done) break;
+      writing = std::move(writes);
     }
+    if (result.status == status::Done) finish_writing();
+    if (result.status != status::Done) progress.Interrupt();
   }
   for (Operator* op : tools) op->OnEndRender();
   if (result.status != status::Done) std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());

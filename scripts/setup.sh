@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing Kestrion needs. Safe to run again.
+# With --bench it adds OpenCV, which only the comparison benchmark uses.
 set -euo pipefail
 
 packages=(
@@ -7,6 +8,7 @@ packages=(
   libtbb-dev nlohmann-json3-dev libcli11-dev libopenimageio-dev
   libgtest-dev libbenchmark-dev
 )
+[ "${1:-}" = "--bench" ] && packages+=(libopencv-dev)
 
 missing=()
 for p in "${packages[@]}"; do

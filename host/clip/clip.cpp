@@ -306,7 +306,7 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
   return img;
 }
 
-uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
+uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList* tags) {
   KeepCodecsOnCallingThreadUnderTsan();
   const std::string path = FramePath(number);
   if (!img || img->Depth() != 32 || img->Width() <= 0 || img->Height() <= 0) {
@@ -342,6 +342,14 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
       dst[3] = uint8_t(p >> 24);
     }
   }
+  if (auto* writer = tags ? static_cast<FrameWriter*>(const_cast<void*>(tags->GetPointer(cliptag::Writer))) : nullptr) {
+    writer->Queue([path, layout, rgba = std::move(rgba)]() -> std::optional<Failure> {
+      Failure failure;
+      if (WriteAtomically(path, layout, rgba, &failure.message, &failure.temporary)) return std::nullopt;
+      return failure;
+    });
+    return 1;
+  }
   std::string error;
   bool temporary = false;
   if (!WriteAtomically(path, layout, rgba, &error, &temporary)) {
@@ -351,6 +359,66 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList*) {
   }
   last_error_.clear();
   return 1;
+}
+
+FrameWriter::FrameWriter() : thread_([this] { Run(); }) {}
+
+FrameWriter::~FrameWriter() {
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    closing_ = true;
+    waiting_.clear();
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+uint64_t FrameWriter::Queue(Write write) {
+  std::unique_lock<std::mutex> hold(lock_);
+  changed_.wait(hold, [this] { return waiting_.size() < kDepth || failure_; });
+  const uint64_t ticket = ++queued_;
+  if (failure_)
+    finished_ = ticket;
+  else
+    waiting_.emplace_back(ticket, std::move(write));
+  hold.unlock();
+  changed_.notify_all();
+  return ticket;
+}
+
+uint64_t FrameWriter::Queued() const {
+  std::lock_guard<std::mutex> hold(lock_);
+  return queued_;
+}
+
+std::optional<Failure> FrameWriter::Wait(uint64_t ticket) {
+  std::unique_lock<std::mutex> hold(lock_);
+  changed_.wait(hold, [&] { return finished_ >= ticket; });
+  if (failure_ && failed_ticket_ <= ticket) return failure_;
+  return std::nullopt;
+}
+
+void FrameWriter::Run() {
+  std::unique_lock<std::mutex> hold(lock_);
+  for (;;) {
+    changed_.wait(hold, [this] { return closing_ || !waiting_.empty(); });
+    if (closing_) return;
+    auto [ticket, write] = std::move(waiting_.front());
+    waiting_.pop_front();
+    changed_.notify_all();  // room for another write
+    hold.unlock();
+    std::optional<Failure> failure = write();
+    write = nullptr;  // the pixels go before the lock is taken again
+    hold.lock();
+    finished_ = ticket;
+    if (failure) {
+      failure_ = std::move(failure);
+      failed_ticket_ = ticket;
+      waiting_.clear();
+      finished_ = queued_;
+    }
+    changed_.notify_all();
+  }
 }
 
 ClipFolderScope::ClipFolderScope(std::string folder) { t_loading_folder = new std::string(std::move(folder)); }

@@ -6,10 +6,18 @@
 // atomically: a temporary file in the same folder, fsync, rename, fsync of the folder.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 
+#include "host/base/failure.h"
 #include "host/image/image.h"
 #include "host/graph/parameter.h"
 
@@ -19,13 +27,49 @@ class Request;
 
 // Tags that tools pass to a frame read (ReadFrame) and a frame write (WriteFrame). Files on
 // disk read and write the same whatever the field and size settings say (they matter to
-// device clips); the abort flag ends a read early.
+// device clips); the abort flag ends a read early; a write given a frame writer is queued on it.
 namespace cliptag {
 constexpr uint32_t FieldSetting = 0x10000068;  // read
 constexpr uint32_t SizeSetting = 0x10000069;   // read
 constexpr uint32_t AbortFlag = 0x1000006a;  // pointer to the reading operator's abort flag
 constexpr uint32_t Preview = 0x1000006b;    // a preview write
+constexpr uint32_t Writer = 0x1000006c;     // pointer to the FrameWriter that does the write
 }  // namespace cliptag
+
+// Writes frames on one background thread, in the order they were queued, so that encoding one
+// frame overlaps rendering the next. A queued write owns its pixels. At most two writes wait
+// (more wait for room); after a write fails, those queued behind it are dropped unwritten.
+class FrameWriter {
+ public:
+  // A write: nothing when it succeeded, or why it failed.
+  using Write = std::function<std::optional<Failure>()>;
+
+  FrameWriter();
+  // Drops the writes not yet begun and waits for the one in progress.
+  ~FrameWriter();
+  FrameWriter(const FrameWriter&) = delete;
+  FrameWriter& operator=(const FrameWriter&) = delete;
+
+  // Queues a write (dropping it at once after a failure); returns its ticket, the number of
+  // writes queued so far.
+  uint64_t Queue(Write write);
+  uint64_t Queued() const;
+  // Waits until every write up to a ticket is done or dropped; the failure among them, if any.
+  std::optional<Failure> Wait(uint64_t ticket);
+
+ private:
+  void Run();
+
+  static constexpr size_t kDepth = 2;
+  mutable std::mutex lock_;
+  std::condition_variable changed_;
+  std::deque<std::pair<uint64_t, Write>> waiting_;
+  uint64_t queued_ = 0, finished_ = 0;  // tickets up to finished_ are done or dropped
+  std::optional<Failure> failure_;
+  uint64_t failed_ticket_ = 0;
+  bool closing_ = false;
+  std::thread thread_;
+};
 
 class ClipParameter final : public Parameter {
  public:
@@ -53,7 +97,8 @@ class ClipParameter final : public Parameter {
   // cannot be read (the reason goes to NoteFailure).
   Image* ReadFrame(int frame, Request* req, TagList* tags);
   // Writes an image as frame number n; 0 on failure (the reason goes to NoteFailure and
-  // LastError). Never leaves a partial or temporary file behind.
+  // LastError). Never leaves a partial or temporary file behind. With a cliptag::Writer the
+  // pixels are copied and the write queued on that writer, which reports its outcome.
   uint32_t WriteFrame(int number, Image* img, TagList* tags);
   const std::string& LastError() const { return last_error_; }
 

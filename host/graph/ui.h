@@ -95,8 +95,11 @@ class ResBitmap {
 struct Message {
   uint32_t code = 0;
 };
+class FrameWriter;
 struct RenderMessage {
   double start = 0.0, end = 0.0, step = 1.0;
+  // Where savers queue their frame writes; none: they write each frame before going on.
+  FrameWriter* writer = nullptr;
 };
 class ControlWnd;
 class CChildFrame;

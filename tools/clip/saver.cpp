@@ -1,6 +1,8 @@
 // The Saver writes the frames that reach it to a clip and passes its image on. With a field
 // mode it assembles two fields rendered at n and n + 0.5 into one frame and writes it on the
-// second. The Preview Saver first resizes each frame to the preview size.
+// second. The Preview Saver first resizes each frame to the preview size. When the render
+// gives a frame writer, writes are queued on it (the clip copies the pixels, so the field
+// buffer is free again at once).
 #include "tools/clip/saver.h"
 
 #include <algorithm>
@@ -50,11 +52,13 @@ class Saver : public ThreadedOperator {
     if (Ref<ClipParameter> clip = CurrentClip()) clip->BeginUse();
     ReleaseFieldBuffer();
     field_phase_ = 0;
+    writer_ = msg ? msg->writer : nullptr;
     ThreadedOperator::OnStartRender(msg);
   }
 
   void OnEndRender() override {
     if (Ref<ClipParameter> clip = CurrentClip()) clip->EndUse();
+    writer_ = nullptr;
     ThreadedOperator::OnEndRender();
   }
 
@@ -77,6 +81,7 @@ class Saver : public ThreadedOperator {
     const int number = int(int(req->time) - start_offset_);
     TagList write_tags;
     if (preview) write_tags.Set(Tag(cliptag::Preview, 1));
+    if (writer_) write_tags.Set(Tag(cliptag::Writer, writer_));
 
     const int field = FieldOf(img, mode, req->time);
     if (field == kNoField) {
@@ -132,6 +137,7 @@ class Saver : public ThreadedOperator {
 
   Image* field_buffer_ = nullptr;
   int field_phase_ = 0;
+  FrameWriter* writer_ = nullptr;  // the render's, while one runs
   // Frames subtracted from the number written; nothing in the module sets it yet.
   double start_offset_ = 0.0;
 };

@@ -1,9 +1,10 @@
-// Clips on disk: the ways a clip is named, the frames a sequence has, frame file names, and
-// frames written and read back unchanged.
+// Clips on disk: the ways a clip is named, the frames a sequence has, frame file names, frames
+// written and read back unchanged, and writes queued on a frame writer.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -202,6 +203,31 @@ TEST_F(ClipTest, NamesWithoutAFolderAreInTheCurrentFolder) {
   fs::current_path(before);
   for (const ClipParameter* clip : {&bare, &member}) EXPECT_EQ((std::pair{clip->FirstNumber(), clip->Length()}), (std::pair{3, 2}));
   EXPECT_EQ((std::pair{named.FirstNumber(), named.Length()}), (std::pair{8, 1}));
+}
+
+// Queued writes run in order on the writer's thread; a failed one drops the writes behind it,
+// queued before or after, and a wait reports it only to the tickets from it on.
+TEST_F(ClipTest, QueuedWritesRunInOrderUntilOneFails) {
+  std::vector<int> ran;  // the writer's thread appends; read after a wait
+  FrameWriter writer;
+  const auto queue = [&](int n, bool fails) {
+    return writer.Queue([&ran, n, fails]() -> std::optional<Failure> {
+      ran.push_back(n);
+      if (fails) return Failure{"write " + std::to_string(n) + " failed", true};
+      return std::nullopt;
+    });
+  };
+  const uint64_t first = queue(1, false), second = queue(2, false), failing = queue(3, true);
+  const uint64_t behind = queue(4, false);
+  EXPECT_EQ((std::vector<uint64_t>{first, second, failing, behind}), (std::vector<uint64_t>{1, 2, 3, 4}));
+  EXPECT_FALSE(writer.Wait(second));
+  for (const uint64_t ticket : {failing, behind, queue(5, false)}) {
+    const std::optional<Failure> failure = writer.Wait(ticket);
+    ASSERT_TRUE(failure) << ticket;
+    EXPECT_EQ(failure->message, "write 3 failed");
+    EXPECT_TRUE(failure->temporary);
+  }
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
 }
 
 // Compression levels are kept per format, whichever spelling of its extension names it.

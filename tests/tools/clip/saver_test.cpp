@@ -30,16 +30,20 @@ class SaverTest : public ClipToolTest {
     StartRender(op, step);
     return op;
   }
-  static void StartRender(Operator* op, double step) {
+  void StartRender(Operator* op, double step) {
     op->time_step = step;
-    RenderMessage message{0.0, 100.0, step};
+    RenderMessage message{0.0, 100.0, step, writer_};
     op->OnStartRender(&message);
   }
-  // Renders a Saver at a time with the picture showing `img`.
+  // Renders a Saver at a time with the picture showing `img` (and waits for a queued write).
   Ref<Image> Feed(Operator* saver, const Ref<Image>& img, double t, uint32_t flags = 0) {
     picture_->image = img;
     doc_.InvalidateFrom(picture_);
-    return Render(saver, t, flags);
+    Ref<Image> out = Render(saver, t, flags);
+    if (writer_) {
+      EXPECT_FALSE(writer_->Wait(writer_->Queued()));
+    }
+    return out;
   }
   // A w x h image whose pixels all differ: (tag, x, y, 255).
   static Ref<Image> Numbered(int w, int h, uint8_t tag) {
@@ -54,6 +58,7 @@ class SaverTest : public ClipToolTest {
   }
 
   Picture* picture_ = nullptr;
+  FrameWriter* writer_ = nullptr;  // where renders queue their writes; none: written at once
   test_tools::SavedPrefs prefs_;
 };
 
@@ -84,7 +89,9 @@ TEST_F(SaverTest, WholeFramesAreNumberedAndPadded) {
 
 // Renders with the time step 0.5 of 2 x 1 images a, b, c (wider w). Field 0 goes to the even
 // rows, field 1 to the odd rows; the second field's call writes the frame, numbered int(t).
+// Written at once or queued on a frame writer, the frames are the same.
 TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
+  FrameWriter writer;
   const Ref<Image> a = Numbered(2, 1, 1), b = Numbered(2, 1, 2), c = Numbered(2, 1, 3), w = Numbered(3, 1, 4);
   const Ref<Image> a1 = Numbered(2, 1, 1), b0 = Numbered(2, 1, 2);
   a1->frame_attrs.Set(Tag(frameattr::Field, 1u));
@@ -118,27 +125,29 @@ TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
       {"two frames", PalFields, {{a, 4, {}}, {b, 4.5, {"4"}}, {b, 5, {"4"}}, {a, 5.5, {"4", "5"}}}, 2, 2,
        {b_0, b_1, a0, a_1}},
   };
-  for (const auto& k : cases) {
-    SCOPED_TRACE(k.what);
-    const std::string sub = Sub(std::to_string(&k - cases));
-    const std::string clip = dir_ / (sub + "/out.#.png");
-    Operator* saver = Saver(clip, k.mode, 0.5);
-    ASSERT_TRUE(saver);
-    for (const Step& s : k.steps) {
-      if (s.t == kRestart) {
-        StartRender(saver, 0.5);
-        continue;
+  for (const auto& k : cases)
+    for (FrameWriter* queue_on : {static_cast<FrameWriter*>(nullptr), &writer}) {
+      SCOPED_TRACE(std::string(k.what) + (queue_on ? ", queued" : ""));
+      writer_ = queue_on;
+      const std::string sub = Sub(std::to_string(&k - cases) + (queue_on ? "q" : ""));
+      const std::string clip = dir_ / (sub + "/out.#.png");
+      Operator* saver = Saver(clip, k.mode, 0.5);
+      ASSERT_TRUE(saver);
+      for (const Step& s : k.steps) {
+        if (s.t == kRestart) {
+          StartRender(saver, 0.5);
+          continue;
+        }
+        EXPECT_EQ(Feed(saver, s.img, s.t).get(), s.img.get()) << s.t;
+        std::vector<std::string> files;
+        for (const std::string& n : s.files) files.push_back("out." + n + ".png");
+        EXPECT_EQ(dir_.Files(sub), files) << s.t;
       }
-      EXPECT_EQ(Feed(saver, s.img, s.t).get(), s.img.get()) << s.t;
-      std::vector<std::string> files;
-      for (const std::string& n : s.files) files.push_back("out." + n + ".png");
-      EXPECT_EQ(dir_.Files(sub), files) << s.t;
+      const Ref<Image> last = ReadNumber(clip, int(k.steps.back().t));
+      ASSERT_TRUE(last);
+      EXPECT_EQ((std::pair{last->Width(), last->Height()}), (std::pair{k.w, k.h}));
+      EXPECT_EQ(Words(last), k.frame);
     }
-    const Ref<Image> last = ReadNumber(clip, int(k.steps.back().t));
-    ASSERT_TRUE(last);
-    EXPECT_EQ((std::pair{last->Width(), last->Height()}), (std::pair{k.w, k.h}));
-    EXPECT_EQ(Words(last), k.frame);
-  }
 }
 
 // Interactive and preview requests pass the image on and write nothing, not even a field.

@@ -1,0 +1,145 @@
+// The tools next to the nearest OpenCV operation (their partner) in the same process, on the
+// same 1920 x 1080 BGRA frames, with 1 and 2 threads (the argument: the host's worker threads
+// for a tool, cv::setNumThreads for its partner), and after the runs a table of the ratios
+// tool Mpx/s / partner Mpx/s. A copy of the frame in row bands is the line to read them by.
+// Like the tools, each partner run makes its output frame anew. A pair is one entry of kPairs.
+#include <benchmark/benchmark.h>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/bench_tools.h"
+
+namespace kestrion {
+namespace {
+
+using namespace bench;
+
+// An image's pixels as a BGRA matrix (the host's words are B, G, R, A in memory).
+cv::Mat AsMat(const Image& img) {
+  cv::Mat mat(img.Height(), img.Width(), CV_8UC4);
+  for (int y = 0; y < img.Height(); ++y) std::memcpy(mat.ptr(y), img.Row(y), size_t(img.Width()) * 4);
+  return mat;
+}
+
+// `fg` over `bg` with fg's straight alpha, in integers, rows shared out among OpenCV's threads.
+void Over(const cv::Mat& fg, const cv::Mat& bg, cv::Mat& out) {
+  out.create(bg.size(), CV_8UC4);
+  cv::parallel_for_(cv::Range(0, bg.rows), [&](const cv::Range& rows) {
+    for (int y = rows.start; y < rows.end; ++y) {
+      const uint8_t *f = fg.ptr(y), *b = bg.ptr(y);
+      uint8_t* o = out.ptr(y);
+      for (int x = 0; x < bg.cols * 4; x += 4) {
+        const int a = f[x + 3], inv = 255 - a;
+        for (int c = 0; c < 3; ++c) o[x + c] = uint8_t((f[x + c] * a + b[x + c] * inv) >> 8);
+        o[x + 3] = uint8_t(a + ((b[x + 3] * inv) >> 8));
+      }
+    }
+  });
+}
+
+using Partner = void (*)(const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out);
+
+struct Pair {
+  const char* tool_name;
+  const ToolCase& tool;
+  const char* partner_name;
+  Partner partner;
+};
+
+const Pair kPairs[] = {
+    {"BM_BooleansAdd", kBooleansAdd, "BM_CvAdd", [](const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out) { cv::add(bg, fg, out); }},
+    {"BM_BooleansAnd", kBooleansAnd, "BM_CvBitwiseAnd",
+     [](const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out) { cv::bitwise_and(bg, fg, out); }},
+    {"BM_DissolveDissolve", kDissolveDissolve, "BM_CvAddWeighted",
+     [](const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out) { cv::addWeighted(bg, 0.6, fg, 0.4, 0.0, out); }},
+    {"BM_ColorGain", kColorGain, "BM_CvLut",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       static const cv::Mat table = [] {
+         cv::Mat t(1, 256, CV_8UC4);
+         for (int i = 0; i < 256; ++i) t.at<cv::Vec4b>(i) = {uint8_t(255 - i), uint8_t(i / 2), uint8_t(i), uint8_t(i)};
+         return t;
+       }();
+       cv::LUT(bg, table, out);
+     }},
+    {"BM_ColorSpaceToHLS", kColorSpaceToHLS, "BM_CvCvtColorToHLS",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::cvtColor(bg, out, cv::COLOR_BGR2HLS); }},
+    {"BM_ColorSpaceToYUV", kColorSpaceToYUV, "BM_CvCvtColorToYUV",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::cvtColor(bg, out, cv::COLOR_BGR2YUV); }},
+    {"BM_MergeStraight", kMergeStraight, "BM_PlainOver", [](const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out) { Over(fg, bg, out); }},
+    {"BM_MergeRotated", kMergeRotated, "BM_CvWarpAffineOver",
+     [](const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out) {
+       const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(fg.cols / 2.0f, fg.rows / 2.0f), 30.0, 1.3);
+       cv::Mat turned;
+       cv::warpAffine(fg, turned, turn, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+       Over(turned, bg, out);
+     }},
+};
+
+void RunPartner(benchmark::State& state, Partner partner) {
+  static const cv::Mat bg = AsMat(*Background()), fg = AsMat(*Foreground());
+  cv::setNumThreads(int(state.range(0)));
+  for (auto _ : state) {
+    cv::Mat out;
+    partner(bg, fg, out);
+    benchmark::DoNotOptimize(out.data);
+  }
+  CountMegapixels(state);
+  state.counters["threads"] = cv::getNumThreads();
+}
+
+// Prints the runs as the console does and keeps each one's Mpx/s by name and argument: the
+// median where repetitions give one (--benchmark_repetitions, for a busy machine).
+class RatioTable : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      const auto it = run.counters.find("Mpx/s");
+      if (it == run.counters.end() || (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median")) continue;
+      rates_[{run.run_name.function_name, run.run_name.args}] = it->second.value;
+    }
+  }
+
+  void Print() const {
+    std::printf("\n%-22s %7s %9s  %-22s %9s %7s\n", "tool", "threads", "Mpx/s", "partner", "Mpx/s", "ratio");
+    for (const Pair& pair : kPairs)
+      for (const char* threads : {"1", "2"}) {
+        const auto tool = rates_.find({pair.tool_name, threads}), partner = rates_.find({pair.partner_name, threads});
+        if (tool == rates_.end() || partner == rates_.end()) continue;
+        std::printf("%-22s %7s %9.1f  %-22s %9.1f %7.2f\n", pair.tool_name, threads, tool->second, pair.partner_name,
+                    partner->second, tool->second / partner->second);
+      }
+    for (const char* threads : {"1", "2"})
+      if (auto copy = rates_.find({"BM_Memcpy", threads}); copy != rates_.end())
+        std::printf("%-22s %7s %9.1f\n", "memcpy", threads, copy->second);
+  }
+
+ private:
+  std::map<std::pair<std::string, std::string>, double> rates_;
+};
+
+}  // namespace
+}  // namespace kestrion
+
+int main(int argc, char** argv) {
+  using namespace kestrion;
+  for (const Pair& pair : kPairs) {
+    benchmark::RegisterBenchmark(pair.tool_name, [&pair](benchmark::State& s) { bench::RunTool(s, pair.tool); })
+        ->Arg(1)->Arg(2)->UseRealTime();
+    benchmark::RegisterBenchmark(pair.partner_name, [&pair](benchmark::State& s) { RunPartner(s, pair.partner); })
+        ->Arg(1)->Arg(2)->UseRealTime();
+  }
+  benchmark::RegisterBenchmark("BM_Memcpy", bench::BM_Memcpy)->Arg(1)->Arg(2)->UseRealTime();
+  RatioTable table;
+  const int status = bench::RunWithToolModule(argc, argv, &table);
+  if (status == 0) table.Print();
+  return status;
+}
