@@ -63,10 +63,10 @@ inline int32_t Combine(int operation, int32_t f, int32_t p) {
 }
 
 // Everything the row kernel needs, worked out once per render in Process.
-struct BooleansFrame;
-using RowKernel = void (*)(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansFrame& t);
+struct BooleansRender;
+using RowKernel = void (*)(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansRender& t);
 
-struct BooleansFrame {
+struct BooleansRender {
   const Image* fg = nullptr;
   const Image* bg = nullptr;
   Image* out = nullptr;
@@ -85,7 +85,7 @@ struct BooleansFrame {
 // so below 1 it darkens by up to a step even where the result is the background; saved flows
 // render so. Its products wrap, as they do for blends typed far outside 0 to 1.
 template <int Op, bool Blended>
-void BooleansRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansFrame& t) {
+void BooleansRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansRender& t) {
   const int s0 = t.shift[0], s1 = t.shift[1], s2 = t.shift[2], s3 = t.shift[3];
   const int32_t blend = t.blend, inverse = t.inverse;
   const auto channel = [&](uint32_t fw, uint32_t pw, int shift, int byte, int32_t passed) {
@@ -165,7 +165,7 @@ class ChannelBooleans final : public ThreadedOperator {
     auto* fg = dynamic_cast<Image*>(req->GetInputData(in_[Foreground]));
     if (!bg) return req->SetOutputData(image_out_, nullptr);
     if (!fg) fg = bg;  // the background combined with itself
-    BooleansFrame& t = frame_;
+    BooleansRender& t = render_;
     t.fg = fg;
     t.bg = bg;
     t.out = NewImage(req, bg);
@@ -188,7 +188,7 @@ class ChannelBooleans final : public ThreadedOperator {
   }
 
   void ProcessChunk(Request*, long band) override {
-    const BooleansFrame& t = frame_;
+    const BooleansRender& t = render_;
     module::ForEachRow(*this, module::BandRows(t.height, t.bands, band),
                       [&](int y) { t.kernel(t.fg->Row(y), t.bg->Row(y), t.out->Row(y), t.width, t); });
   }
@@ -196,7 +196,7 @@ class ChannelBooleans final : public ThreadedOperator {
  private:
   Input* in_[kInputCount];
   Output* image_out_;
-  BooleansFrame frame_;
+  BooleansRender render_;
 };
 
 }  // namespace

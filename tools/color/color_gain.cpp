@@ -66,7 +66,7 @@ class ColorGain final : public ThreadedOperator {
         if (v[i] != 1.0) return true;
       return false;
     };
-    GainFrame& g = frame_;
+    GainRender& g = render_;
     g.src = src;
     g.out = NewImage(req, src);
     g.maps = ChannelMaps();
@@ -86,7 +86,7 @@ class ColorGain final : public ThreadedOperator {
   }
 
   void ProcessChunk(Request*, long band) override {
-    const GainFrame& g = frame_;
+    const GainRender& g = render_;
     const int width = g.src->Width();
     module::ForEachRow(*this, module::BandRows(g.src->Height(), g.bands, band), [&](int y) {
       if (g.src->Depth() == 8) {
@@ -112,7 +112,7 @@ class ColorGain final : public ThreadedOperator {
 
  private:
   // Everything the rows need, worked out once per render in Process.
-  struct GainFrame {
+  struct GainRender {
     const Image* src = nullptr;
     Image* out = nullptr;
     long bands = 1;
@@ -123,7 +123,7 @@ class ColorGain final : public ThreadedOperator {
 
   Input* in_[kInputCount];
   Output* image_out_;
-  GainFrame frame_;
+  GainRender render_;
 };
 
 }  // namespace

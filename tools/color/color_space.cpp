@@ -43,7 +43,7 @@ class ColorSpace final : public ThreadedOperator {
     const int conversion = int(module::NumberInput(req, in_[Conversion]));
     auto* src = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
     if (!src) return req->SetOutputData(image_out_, nullptr);
-    SpaceFrame& s = frame_;
+    SpaceRender& s = render_;
     s.src = src;
     s.out = NewImage(req, src);
     // "No Change", unknown values and masks (which have no colour) copy the input.
@@ -61,7 +61,7 @@ class ColorSpace final : public ThreadedOperator {
   }
 
   void ProcessChunk(Request*, long band) override {
-    const SpaceFrame& s = frame_;
+    const SpaceRender& s = render_;
     const int width = s.src->Width();
     module::ForEachRow(*this, module::BandRows(s.src->Height(), s.bands, band), [&](int y) {
       if (s.converts)
@@ -73,7 +73,7 @@ class ColorSpace final : public ThreadedOperator {
 
  private:
   // Everything the rows need, worked out once per render in Process.
-  struct SpaceFrame {
+  struct SpaceRender {
     const Image* src = nullptr;
     Image* out = nullptr;
     long bands = 1;
@@ -83,7 +83,7 @@ class ColorSpace final : public ThreadedOperator {
 
   Input* in_[kInputCount];
   Output* image_out_;
-  SpaceFrame frame_;
+  SpaceRender render_;
 };
 
 }  // namespace

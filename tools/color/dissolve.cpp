@@ -23,14 +23,14 @@ constexpr uint32_t kClassId = FourCC("dmix");
 enum DissolveInput { Operation, Mix, Background, Foreground, kInputCount };
 enum Operations { Plain = 0, AdditiveMix = 1, Erode = 2, Random = 3, RandomNoise = 4 };
 
-struct DissolveFrame;
+struct DissolveRender;
 // `count` pixels of f and b into out; `state` is the generator's state before the row's first
 // draw (used by the random operations only).
-using RowKernel = void (*)(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d,
+using RowKernel = void (*)(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d,
                            uint32_t state);
 
 // Everything the row kernels need, worked out once per render in Process.
-struct DissolveFrame {
+struct DissolveRender {
   const Image* fg = nullptr;
   const Image* bg = nullptr;
   Image* out = nullptr;
@@ -49,7 +49,7 @@ struct DissolveFrame {
 
 // --- row kernels ---
 
-void DissolveRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d, uint32_t) {
+void DissolveRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d, uint32_t) {
   const auto* fb = reinterpret_cast<const uint8_t*>(f);
   const auto* bb = reinterpret_cast<const uint8_t*>(b);
   auto* ob = reinterpret_cast<uint8_t*>(out);
@@ -60,7 +60,7 @@ void DissolveRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count,
 // The same blend for weights 0 <= m < 32768, the mixes from 0 to just below 1. There
 // a m + b n = 32768 b + (a - b) m, so the byte is b + floor(2 (a - b) m / 65536): the high half of
 // a 16-bit product, twice as many channels per instruction as the 32-bit products.
-void DissolveRowNarrow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d,
+void DissolveRowNarrow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d,
                        uint32_t) {
   const auto* fb = reinterpret_cast<const uint8_t*>(f);
   const auto* bb = reinterpret_cast<const uint8_t*>(b);
@@ -73,7 +73,7 @@ void DissolveRowNarrow(const uint32_t* f, const uint32_t* b, uint32_t* out, int 
 }
 
 // Works on 16-bit channel values (v << 8), in 32-bit arithmetic that wraps.
-void AdditiveMixRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d,
+void AdditiveMixRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d,
                     uint32_t) {
   const auto* fb = reinterpret_cast<const uint8_t*>(f);
   const auto* bb = reinterpret_cast<const uint8_t*>(b);
@@ -90,7 +90,7 @@ void AdditiveMixRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int cou
 // Blue + 2 green + red of a pixel, in 16-bit channel values.
 inline int32_t ErodeWeight(uint32_t p) { return int32_t((p & 255) + 2 * (p >> 8 & 255) + (p >> 16 & 255)) << 8; }
 
-void ErodeRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d, uint32_t) {
+void ErodeRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d, uint32_t) {
   const int32_t m = d.blend.weight, n = d.blend.complement;
   for (int x = 0; x < count; ++x) {
     // The comparison is of signed 32-bit products, which wrap for bright pixels near mix 1.
@@ -106,7 +106,7 @@ void ErodeRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, co
   }
 }
 
-void RandomRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveFrame& d,
+void RandomRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d,
                uint32_t state) {
   const uint32_t* multiplier = d.draw_multiplier.data();
   const uint32_t* increment = d.draw_increment.data();
@@ -172,7 +172,7 @@ class Dissolve final : public ThreadedOperator {
 
     if (operation == 3.0) crt_srand(InstanceValue());
     if (operation == 4.0) crt_srand(SeedAt(req->time));
-    DissolveFrame& d = frame_;
+    DissolveRender& d = render_;
     d.kernel = KernelFor(module::TruncToInt(operation));
     if (!d.kernel) return req->SetOutputData(image_out_, out);
     d.fg = fg;
@@ -190,7 +190,7 @@ class Dissolve final : public ThreadedOperator {
   }
 
   void ProcessChunk(Request*, long band) override {
-    const DissolveFrame& d = frame_;
+    const DissolveRender& d = render_;
     const module::RowSpan rows = module::BandRows(d.height, d.bands, band);
     uint32_t state = CrtSteps::Of(uint64_t(rows.begin) * uint64_t(d.width)).Apply(d.first_state);
     module::ForEachRow(*this, rows, [&](int y) {
@@ -202,7 +202,7 @@ class Dissolve final : public ThreadedOperator {
  private:
   // Takes the render's draws, one per pixel of the common area, and tables the steps from a
   // row's start to each of its draws.
-  static void PrepareDraws(DissolveFrame& d) {
+  static void PrepareDraws(DissolveRender& d) {
     d.first_state = crt_rand_take(uint64_t(d.width) * uint64_t(d.height));
     d.row_steps = CrtSteps::Of(uint64_t(d.width));
     d.draw_multiplier.resize(size_t(d.width));
@@ -233,7 +233,7 @@ class Dissolve final : public ThreadedOperator {
   Input* in_[kInputCount];
   Output* image_out_;
   uint32_t instance_value_ = 0;
-  DissolveFrame frame_;
+  DissolveRender render_;
 };
 
 }  // namespace

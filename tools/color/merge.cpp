@@ -23,7 +23,7 @@ enum MergeInput { Center, Size, Angle, AdditiveMix, AlphaGain, Background, Foreg
 ResBitmap g_tile;
 
 // Everything the row kernel needs, worked out once per render in Process.
-struct MergeFrame {
+struct MergeRender {
   const Image* fg = nullptr;
   const Image* bg = nullptr;
   Image* out = nullptr;
@@ -41,7 +41,7 @@ struct MergeFrame {
 // the sample replaces p, at 0 p stays; between, each colour channel mixes "over" (the sample
 // not yet multiplied by its alpha) and "add" (already multiplied) by A. Every case is worked
 // out and one chosen, so that the compiler can run the row loop on vectors.
-inline uint32_t MergePixel(const MergeFrame& f, uint32_t s, uint32_t p) {
+inline uint32_t MergePixel(const MergeRender& f, uint32_t s, uint32_t p) {
   const int alpha = (int(s >> 24) * f.alpha_gain + 127) >> 8, inv = 255 - alpha;
   uint32_t mixed = 0;
   for (int shift = 0; shift < 24; shift += 8) {
@@ -57,7 +57,7 @@ inline uint32_t MergePixel(const MergeFrame& f, uint32_t s, uint32_t p) {
 // and every product stays below 65536, so two channels share a 32-bit word, one per 16-bit half
 // (blue and red, then green and alpha), and the compiler keeps 8 pixels to a vector without
 // packing.
-inline uint32_t OverPixel(const MergeFrame& f, uint32_t s, uint32_t p) {
+inline uint32_t OverPixel(const MergeRender& f, uint32_t s, uint32_t p) {
   constexpr uint32_t kHalves = 0x00FF00FF;
   const uint32_t alpha = ((s >> 24) * uint32_t(f.alpha_gain) + 127) >> 8, inv = 255 - alpha;
   const uint32_t blue_red = (((s & kHalves) * alpha + (p & kHalves) * inv) >> 8) & kHalves;
@@ -68,8 +68,8 @@ inline uint32_t OverPixel(const MergeFrame& f, uint32_t s, uint32_t p) {
   return alpha == 255 ? s | 0xFF000000u : alpha == 0 ? p : mixed;
 }
 
-template <uint32_t (*kPixel)(const MergeFrame&, uint32_t, uint32_t)>
-void BlendRow(const MergeFrame& f, const uint32_t* samples, const uint32_t* bg, uint32_t* out, int count) {
+template <uint32_t (*kPixel)(const MergeRender&, uint32_t, uint32_t)>
+void BlendRow(const MergeRender& f, const uint32_t* samples, const uint32_t* bg, uint32_t* out, int count) {
   for (int x = 0; x < count; ++x) out[x] = kPixel(f, samples[x], bg[x]);
 }
 
@@ -79,7 +79,7 @@ constexpr int kPiece = 256;
 
 // Output row y. The row start includes the background's x aspect and the per-pixel steps do
 // not; saved flows render so, and both are kept.
-void MergeRow(const MergeFrame& f, int y, long quality) {
+void MergeRow(const MergeRender& f, int y, long quality) {
   const double dy = y - f.centre_y, dx = -f.centre_x;
   const int32_t sx = module::TruncToInt(
       65536.0 * f.fg_x0 + (f.bg->x_aspect * dx * f.cos_step - f.bg->y_aspect * dy * f.sin_step) / f.fg->x_aspect);
@@ -158,8 +158,8 @@ class Merge final : public ThreadedOperator {
       return req->SetOutputData(image_out_, bg);
     }
 
-    MergeFrame& f = frame_;
-    f = MergeFrame{};
+    MergeRender& f = render_;
+    f = MergeRender{};
     f.fg = fg;
     f.bg = bg;
     f.out = NewImage(req, bg);
@@ -186,12 +186,12 @@ class Merge final : public ThreadedOperator {
 
  private:
   void Row(int y, long quality) {
-    if (abort_flag.load(std::memory_order_relaxed) == 0) MergeRow(frame_, y, quality);
+    if (abort_flag.load(std::memory_order_relaxed) == 0) MergeRow(render_, y, quality);
   }
 
   Input* in_[kInputCount];
   Output* image_out_;
-  MergeFrame frame_;
+  MergeRender render_;
 };
 
 }  // namespace
