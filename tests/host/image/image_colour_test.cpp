@@ -145,35 +145,24 @@ Vec Slice(uint32_t red) {
   return words;
 }
 
-TEST(ColourCube, HlsMatchesTheDoubleFormulasEverywhere) {
+// Each conversion over the whole cube against its formulas: HLS in doubles, YUV in exact
+// rationals with rounding ties included. The backward conversions read the same slices as their
+// own three bytes.
+TEST(ColourCube, ConversionsMatchTheirFormulasEverywhere) {
+  const struct {
+    void (Image::*convert)();
+    uint32_t (*expected)(uint32_t);
+  } kConversions[] = {{&Image::RGBtoHLS, HlsByDoubles}, {&Image::HLStoRGB, RgbOfHlsByDoubles},
+                      {&Image::RGBtoYUV, YuvExact},     {&Image::YUVtoRGB, RgbOfYuvExact}};
+  Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
   for (uint32_t red = 0; red < 256; ++red) {
     const Vec in = Slice(red);
-    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
-    std::copy(in.begin(), in.end(), img->Row(0));
-    img->RGBtoHLS();
-    const Vec hls = Words(*img);
-    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(hls[i], HlsByDoubles(in[i])) << std::hex << in[i];
-    // The same slice read as H, L, S bytes.
-    std::copy(in.begin(), in.end(), img->Row(0));
-    img->HLStoRGB();
-    const Vec rgb = Words(*img);
-    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(rgb[i], RgbOfHlsByDoubles(in[i])) << std::hex << in[i];
-  }
-}
-
-// The integer YUV forms are the exact rational ones, rounding ties included.
-TEST(ColourCube, YuvMatchesTheExactFormulasEverywhere) {
-  for (uint32_t red = 0; red < 256; ++red) {
-    const Vec in = Slice(red);
-    Ref<Image> img = Ref<Image>::Adopt(new Image(256, 256));
-    std::copy(in.begin(), in.end(), img->Row(0));
-    img->RGBtoYUV();
-    const Vec yuv = Words(*img);
-    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(yuv[i], YuvExact(in[i])) << std::hex << in[i];
-    std::copy(in.begin(), in.end(), img->Row(0));
-    img->YUVtoRGB();
-    const Vec rgb = Words(*img);
-    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(rgb[i], RgbOfYuvExact(in[i])) << std::hex << in[i];
+    for (const auto& c : kConversions) {
+      std::copy(in.begin(), in.end(), img->Row(0));
+      (img.get()->*c.convert)();
+      const Vec out = Words(*img);
+      for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], c.expected(in[i])) << std::hex << in[i];
+    }
   }
 }
 
