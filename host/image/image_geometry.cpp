@@ -9,6 +9,7 @@
 
 #include "host/image/image.h"
 #include "host/image/image_internal.h"
+#include "host/image/image_rows.h"
 
 namespace kestrion {
 
@@ -155,18 +156,12 @@ const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x,
 
 // --- Resampling ---
 
-// The source positions and 14-bit weights (summing to 16384) of every destination position
-// along one axis; `count` taps each, unused ones weighing 0.
-struct Taps {
-  int count = 0;
-  std::vector<int> index;
-  std::vector<uint32_t> weight;
-};
+}  // namespace
 
 // Area average (box): destination pixel o covers source [o s, (o + 1) s), s = src / dst, and
 // each source pixel weighs by the length it shares. Triangle: centred at (o + 0.5) s - 0.5,
 // radius max(s, 1), source positions past the edges taken by the edge pixel.
-Taps MakeTaps(int src, int dst, bool triangle) {
+Resampler::Taps Resampler::MakeTaps(int src, int dst, bool triangle) {
   const double s = double(src) / double(dst);
   const double radius = std::max(s, 1.0);
   std::vector<std::vector<std::pair<int, double>>> all(static_cast<size_t>(dst));
@@ -210,43 +205,77 @@ Taps MakeTaps(int src, int dst, bool triangle) {
   return t;
 }
 
-// Vertical pass into a row of 16-bit values (bytes x 256), then horizontal pass to bytes.
-void Resample(const Image& src, Image& dst, bool triangle) {
+Resampler::Resampler(const Image& src, Image& dst, bool triangle) : src_(src), dst_(dst) {
   image_internal::RequireSameDepth(src, dst);
-  const int channels = int(src.BytesPerPixel());
-  const size_t dst_row_bytes = size_t(dst.Width()) * size_t(channels);
-  if (src.Width() == 0 || src.Height() == 0) {
-    for (int y = 0; y < dst.Height(); ++y) std::memset(dst.RowTable()[y], 0, dst_row_bytes);
-    return;
-  }
-  if (dst.Width() == 0 || dst.Height() == 0) return;
-  const Taps tx = MakeTaps(src.Width(), dst.Width(), triangle);
-  const Taps ty = MakeTaps(src.Height(), dst.Height(), triangle);
-  const size_t line = size_t(src.Width()) * size_t(channels);
-  std::vector<uint32_t> sum(line);
-  std::vector<uint32_t> mid(line);
-  for (int oy = 0; oy < dst.Height(); ++oy) {
-    std::fill(sum.begin(), sum.end(), 0u);
-    for (int k = 0; k < ty.count; ++k) {
-      const size_t at = size_t(oy) * size_t(ty.count) + size_t(k);
-      const uint32_t w = ty.weight[at];
-      if (w == 0) continue;
-      const auto* row = static_cast<const uint8_t*>(src.RowTable()[ty.index[at]]);
-      for (size_t i = 0; i < line; ++i) sum[i] += w * row[i];
+  if (src.Width() == 0 || src.Height() == 0 || dst.Width() == 0 || dst.Height() == 0) return;
+  x_ = MakeTaps(src.Width(), dst.Width(), triangle);
+  y_ = MakeTaps(src.Height(), dst.Height(), triangle);
+}
+
+namespace {
+
+// One destination row of 32-bit pixels from the row of 16-bit values (bytes x 256) of the
+// vertical pass: the four channels of a pixel summed side by side.
+void HorizontalPass(const Resampler::Taps& t, const uint32_t* mid, uint32_t* out, int width) {
+  for (int ox = 0; ox < width; ++ox) {
+    const int* index = &t.index[size_t(ox) * size_t(t.count)];
+    const uint32_t* weight = &t.weight[size_t(ox) * size_t(t.count)];
+    uint32_t acc[4] = {0, 0, 0, 0};
+    for (int k = 0; k < t.count; ++k) {
+      const uint32_t* m = mid + size_t(index[k]) * 4;
+      for (int c = 0; c < 4; ++c) acc[c] += weight[k] * m[c];
     }
-    for (size_t i = 0; i < line; ++i) mid[i] = (sum[i] + 32) >> 6;
-    auto* out = static_cast<uint8_t*>(dst.RowTable()[oy]);
-    for (int ox = 0; ox < dst.Width(); ++ox) {
-      const int* index = &tx.index[size_t(ox) * size_t(tx.count)];
-      const uint32_t* weight = &tx.weight[size_t(ox) * size_t(tx.count)];
-      for (int c = 0; c < channels; ++c) {
-        uint32_t acc = 0;
-        for (int k = 0; k < tx.count; ++k) acc += weight[k] * mid[size_t(index[k]) * size_t(channels) + size_t(c)];
-        out[size_t(ox) * size_t(channels) + size_t(c)] = uint8_t((acc + (1u << 21)) >> 22);
-      }
-    }
+    uint32_t word = 0;
+    for (int c = 0; c < 4; ++c) word |= ((acc[c] + (1u << 21)) >> 22) << (8 * c);
+    out[ox] = word;
   }
 }
+
+// The same for a mask, one channel.
+void HorizontalMaskPass(const Resampler::Taps& t, const uint32_t* mid, uint8_t* out, int width) {
+  for (int ox = 0; ox < width; ++ox) {
+    const int* index = &t.index[size_t(ox) * size_t(t.count)];
+    const uint32_t* weight = &t.weight[size_t(ox) * size_t(t.count)];
+    uint32_t acc = 0;
+    for (int k = 0; k < t.count; ++k) acc += weight[k] * mid[index[k]];
+    out[ox] = uint8_t((acc + (1u << 21)) >> 22);
+  }
+}
+
+}  // namespace
+
+size_t Resampler::ScratchWords() const { return size_t(src_.Width()) * src_.BytesPerPixel(); }
+
+// Vertical pass into a row of 16-bit values (bytes x 256), then horizontal pass to bytes.
+void Resampler::Row(int y, uint32_t* sum) const {
+  const size_t line = ScratchWords();
+  if (src_.Width() == 0 || src_.Height() == 0) {
+    std::memset(dst_.RowTable()[y], 0, size_t(dst_.Width()) * dst_.BytesPerPixel());
+    return;
+  }
+  if (dst_.Width() == 0) return;
+  std::fill(sum, sum + line, 0u);
+  for (int k = 0; k < y_.count; ++k) {
+    const size_t at = size_t(y) * size_t(y_.count) + size_t(k);
+    const uint32_t w = y_.weight[at];
+    if (w == 0) continue;
+    const auto* row = static_cast<const uint8_t*>(src_.RowTable()[y_.index[at]]);
+    for (size_t i = 0; i < line; ++i) sum[i] += w * row[i];
+  }
+  for (size_t i = 0; i < line; ++i) sum[i] = (sum[i] + 32) >> 6;
+  if (dst_.Depth() == 32) {
+    HorizontalPass(x_, sum, dst_.Row(y), dst_.Width());
+  } else {
+    HorizontalMaskPass(x_, sum, dst_.MaskRow(y), dst_.Width());
+  }
+}
+
+void Resampler::Rows(int begin, int end) const {
+  std::vector<uint32_t> scratch(ScratchWords());
+  for (int y = begin; y < end; ++y) Row(y, scratch.data());
+}
+
+namespace {
 
 // --- Blurs ---
 
@@ -357,18 +386,18 @@ void BlurImage(Image& img, const bool (&on)[4], long x_radius, long y_radius) {
 
 Image* Image::ResizeOfImage(Request* req, int width, int height, int quality) const {
   Image* out = NewImage(req, width, height, depth_, this);
-  Resample(*this, *out, quality != 0);
+  Resampler(*this, *out, quality != 0).Rows(0, height);
   return out;
 }
 
 Image* Image::ScaleOfImage(Request* req, int factor) const {
   if (factor < 1) throw ImageSizeError("scale factor " + std::to_string(factor) + " is below 1");
   Image* out = NewImage(req, std::max(1, width_ / factor), std::max(1, height_ / factor), depth_, this);
-  Resample(*this, *out, false);
+  Resampler(*this, *out, false).Rows(0, out->Height());
   return out;
 }
 
-void Image::ImageResize(Image* dst) const { Resample(*this, *dst, true); }
+void Image::ImageResize(Image* dst) const { Resampler(*this, *dst, true).Rows(0, dst->Height()); }
 
 void Image::Blur(long red, long green, long blue, long alpha, long x_radius, long y_radius) {
   const bool on[4] = {blue != 0, green != 0, red != 0, alpha != 0};
@@ -396,6 +425,14 @@ const uint32_t* Image::SampleRow_Black(uint32_t* out, int count, int32_t x, int3
 const uint32_t* Image::SampleRow_Clamp(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
                                        long quality) const {
   return SampleRow<true>(*this, out, count, x, y, dx, dy, quality);
+}
+
+void Image::SamplePoints_Black(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const {
+  for (int k = 0; k < count; ++k) out[k] = Sample<false>(*this, x[k], y[k], quality);
+}
+
+void Image::SamplePoints_Clamp(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const {
+  for (int k = 0; k < count; ++k) out[k] = Sample<true>(*this, x[k], y[k], quality);
 }
 
 }  // namespace kestrion
