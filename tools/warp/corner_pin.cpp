@@ -79,7 +79,8 @@ inline double AlongEdge(double p, double edge_x, double edge_y, double edge_leng
 }
 
 // Source positions (1/256 pixel) of pixels first .. first + count - 1 of the row at yn = y / H.
-void CornerPositions(const CornerRender& r, double yn, int first, int count, int32_t* sx, int32_t* sy) {
+void CornerPositions(const CornerRender& r, double yn, int first, int count, int32_t* __restrict sx,
+                     int32_t* __restrict sy) {
   const float width = float(r.width);
   for (int k = 0; k < count; ++k) {
     const double xn = float(first + k) / width;

@@ -58,16 +58,17 @@ inline uint32_t Weighted(Neighbours n, uint32_t fx, uint32_t fy) {
 // Quick: the nearest of the four pixels.
 inline uint32_t Nearest(Neighbours n, uint32_t fx, uint32_t fy) { return (fy < 128 ? n.top : n.bottom)[fx < 128 ? 0 : 1]; }
 
-// Output row y of a 32-bit image. Source positions move linearly along a row: pixel x reads
-// start + x step, worked in double precision and truncated to 1/256 pixel.
+// Output row y. Source positions move linearly along a row: pixel x reads start + x step, in
+// double precision, truncated to 1/256 pixel. The row's start and step are formed without
+// dividing by the height first, so corners at the frame's corners read whole pixels exactly.
 template <bool kQuick>
 void PerspectiveRow(const PerspectiveRender& r, int y) {
   const CornerPoints& c = r.corners;
-  const double fy = double(y) / r.height;
-  const double start_x = 256.0 * r.width * (c.x[0] + fy * (c.x[2] - c.x[0]));
-  const double step_x = 256.0 * ((c.x[1] - c.x[0]) + fy * r.twist_x);
-  const double start_y = 256.0 * r.height * (c.y[0] + fy * (c.y[2] - c.y[0]));
-  const double step_y = 256.0 * r.height * ((c.y[1] - c.y[0]) + fy * r.twist_y) / r.width;
+  const double w = r.width, h = r.height;
+  const double start_x = 256.0 * (w * c.x[0] + y * (w / h) * (c.x[2] - c.x[0]));
+  const double step_x = 256.0 * ((c.x[1] - c.x[0]) + y * r.twist_x / h);
+  const double start_y = 256.0 * (h * c.y[0] + y * (c.y[2] - c.y[0]));
+  const double step_y = 256.0 * ((h / w) * (c.y[1] - c.y[0]) + y * r.twist_y / w);
   uint32_t* out = r.out->Row(y);
   for (int x = 0; x < r.width; ++x) {
     const int64_t sx = PositionOf(start_x + x * step_x), sy = PositionOf(start_y + x * step_y);
