@@ -30,16 +30,26 @@ inline uint32_t WordAt(const Image& img, long i, long j) {
   return img.Depth() == 8 ? uint32_t(img.MaskRow(int(j))[i]) * 0x01010101u : img.Row(int(j))[i];
 }
 
+// The four bytes of a pixel word as four 32-bit lanes, and back (byte shuffles).
+typedef uint8_t ByteLanes __attribute__((vector_size(16)));
+typedef uint32_t WordLanes __attribute__((vector_size(16)));
+inline WordLanes Widen(uint32_t word) {
+  const ByteLanes bytes = (ByteLanes)(WordLanes){word, 0, 0, 0};
+  return (WordLanes)__builtin_shufflevector(bytes, ByteLanes{}, 0, 16, 16, 16, 1, 16, 16, 16, 2, 16, 16, 16, 3, 16, 16, 16);
+}
+inline uint32_t Narrow(WordLanes lanes) {
+  const ByteLanes bytes = __builtin_shufflevector((ByteLanes)lanes, (ByteLanes)lanes, 0, 4, 8, 12, 0, 0, 0, 0, 0, 0, 0,
+                                                  0, 0, 0, 0, 0);
+  return ((WordLanes)bytes)[0];
+}
+
 // Four pixel words mixed per byte with weights in 1/256:
-// ((p00 (256 - fx) + p10 fx) (256 - fy) + (p01 (256 - fx) + p11 fx) fy + 32768) >> 16.
+// ((p00 (256 - fx) + p10 fx) (256 - fy) + (p01 (256 - fx) + p11 fx) fy + 32768) >> 16,
+// the four bytes side by side in 32-bit lanes.
 inline uint32_t Bilinear(uint32_t p00, uint32_t p10, uint32_t p01, uint32_t p11, uint32_t fx, uint32_t fy) {
-  uint32_t word = 0;
-  for (int shift = 0; shift < 32; shift += 8) {
-    const uint32_t top = ((p00 >> shift) & 255) * (256 - fx) + ((p10 >> shift) & 255) * fx;
-    const uint32_t bottom = ((p01 >> shift) & 255) * (256 - fx) + ((p11 >> shift) & 255) * fx;
-    word |= ((top * (256 - fy) + bottom * fy + 32768) >> 16) << shift;
-  }
-  return word;
+  const WordLanes top = Widen(p00) * (256 - fx) + Widen(p10) * fx;
+  const WordLanes bottom = Widen(p01) * (256 - fx) + Widen(p11) * fx;
+  return Narrow((top * (256 - fy) + bottom * fy + 32768) >> 16);
 }
 
 template <bool kClamp>
