@@ -53,7 +53,7 @@ inline uint32_t Bilinear(uint32_t p00, uint32_t p10, uint32_t p01, uint32_t p11,
 }
 
 template <bool kClamp>
-uint32_t Sample(const Image& img, long x, long y, long quality) {
+[[gnu::always_inline]] inline uint32_t Sample(const Image& img, long x, long y, long quality) {
   if (img.Width() == 0 || img.Height() == 0) return 0;
   if (quality == 0) return WordAt<kClamp>(img, (x + 128) >> 8, (y + 128) >> 8);
   const long i = x >> 8, j = y >> 8;
