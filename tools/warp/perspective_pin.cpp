@@ -41,18 +41,28 @@ struct Neighbours {
   const uint32_t* bottom;
 };
 
+// The bytes of two pixel words as eight 16-bit lanes (first word in lanes 0 to 3).
+typedef uint8_t ByteLanes __attribute__((vector_size(16)));
+typedef uint16_t HalfLanes __attribute__((vector_size(16)));
+typedef uint32_t WordLanes __attribute__((vector_size(16)));
+inline HalfLanes Widen(uint32_t first, uint32_t second) {
+  const ByteLanes bytes = (ByteLanes)(WordLanes){first, second, 0, 0};
+  return (HalfLanes)__builtin_shufflevector(bytes, ByteLanes{}, 0, 16, 1, 16, 2, 16, 3, 16, 4, 16, 5, 16, 6, 16, 7, 16);
+}
+
 // The four pixels around (sx, sy) mixed with 8-bit weights: w00 = ((255 - fy)(255 - fx)) >> 8,
 // w10 = (fx (255 - fy)) >> 8, w01 = (fy (255 - fx)) >> 8, w11 = 256 - the others; each channel
-// (sum of w c + 127) >> 8. The sums stay below 65536, so two channels share a 32-bit word.
+// (sum of w c + 127) >> 8. The weights sum to 256, so every partial sum fits 16-bit lanes: the
+// top pair and the bottom pair are weighed side by side and the halves then added.
 inline uint32_t Weighted(Neighbours n, uint32_t fx, uint32_t fy) {
-  constexpr uint32_t kHalves = 0x00FF00FF;
-  const uint32_t w00 = ((255 - fy) * (255 - fx)) >> 8, w10 = (fx * (255 - fy)) >> 8, w01 = (fy * (255 - fx)) >> 8;
-  const uint32_t w11 = 256 - w00 - w10 - w01;
-  const auto mix = [&](int shift) {
-    return ((n.top[0] >> shift) & kHalves) * w00 + ((n.top[1] >> shift) & kHalves) * w10 +
-           ((n.bottom[0] >> shift) & kHalves) * w01 + ((n.bottom[1] >> shift) & kHalves) * w11 + 0x007F007F;
-  };
-  return ((mix(0) >> 8) & kHalves) | (mix(8) & ~kHalves);
+  const uint16_t w00 = uint16_t(((255 - fy) * (255 - fx)) >> 8), w10 = uint16_t((fx * (255 - fy)) >> 8);
+  const uint16_t w01 = uint16_t((fy * (255 - fx)) >> 8), w11 = uint16_t(256 - w00 - w10 - w01);
+  const HalfLanes sums = Widen(n.top[0], n.top[1]) * HalfLanes{w00, w00, w00, w00, w10, w10, w10, w10} +
+                         Widen(n.bottom[0], n.bottom[1]) * HalfLanes{w01, w01, w01, w01, w11, w11, w11, w11};
+  const HalfLanes mixed = (sums + __builtin_shufflevector(sums, sums, 4, 5, 6, 7, 0, 1, 2, 3) + 127) >> 8;
+  const ByteLanes bytes = __builtin_shufflevector((ByteLanes)mixed, (ByteLanes)mixed, 0, 2, 4, 6, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                  0, 0, 0, 0);
+  return ((WordLanes)bytes)[0];
 }
 
 // Quick: the nearest of the four pixels.
@@ -69,15 +79,17 @@ void PerspectiveRow(const PerspectiveRender& r, int y) {
   const double step_x = 256.0 * ((c.x[1] - c.x[0]) + y * r.twist_x / h);
   const double start_y = 256.0 * (h * c.y[0] + y * (c.y[2] - c.y[0]));
   const double step_y = 256.0 * ((h / w) * (c.y[1] - c.y[0]) + y * r.twist_y / w);
-  uint32_t* out = r.out->Row(y);
-  for (int x = 0; x < r.width; ++x) {
+  const int width = r.width, height = r.height;
+  const Image& src = *r.src;
+  uint32_t* __restrict out = r.out->Row(y);
+  for (int x = 0; x < width; ++x) {
     const int64_t sx = PositionOf(start_x + x * step_x), sy = PositionOf(start_y + x * step_y);
     const int64_t ix = sx >> 8, iy = sy >> 8;
-    if (sx < 256 || sy < 256 || ix >= r.width - 1 || iy >= r.height - 1) {
+    if (sx < 256 || sy < 256 || ix >= width - 1 || iy >= height - 1) {
       out[x] = 0;
       continue;
     }
-    const Neighbours n{r.src->Row(int(iy)) + ix, r.src->Row(int(iy + 1)) + ix};
+    const Neighbours n{src.Row(int(iy)) + ix, src.Row(int(iy + 1)) + ix};
     out[x] = kQuick ? Nearest(n, uint32_t(sx) & 255, uint32_t(sy) & 255) : Weighted(n, uint32_t(sx) & 255, uint32_t(sy) & 255);
   }
 }
