@@ -80,6 +80,7 @@ class Resampler {
   const Image& src_;
   Image& dst_;
   Taps x_, y_;
+  bool halves_ = false;  // a 32-bit image halved both ways by the triangle filter
 };
 
 }  // namespace kestrion
