@@ -268,10 +268,13 @@ void HalvedRow(const Resampler::Taps& rows, int y, const Image& src, uint32_t* s
     return lanes;
   };
   const int last = src.Width() - 1;
-  for (int o = 0; o < width; ++o) {
-    const WordLanes t = pixel(std::max(2 * o - 1, 0)) + 3 * (pixel(2 * o) + pixel(2 * o + 1)) + pixel(std::min(2 * o + 2, last));
-    out[o] = Narrow((t + 32) >> 6);
-  }
+  const auto mix = [&](int o, int left, int right) {
+    out[o] = Narrow((pixel(left) + 3 * (pixel(2 * o) + pixel(2 * o + 1)) + pixel(right) + 32) >> 6);
+  };
+  // The first and last pixels hold their outer taps to the edges; the others need no holding.
+  mix(0, 0, std::min(2, last));
+  for (int o = 1; o < width - 1; ++o) mix(o, 2 * o - 1, 2 * o + 2);
+  if (width > 1) mix(width - 1, 2 * width - 3, last);
 }
 
 }  // namespace
