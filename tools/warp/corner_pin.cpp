@@ -97,16 +97,9 @@ void CornerPositions(const CornerRender& r, double yn, int first, int count, int
   }
 }
 
-class CornerPin final : public ThreadedOperator {
+class CornerPin final : public CornerTool<kClassId> {
  public:
-  CornerPin(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    DeclareCornerInputs(this, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
-  }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+  using CornerTool::CornerTool;
 
   uint32_t Process(Request* req) override {
     const CornerPoints corners = ReadCorners(req, in_);
@@ -136,8 +129,6 @@ class CornerPin final : public ThreadedOperator {
                                                  });
   }
 
-  Input* in_[kCornerInputCount];
-  Output* image_out_;
   CornerRender render_;
 };
 

@@ -1,8 +1,10 @@
-// The inputs that the Corner and Perspective Positioners share: four corner points, in
-// normalised frame coordinates (0 to 1 across the frame, 0 at the top row), and the image.
+// What the Corner and Perspective Positioners share: their inputs (four corner points, in
+// normalised frame coordinates, 0 to 1 across the frame and 0 at the top row, and the image),
+// their output, record and thread settings.
 #pragma once
 
 #include "module/operator_contract.h"
+#include "module/registry.h"
 
 namespace kestrion::tools {
 
@@ -42,5 +44,23 @@ inline CornerPoints ReadCorners(Request* req, Input* const (&inputs)[kCornerInpu
   }
   return c;
 }
+
+// The base of both positioners, a tool of class `ClassId` that saves no fields of its own.
+template <uint32_t ClassId>
+class CornerTool : public ThreadedOperator {
+ public:
+  CornerTool(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
+    DeclareCornerInputs(this, in_);
+    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    SetThreadSettings(2, 0);
+    if (ar) module::SkipRecordEnd(ar);
+  }
+
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, ClassId, ar, tags); }
+
+ protected:
+  Input* in_[kCornerInputCount];
+  Output* image_out_;
+};
 
 }  // namespace kestrion::tools

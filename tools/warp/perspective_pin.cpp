@@ -94,16 +94,9 @@ void PerspectiveRow(const PerspectiveRender& r, int y) {
   }
 }
 
-class PerspectivePin final : public ThreadedOperator {
+class PerspectivePin final : public CornerTool<kClassId> {
  public:
-  PerspectivePin(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    DeclareCornerInputs(this, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
-  }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+  using CornerTool::CornerTool;
 
   uint32_t Process(Request* req) override {
     const CornerPoints corners = ReadCorners(req, in_);
@@ -134,8 +127,6 @@ class PerspectivePin final : public ThreadedOperator {
     module::ForEachRow(*this, module::BandRows(r.height, r.bands, band), [&](int y) { PerspectiveRow<kQuick>(r, y); });
   }
 
-  Input* in_[kCornerInputCount];
-  Output* image_out_;
   PerspectiveRender render_;
 };
 
