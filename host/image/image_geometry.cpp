@@ -164,6 +164,31 @@ const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x,
   return out;
 }
 
+// The samples of SamplePoints_Black and SamplePoints_Clamp. Bilinear samples whose four pixels
+// lie inside a 32-bit image are mixed straight from its rows, the size held in locals (stores
+// to `out` could otherwise change it, as far as the compiler knows); the rest go through the
+// checked sampler.
+template <bool kClamp>
+void SamplePoints(const Image& img, uint32_t* __restrict out, int count, const int32_t* x, const int32_t* y,
+                  long quality) {
+  const uint32_t last_x = uint32_t(img.Width() - 1), last_y = uint32_t(img.Height() - 1);
+  if (img.Depth() != 32 || quality == 0 || img.Width() == 0 || img.Height() == 0) {
+    for (int k = 0; k < count; ++k) out[k] = Sample<kClamp>(img, x[k], y[k], quality);
+    return;
+  }
+  void* const* rows = img.RowTable();
+  for (int k = 0; k < count; ++k) {
+    const int32_t i = x[k] >> 8, j = y[k] >> 8;
+    if (uint32_t(i) < last_x && uint32_t(j) < last_y) {
+      const uint32_t* top = static_cast<const uint32_t*>(rows[j]) + i;
+      const uint32_t* bottom = static_cast<const uint32_t*>(rows[j + 1]) + i;
+      out[k] = Bilinear(top[0], top[1], bottom[0], bottom[1], uint32_t(x[k]) & 255, uint32_t(y[k]) & 255);
+    } else {
+      out[k] = Sample<kClamp>(img, x[k], y[k], quality);
+    }
+  }
+}
+
 // --- Resampling ---
 
 }  // namespace
@@ -467,11 +492,11 @@ const uint32_t* Image::SampleRow_Clamp(uint32_t* out, int count, int32_t x, int3
 }
 
 void Image::SamplePoints_Black(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const {
-  for (int k = 0; k < count; ++k) out[k] = Sample<false>(*this, x[k], y[k], quality);
+  SamplePoints<false>(*this, out, count, x, y, quality);
 }
 
 void Image::SamplePoints_Clamp(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const {
-  for (int k = 0; k < count; ++k) out[k] = Sample<true>(*this, x[k], y[k], quality);
+  SamplePoints<true>(*this, out, count, x, y, quality);
 }
 
 }  // namespace kestrion
