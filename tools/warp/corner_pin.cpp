@@ -37,6 +37,7 @@ struct CornerRender {
   double v2x = 0, v2y = 0;             // where the top and bottom edges' lines meet
 };
 
+// The corners, coinciding ones nudged apart in this order, the edges and the vanishing points.
 CornerRender Setup(CornerPoints c) {
   CornerRender r;
   double &x0 = c.x[0], &x1 = c.x[1], &x2 = c.x[2], &x3 = c.x[3];
