@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include <emmintrin.h>
+
 #include "host/image/image.h"
 #include "host/image/image_internal.h"
 #include "host/image/image_rows.h"
@@ -30,13 +32,9 @@ inline uint32_t WordAt(const Image& img, long i, long j) {
   return img.Depth() == 8 ? uint32_t(img.MaskRow(int(j))[i]) * 0x01010101u : img.Row(int(j))[i];
 }
 
-// The four bytes of a pixel word as four 32-bit lanes, and back (byte shuffles).
+// Four 32-bit lanes, and their low bytes as one word (a byte shuffle).
 typedef uint8_t ByteLanes __attribute__((vector_size(16)));
 typedef uint32_t WordLanes __attribute__((vector_size(16)));
-inline WordLanes Widen(uint32_t word) {
-  const ByteLanes bytes = (ByteLanes)(WordLanes){word, 0, 0, 0};
-  return (WordLanes)__builtin_shufflevector(bytes, ByteLanes{}, 0, 16, 16, 16, 1, 16, 16, 16, 2, 16, 16, 16, 3, 16, 16, 16);
-}
 inline uint32_t Narrow(WordLanes lanes) {
   const ByteLanes bytes = __builtin_shufflevector((ByteLanes)lanes, (ByteLanes)lanes, 0, 4, 8, 12, 0, 0, 0, 0, 0, 0, 0,
                                                   0, 0, 0, 0, 0);
@@ -44,12 +42,22 @@ inline uint32_t Narrow(WordLanes lanes) {
 }
 
 // Four pixel words mixed per byte with weights in 1/256:
-// ((p00 (256 - fx) + p10 fx) (256 - fy) + (p01 (256 - fx) + p11 fx) fy + 32768) >> 16,
-// the four bytes side by side in 32-bit lanes.
+// ((p00 (256 - fx) + p10 fx) (256 - fy) + (p01 (256 - fx) + p11 fx) fy + 32768) >> 16.
+// The top and bottom sums of each byte (below 65536) side by side in 16-bit lanes; then one
+// multiply-add of lane pairs weighs them by 256 - fy and fy. That multiply-add is signed, so the
+// sums enter less 32768 and 32768 x 256 is added back.
 inline uint32_t Bilinear(uint32_t p00, uint32_t p10, uint32_t p01, uint32_t p11, uint32_t fx, uint32_t fy) {
-  const WordLanes top = Widen(p00) * (256 - fx) + Widen(p10) * fx;
-  const WordLanes bottom = Widen(p01) * (256 - fx) + Widen(p11) * fx;
-  return Narrow((top * (256 - fy) + bottom * fy + 32768) >> 16);
+  const __m128i zero = _mm_setzero_si128();
+  const auto pair = [&](uint32_t top, uint32_t bottom) {
+    return _mm_unpacklo_epi8(_mm_unpacklo_epi8(_mm_cvtsi32_si128(int(top)), _mm_cvtsi32_si128(int(bottom))), zero);
+  };
+  const __m128i sums = _mm_add_epi16(_mm_mullo_epi16(pair(p00, p01), _mm_set1_epi16(short(256 - fx))),
+                                     _mm_mullo_epi16(pair(p10, p11), _mm_set1_epi16(short(fx))));
+  const __m128i biased = _mm_xor_si128(sums, _mm_set1_epi16(short(0x8000)));
+  __m128i mixed = _mm_madd_epi16(biased, _mm_set1_epi32(int(fy << 16 | (256 - fy))));
+  mixed = _mm_srli_epi32(_mm_add_epi32(mixed, _mm_set1_epi32(32768 * 256 + 32768)), 16);
+  mixed = _mm_packs_epi32(mixed, mixed);
+  return uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(mixed, mixed)));
 }
 
 template <bool kClamp>
