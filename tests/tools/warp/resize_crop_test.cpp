@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -111,23 +110,6 @@ TEST_F(ResizeCropTest, ResizeTakesThesePixels) {
     Set(resize, "Width", c.out_w);
     Set(resize, "Height", c.out_h);
     EXPECT_EQ(RenderPixels(resize, 0, c.flags), c.expected);
-  }
-}
-
-// The bands on the worker threads give the bytes of the whole host operation.
-TEST_F(ResizeCropTest, ResizeBandsGiveTheWholeFilter) {
-  std::mt19937 random(31);
-  const std::pair<int, int> sizes[][2] = {{{37, 61}, {23, 41}}, {{61, 37}, {120, 70}}, {{5, 67}, {67, 17}}};
-  for (const auto& [in, out] : sizes) {
-    SCOPED_TRACE(testing::Message() << in.first << " x " << in.second);
-    Picture* source = Source(in.first, in.second, Noise(random, in.first * in.second));
-    Operator* resize = Tool("Resize");
-    Link(source, resize, "Image");
-    Set(resize, "Width", out.first);
-    Set(resize, "Height", out.second);
-    Ref<Image> whole = Ref<Image>::Adopt(new Image(out.first, out.second));
-    source->image->ImageResize(whole.get());
-    EXPECT_EQ(RenderPixels(resize), Pixels(*whole));
   }
 }
 
