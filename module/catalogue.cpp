@@ -6,6 +6,7 @@
 #include "host/graph/operator.h"
 #include "tools/clip/loader.h"
 #include "tools/clip/saver.h"
+#include "tools/clip/time_stretcher.h"
 #include "tools/color/color_tools.h"
 #include "tools/modifier/modifier_tools.h"
 
@@ -51,7 +52,8 @@ void RegisterCatalogue() {
   Standard<FourCC("TrMs")>(triangle_mask, "TriangleMask", Mask, {Category("Mask"), Describe("Draw a triangle"), Display("Triangle")});
   Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)});
   Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)});
-  Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()});
+  Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()},
+                              &tools::NewTimeStretcher);
   Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)},
                               &tools::NewMerge);
   Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)}, &tools::NewOffset);
