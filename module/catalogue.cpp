@@ -78,7 +78,8 @@ void RegisterCatalogue() {
   Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)}, &tools::NewCalculation);
   Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)});
   Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)});
-  Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()});
+  Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()},
+                              &tools::NewTracker);
   Standard<FourCC("3DVE")>(dve, "DVE", ImageTool, {Category("Warp"), Describe("Applies 3D rotation & perspective"), Long("DVE"), Group(141), ToolNo(0x100000F)});
   Standard<FourCC("Dent")>(dent, "Dent", ImageTool, {Category("Warp"), Short("Dnt"), Describe("Dents or bulges a frame"), Group(143), ToolNo(0x100000E)});
   Standard<FourCC("Bool")>(bool_img, "BoolImg", ImageTool, {Category("Color"), Short("Bol"), Describe("Allows Boolean combinations of foreground channels with the background"), Display("Channel Booleans"), ToolNo(0x1000007)},
