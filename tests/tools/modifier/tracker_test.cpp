@@ -15,23 +15,14 @@
 #include "host/document/flow_file.h"
 #include "tests/host/image/image_fixtures.h"
 #include "tests/host/test_tools.h"
+#include "tests/tools/modifier/feature_frames.h"
 
 namespace kestrion {
 namespace {
 
 using test::Bgra;
+using test::FeatureFrame;
 using test_tools::Picture;
-
-// A w x h frame of flat grey with a 9 x 7 feature of fixed-seed noise at each top-left corner.
-Ref<Image> FeatureFrame(int w, int h, const std::vector<std::pair<int, int>>& corners) {
-  std::vector<uint32_t> words(size_t(w * h), Bgra(90, 90, 90, 255));
-  for (const auto& [fx, fy] : corners) {
-    std::mt19937 random(17);
-    for (int y = 0; y < 7; ++y)
-      for (int x = 0; x < 9; ++x) words[size_t((fy + y) * w + fx + x)] = uint32_t(random()) | 0xFF000000u;
-  }
-  return test::MakeFrame(w, h, test::Rows::Owned, words).image;
-}
 
 // A frame whose pixel (x, y) holds x in blue and y in green.
 Ref<Image> CoordinateFrame(int w, int h) {
@@ -135,7 +126,7 @@ TEST_F(TrackerTest, SelectingCutsThePatternBoxInsideTheFrame) {
 TEST_F(TrackerTest, AFeatureIsFollowedWithinAPixel) {
   const std::vector<std::pair<int, int>> corners = {{100, 80}, {103, 81}, {107, 79}, {104, 85}, {98, 90}, {99, 90}};
   for (size_t t = 0; t < corners.size(); ++t) source_->frames[double(t)] = FeatureFrame(320, 240, {corners[t]});
-  Select(0, 104, 83);  // the feature's centre pixel
+  Select(0, 104.25, 83.25);  // within the feature's centre pixel
   for (size_t t = 1; t < corners.size(); ++t) {
     SCOPED_TRACE(t);
     const auto [x, y] = TrackedAt(double(t), *source_->frames[0]);
@@ -145,9 +136,10 @@ TEST_F(TrackerTest, AFeatureIsFollowedWithinAPixel) {
     EXPECT_EQ((std::vector<float>{keyed->x, keyed->y}), PointAt("Position", double(t)));
   }
   const std::vector<float> position = PointAt("Position", 5), steady = PointAt("Steady Position", 5);
-  EXPECT_FLOAT_EQ(steady[0], float(104.0 / 320 - position[0] + 0.5));
-  EXPECT_FLOAT_EQ(steady[1], float(83.0 / 240 - position[1] + 0.5));
-  EXPECT_FLOAT_EQ(PointAt("Unsteady Position", 5)[0], float(position[0] - 104.0 / 320 + 0.5));
+  const float ref_x = float(104.25 / 320), ref_y = float(83.25 / 240);
+  EXPECT_FLOAT_EQ(steady[0], ref_x - position[0] + 0.5f);
+  EXPECT_FLOAT_EQ(steady[1], ref_y - position[1] + 0.5f);
+  EXPECT_FLOAT_EQ(PointAt("Unsteady Position", 5)[0], position[0] - ref_x + 0.5f);
 }
 
 // Two copies of the feature match equally: the one in the earlier row wins, and on one row the
@@ -166,7 +158,7 @@ TEST_F(TrackerTest, TiesGoToTheEarlierRowThenColumn) {
     doc_.RemoveTool(tracker_);
     tracker_ = doc_.CreateTool("Tracker");
     ASSERT_TRUE(doc_.Connect(source_->out, In("Image")));
-    Select(0, 124, 103);
+    Select(0, 124.25, 103.25);
     const auto [x, y] = TrackedAt(1, *source_->frames[0]);
     EXPECT_NEAR(x, c.winner.first + 4, 1.0);
     EXPECT_NEAR(y, c.winner.second + 3, 1.0);
@@ -188,7 +180,7 @@ TEST_F(TrackerTest, EachFieldKeepsItsOwnPattern) {
   };
   source_->frames = {{0.0, field({60, 60}, false)}, {0.5, field({60, 60}, true)},
                      {1.0, field({63, 62}, false)}, {1.5, field({63, 62}, true)}};
-  Select(0, 64, 63);
+  Select(0, 64.25, 63.25);
   for (double time : {1.0, 1.5}) {
     const auto [x, y] = TrackedAt(time, *source_->frames[0]);
     EXPECT_NEAR(x, 67, 1.0) << time;
@@ -204,7 +196,7 @@ TEST_F(TrackerTest, EachFieldKeepsItsOwnPattern) {
 TEST_F(TrackerTest, ALoadedTrackerCutsItsPatternFromTheReferenceFrameAgain) {
   const std::vector<std::pair<int, int>> corners = {{100, 80}, {103, 81}, {107, 79}};
   for (size_t t = 0; t < corners.size(); ++t) source_->frames[double(t)] = FeatureFrame(320, 240, {corners[t]});
-  Select(0, 104, 83);
+  Select(0, 104.25, 83.25);
   PointAt("Position", 1);
   const std::vector<float> tracked = PointAt("Position", 2);
 
@@ -213,8 +205,8 @@ TEST_F(TrackerTest, ALoadedTrackerCutsItsPatternFromTheReferenceFrameAgain) {
   tracker_->Operator::Save(&base, nullptr);
   CArchive fields;
   fields.WriteDouble(0.0);
-  fields.WriteDouble(double(float(104.0 / 320)));
-  fields.WriteDouble(double(float(83.0 / 240)));
+  fields.WriteDouble(double(float(104.25 / 320)));
+  fields.WriteDouble(double(float(83.25 / 240)));
   fields.WriteInt(1);
   std::vector<uint8_t> expected = {'T', 'r', 'a', 'k'};
   expected.insert(expected.end(), base.Bytes().begin(), base.Bytes().end());
