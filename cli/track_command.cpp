@@ -55,7 +55,8 @@ FrameResult TrackFrame(CPipelineDoc& doc, Operator* tracker, long frame, uint32_
 FrameResult SaveTrack(const CPipelineDoc& doc, const std::string& flow, const std::string& target) {
   const fs::path path(target);
   std::string name = ".";
-  name.append(path.stem().string()).append(".track-").append(std::to_string(::getpid())).append(path.extension().string());
+  name.append(path.stem().string()).append(".track-").append(std::to_string(::getpid()));
+  name.append(path.extension().string());
   const fs::path temp = path.parent_path() / name;
   HostError err;
   if (!SaveFlowFile(doc, temp.string(), &err)) return {status::FrameFailed, err.message};

@@ -122,8 +122,8 @@ class TimeStretcher final : public ThreadedOperator {
     r.out = NewImage(req, b);
     SourceGrid grid;
     SourceGridOf(in_[ImageIn], grid);
-    r.weights = WeightsFor(module::NumberInput(req, in_[SourceTime]), req->GetInputTime(in_[ImageIn], Centre), grid.step,
-                           module::NumberInput(req, in_[SampleSpread]));
+    r.weights = WeightsFor(module::NumberInput(req, in_[SourceTime]), req->GetInputTime(in_[ImageIn], Centre),
+                           grid.step, module::NumberInput(req, in_[SampleSpread]));
     // Only the area the three frames and the output share is blended; the rest stays clear.
     r.height = std::min({r.previous->Height(), b->Height(), r.next->Height()});
     r.row_bytes = std::min({r.previous->Width(), b->Width(), r.next->Width()}) * int(b->BytesPerPixel());

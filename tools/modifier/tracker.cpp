@@ -168,7 +168,8 @@ class PatternSearch {
       c.y0 = std::max(module::TruncToInt(h * py - d), 1);
       c.y1 = std::min(c.y0 + 2 * d, c.y1);
     }
-    const Match centred{true, module::TruncToInt(w * px) - pattern_.width / 2, module::TruncToInt(h * py) - pattern_.height / 2};
+    const Match centred{true, module::TruncToInt(w * px) - pattern_.width / 2,
+                        module::TruncToInt(h * py) - pattern_.height / 2};
     return Best<1>(c, {2, pattern_.height - 4, pattern_.width - 4}, kLocalStart, centred);
   }
 
@@ -243,7 +244,6 @@ class Tracker final : public ThreadedOperator {
     out_[UnsteadyOut] = AddOutput("Unsteady Position", vtype::Point, ImageOutputId(4));
     SetThreadSettings(2, 0);
     if (!ar) return;
-    // Records saved without the odd-size flag cut patterns of even sides.
     reference_time_ = ar->ReadDouble();
     reference_.x = ar->ReadDouble();
     reference_.y = ar->ReadDouble();
@@ -354,7 +354,8 @@ class Tracker final : public ThreadedOperator {
     for (int j = 0; j < pattern.Height(); ++j) {
       const uint8_t* row = frame.MaskRow(std::clamp(top + j, 0, h - 1));
       for (int i = 0; i < pattern.Width(); ++i)
-        std::copy_n(row + size_t(std::clamp(left + i, 0, w - 1)) * bytes, bytes, pattern.MaskRow(j) + size_t(i) * bytes);
+        std::copy_n(row + size_t(std::clamp(left + i, 0, w - 1)) * bytes, bytes,
+                    pattern.MaskRow(j) + size_t(i) * bytes);
     }
     pattern.ImageResize(scaled_[field].get());
   }
@@ -380,7 +381,8 @@ class Tracker final : public ThreadedOperator {
     // first only speeds the coarse search up.
     const auto first_sight = [&](Place hint) {
       const int rows = frame_.height - pattern_plane_.height - 1;
-      const Place coarse = rows < 1 ? Place{} : PlaceOf(search.Coarse(accuracy, search.Local(hint.x, hint.y, kLocalDivisor)));
+      const Place coarse =
+          rows < 1 ? Place{} : PlaceOf(search.Coarse(accuracy, search.Local(hint.x, hint.y, kLocalDivisor)));
       return Found(search.Local(coarse.x, coarse.y, kLocalDivisor), coarse);
     };
     if (req->flags & rflag::Interactive) {
@@ -429,7 +431,7 @@ class Tracker final : public ThreadedOperator {
   Place reference_, current_, search_start_, restart_;
   Ref<Image> pattern_[2], scaled_[2];  // per field
   bool tracking_ = false, have_previous_ = false;
-  int32_t odd_sides_ = 1;
+  int32_t odd_sides_ = 1;  // 0: patterns of even sides (2h), as flows of old kept them
   int half_x_ = 2, half_y_ = 2;
   // Kept between renders to save allocations.
   Plane frame_, pattern_plane_, region_plane_, scaled_plane_, frame_even_, frame_odd_, pattern_even_, pattern_odd_;
