@@ -202,6 +202,14 @@ class PatternSearch {
   const std::atomic<int32_t>& abort_;
 };
 
+// A new image like `like` that the tool holds beyond the request (the request would hand its
+// own images on as its own when the tool shows them).
+Ref<Image> HeldImage(int width, int height, const Image& like) {
+  Ref<Image> img = Ref<Image>::Adopt(new Image(width, height, like.Depth()));
+  img->CopyAttributesFrom(like);
+  return img;
+}
+
 // A position in fractions of the frame, x from the left, y down from the first row.
 struct Place {
   double x = 0.0, y = 0.0;
@@ -307,8 +315,8 @@ class Tracker final : public ThreadedOperator {
       if (selecting) reference_time_ = req->time;
       if (reference_time_ != kNoReference && !(pattern_[field] && pattern_[field]->Width() == pw &&
                                                pattern_[field]->Height() == ph)) {
-        pattern_[field] = Ref<Image>::Share(NewImage(req, pw, ph, src->Depth(), src));
-        scaled_[field] = Ref<Image>::Share(NewImage(req, kRefinement * pw, kRefinement * ph, src->Depth(), src));
+        pattern_[field] = HeldImage(pw, ph, *src);
+        scaled_[field] = HeldImage(kRefinement * pw, kRefinement * ph, *src);
       }
       if (selecting) {
         auto* centre = dynamic_cast<Point*>(req->GetInputData(in_[Center]));
