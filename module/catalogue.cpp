@@ -6,6 +6,7 @@
 #include "host/graph/operator.h"
 #include "tools/clip/loader.h"
 #include "tools/clip/saver.h"
+#include "tools/clip/time_stretcher.h"
 #include "tools/color/color_tools.h"
 #include "tools/modifier/modifier_tools.h"
 #include "tools/warp/warp_tools.h"
@@ -53,7 +54,8 @@ void RegisterCatalogue() {
   Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)},
                               &tools::NewCornerPin);
   Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)});
-  Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()});
+  Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()},
+                              &tools::NewTimeStretcher);
   Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)},
                               &tools::NewMerge);
   Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)}, &tools::NewOffset);
@@ -82,7 +84,8 @@ void RegisterCatalogue() {
   Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)}, &tools::NewCalculation);
   Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)});
   Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)});
-  Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()});
+  Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()},
+                              &tools::NewTracker);
   Standard<FourCC("3DVE")>(dve, "DVE", ImageTool, {Category("Warp"), Describe("Applies 3D rotation & perspective"), Long("DVE"), Group(141), ToolNo(0x100000F)});
   Standard<FourCC("Dent")>(dent, "Dent", ImageTool, {Category("Warp"), Short("Dnt"), Describe("Dents or bulges a frame"), Group(143), ToolNo(0x100000E)});
   Standard<FourCC("Bool")>(bool_img, "BoolImg", ImageTool, {Category("Color"), Short("Bol"), Describe("Allows Boolean combinations of foreground channels with the background"), Display("Channel Booleans"), ToolNo(0x1000007)},
