@@ -168,32 +168,32 @@ class Dissolve final : public ThreadedOperator {
       if (single) single->Use();
       return req->SetOutputData(image_out_, single);
     }
-    Image* out = NewImage(req, bg);
-
     if (operation == 3.0) crt_srand(InstanceValue());
     if (operation == 4.0) crt_srand(SeedAt(req->time));
     DissolveRender& d = render_;
     d.kernel = KernelFor(module::TruncToInt(operation));
-    if (!d.kernel) return req->SetOutputData(image_out_, out);
+    if (!d.kernel) return req->SetOutputData(image_out_, NewImage(req, bg));
     d.fg = fg;
     d.bg = bg;
-    d.out = out;
     d.width = std::min(fg->Width(), bg->Width());
     d.height = std::min(fg->Height(), bg->Height());
+    // Where the foreground covers the background every output byte is written; elsewhere the
+    // uncovered part stays cleared.
+    d.out = d.width == bg->Width() && d.height == bg->Height() ? NewImageUnset(req, bg) : NewImage(req, bg);
     d.blend = module::BlendWeightOf(mix);
     d.threshold = module::WrapAdd(module::TruncToInt(mix * 32767.0), 1);
     if (d.kernel == DissolveRow && d.blend.weight >= 0 && d.blend.weight < 32768) d.kernel = DissolveRowNarrow;
     if (d.kernel == RandomRow) PrepareDraws(d);
     d.bands = module::RowBands(d.height);
     DoMultiProcess(req, d.bands);
-    return req->SetOutputData(image_out_, out);
+    return req->SetOutputData(image_out_, d.out);
   }
 
   void ProcessChunk(Request*, long band) override {
     const DissolveRender& d = render_;
     const module::RowSpan rows = module::BandRows(d.height, d.bands, band);
     uint32_t state = CrtSteps::Of(uint64_t(rows.begin) * uint64_t(d.width)).Apply(d.first_state);
-    module::ForEachRow(*this, rows, [&](int y) {
+    module::WriteEachRow(*this, *d.out, rows, [&](int y) {
       d.kernel(d.fg->Row(y), d.bg->Row(y), d.out->Row(y), d.width, d, state);
       state = d.row_steps.Apply(state);
     });
