@@ -215,9 +215,31 @@ Saturation::Saturation(float red, float green, float blue) {
       const double v = std::floor(d * double(factors[c]) + 0.5);
       delta_[c][size_t(d + 255)] = int32_t(v >= 256.0 ? 256 : v <= -256.0 ? -256 : v == v ? v : 0.0);
     }
+  // The factor in 1/2^20, checked against the table for every difference.
+  by_products_ = true;
+  for (size_t c = 0; c < 3; ++c) {
+    by_products_ = by_products_ && factors[c] >= 0.0f && factors[c] < 8.0f;
+    if (!by_products_) break;
+    step_[c] = int32_t(std::lround(double(factors[c]) * (1 << 20)));
+    for (int d = -255; d <= 255; ++d)
+      by_products_ = by_products_ && std::clamp((d * step_[c] + (1 << 19)) >> 20, -256, 256) == delta_[c][size_t(d + 255)];
+  }
 }
 
 void Saturation::Row(const uint32_t* in, uint32_t* out, int count) const {
+  if (by_products_) {
+    // The deltas need no holding here: past -256 or 256 the byte is held to 0 or 255 anyway.
+    const int32_t blue = step_[0], green = step_[1], red = step_[2];
+    MapWords(in, out, count, [blue, green, red](uint32_t p) {
+      const int b = int(p & 255), g = int(p >> 8 & 255), r = int(p >> 16 & 255);
+      const int y = Luminance(r, g, b);
+      const auto moved = [y](int32_t step, int c) {
+        return uint32_t(std::clamp(y + (((c - y) * step + (1 << 19)) >> 20), 0, 255));
+      };
+      return (p & 0xFF000000u) | moved(red, r) << 16 | moved(green, g) << 8 | moved(blue, b);
+    });
+    return;
+  }
   MapWords(in, out, count, [this](uint32_t p) {
     const int b = int(p & 255), g = int(p >> 8 & 255), r = int(p >> 16 & 255);
     const int y = Luminance(r, g, b);
