@@ -30,21 +30,25 @@ namespace {
 // of colours) are marked by the integer pass and recomputed by the doubles themselves.
 
 // The double formulas: r, g, b = bytes / 255; each result byte is the value * 255, rounded.
-// Returns the pixel word with H, L, S in the red, green and blue bytes, alpha kept.
+// The hue byte alone, and the pixel word with H, L, S in the red, green and blue bytes, alpha
+// kept.
+uint32_t HueByDoubles(uint32_t p) {
+  const double r = (p >> 16 & 255) / 255.0, g = (p >> 8 & 255) / 255.0, b = (p & 255) / 255.0;
+  const double mx = std::max({r, g, b}), mn = std::min({r, g, b});
+  if (mx == mn) return 0;
+  const double rc = (mx - r) / (mx - mn), gc = (mx - g) / (mx - mn), bc = (mx - b) / (mx - mn);
+  double h = r == mx ? bc - gc : g == mx ? 2.0 + rc - bc : 4.0 + gc - rc;
+  h /= 6.0;
+  h -= std::floor(h);
+  return RoundToByte(h * 255.0);
+}
+
 uint32_t HlsByDoubles(uint32_t p) {
   const double r = (p >> 16 & 255) / 255.0, g = (p >> 8 & 255) / 255.0, b = (p & 255) / 255.0;
   const double mx = std::max({r, g, b}), mn = std::min({r, g, b});
   const double l = (mx + mn) / 2.0;
-  double h = 0.0, s = 0.0;
-  if (mx != mn) {
-    s = l <= 0.5 ? (mx - mn) / (mx + mn) : (mx - mn) / (2.0 - mx - mn);
-    const double rc = (mx - r) / (mx - mn), gc = (mx - g) / (mx - mn), bc = (mx - b) / (mx - mn);
-    h = r == mx ? bc - gc : g == mx ? 2.0 + rc - bc : 4.0 + gc - rc;
-    h /= 6.0;
-    h -= std::floor(h);
-  }
-  return (p & 0xFF000000u) | uint32_t(RoundToByte(h * 255.0)) << 16 | uint32_t(RoundToByte(l * 255.0)) << 8 |
-         RoundToByte(s * 255.0);
+  const double s = mx == mn ? 0.0 : l <= 0.5 ? (mx - mn) / (mx + mn) : (mx - mn) / (2.0 - mx - mn);
+  return (p & 0xFF000000u) | HueByDoubles(p) << 16 | uint32_t(RoundToByte(l * 255.0)) << 8 | RoundToByte(s * 255.0);
 }
 
 // Colours by their largest and smallest byte, max >= min: index max (max + 1) / 2 + min.
@@ -151,9 +155,9 @@ inline uint32_t RgbOfHls(uint32_t p) {
   for (int x = 0; x < n; ++x) out[x] = HlsByIntegers(lightness_saturation, in[x], tied[x]);
 }
 
-// RGB to HLS in blocks: the integer pass over a block, then the doubles for its pixels on hue
-// ties, found eight marks at a time. The doubles read the original words, kept on the stack
-// when the row is converted in place.
+// RGB to HLS in blocks: the integer pass over a block, then the hue of the doubles for its
+// pixels on hue ties, found eight marks at a time. The doubles read the original words, kept
+// on the stack when the row is converted in place.
 void HlsOfRgbRow(const uint32_t* in, uint32_t* out, int count) {
   constexpr int kBlock = 256;
   const uint32_t* lightness_saturation = TheHlsTables().lightness_saturation.data();
@@ -170,7 +174,7 @@ void HlsOfRgbRow(const uint32_t* in, uint32_t* out, int count) {
       std::memcpy(&marks, tied + x, 8);
       for (; marks != 0; marks &= marks - 1) {
         const int i = x + std::countr_zero(marks) / 8;
-        out[start + i] = HlsByDoubles(source[i]);
+        out[start + i] = (out[start + i] & 0xFF00FFFFu) | HueByDoubles(source[i]) << 16;
       }
     }
   }
