@@ -1,5 +1,6 @@
 // How the benchmarks drive a tool: one whole Process call on a request per run, as the
-// renderer makes it (the output frame is allocated and released every time), on 1920 x 1080
+// renderer makes it (the output frame is taken and released every time, through the host's pool
+// of pixel memory as in a render of a sequence), on 1920 x 1080
 // noise with the worker threads the argument gives; the cases that more than one benchmark
 // program measures; the frame copy that the tools are read against; and the main of a program
 // that needs the tool module.

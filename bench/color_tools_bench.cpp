@@ -1,8 +1,9 @@
 // The colour and compositing tools on 1920 x 1080 frames of fixed-seed noise, in megapixels per
 // second, with 1 and 2 worker threads (the argument). BM_Memcpy is the yardstick: the frame
-// copied in row bands on the same worker threads. BM_NewFrame is what every tool pays before its
-// first pixel: Dissolve with an operation it does not know makes its cleared output frame and
-// writes nothing.
+// copied in row bands on the same worker threads. BM_NewFrame is what a tool that takes a cleared
+// output frame pays before its first pixel: Dissolve with an operation it does not know makes
+// its cleared frame and writes nothing. (Tools that write every row take an uncleared frame from
+// the host's pool and pay next to nothing.)
 #include <benchmark/benchmark.h>
 
 #include "bench/bench_tools.h"
