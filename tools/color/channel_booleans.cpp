@@ -81,8 +81,7 @@ struct BooleansRender {
   int shift[4] = {};
   int32_t passed[4] = {};
   bool chosen_in_place = true;  // every byte is fed by the foreground byte in its own place
-  // A piece's worth of pixel words with 255 in each byte that passes the background through.
-  uint32_t kept[kPiece] = {};
+  uint32_t kept = 0;            // 255 in each byte that passes the background through
   int32_t blend = 255, inverse = 0;  // b and 255 - b, b = trunc(blend * 255)
 };
 
@@ -93,8 +92,21 @@ void ChooseBytes(const uint32_t* f, uint32_t* __restrict chosen, int count, cons
     chosen[x] = (f[x] >> s0 & 255) | (f[x] >> s1 & 255) << 8 | (f[x] >> s2 & 255) << 16 | (f[x] >> s3) << 24;
 }
 
-// Runs piece(f, b, out, n) over the row in pieces, f holding the chosen foreground bytes.
-template <class Piece>
+// The bytes that pass the background through, put back into a piece: p itself, or blended with
+// itself, (p (255 - b) + p b) >> 8 = (255 p) >> 8, two bytes to a 32-bit product.
+template <bool Blended>
+void KeepPassed(const uint32_t* b, uint32_t* __restrict out, int count, uint32_t kept) {
+  constexpr uint32_t kHalves = 0x00FF00FF;
+  for (int x = 0; x < count; ++x) {
+    const uint32_t p = b[x];
+    const uint32_t value = Blended ? ((p & kHalves) * 255 >> 8 & kHalves) | ((p >> 8 & kHalves) * 255 & ~kHalves) : p;
+    out[x] = (out[x] & ~kept) | (value & kept);
+  }
+}
+
+// Runs piece(f, b, out, n) over the row in pieces, f holding the chosen foreground bytes, then
+// puts back the bytes that pass the background through.
+template <bool Blended, class Piece>
 void ForEachPiece(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansRender& t,
                   Piece piece) {
   uint32_t chosen[kPiece];
@@ -106,6 +118,7 @@ void ForEachPiece(const uint32_t* f, const uint32_t* b, uint32_t* out, int count
       from = chosen;
     }
     piece(from, b + start, out + start, n);
+    if (t.kept != 0) KeepPassed<Blended>(b + start, out + start, n, t.kept);
   }
 }
 
@@ -116,12 +129,11 @@ void ForEachPiece(const uint32_t* f, const uint32_t* b, uint32_t* out, int count
 // logical operations at the speed of a copy).
 template <int Op>
 void PlainRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansRender& t) {
-  ForEachPiece(f, b, out, count, t, [&](const uint32_t* from, const uint32_t* behind, uint32_t* to, int n) {
-    const auto* kept = reinterpret_cast<const uint8_t*>(t.kept);
+  ForEachPiece<false>(f, b, out, count, t, [](const uint32_t* from, const uint32_t* behind, uint32_t* to, int n) {
     const auto* fb = reinterpret_cast<const uint8_t*>(from);
     const auto* pb = reinterpret_cast<const uint8_t*>(behind);
     auto* ob = reinterpret_cast<uint8_t*>(to);
-    for (int i = 0; i < 4 * n; ++i) ob[i] = uint8_t((Combine(Op, fb[i], pb[i]) & ~kept[i]) | (pb[i] & kept[i]));
+    for (int i = 0; i < 4 * n; ++i) ob[i] = uint8_t(Combine(Op, fb[i], pb[i]));
   });
 }
 
@@ -134,18 +146,16 @@ using Lanes16 = uint16_t __attribute__((may_alias));
 template <int Op>
 void BlendedRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const BooleansRender& t) {
   const uint16_t blend = uint16_t(t.blend), inverse = uint16_t(t.inverse);
-  ForEachPiece(f, b, out, count, t, [&](const uint32_t* from, const uint32_t* behind, uint32_t* to, int n) {
-    const auto* kept = reinterpret_cast<const Lanes16*>(t.kept);
+  ForEachPiece<true>(f, b, out, count, t, [=](const uint32_t* from, const uint32_t* behind, uint32_t* to, int n) {
     const auto* f16 = reinterpret_cast<const Lanes16*>(from);
     const auto* p16 = reinterpret_cast<const Lanes16*>(behind);
     auto* o16 = reinterpret_cast<Lanes16*>(to);
-    const auto result = [&](uint16_t fc, uint16_t pc, uint16_t kept) {
-      const uint16_t r = uint16_t((Combine(Op, fc, pc) & ~kept) | (pc & kept));
-      return uint16_t(uint16_t(pc * inverse) + uint16_t(r * blend));  // the new byte in bits 8 to 15
+    const auto result = [=](uint16_t fc, uint16_t pc) {
+      return uint16_t(uint16_t(pc * inverse) + uint16_t(Combine(Op, fc, pc) * blend));  // the new byte in bits 8 to 15
     };
     for (int i = 0; i < 2 * n; ++i) {
-      const uint16_t fw = f16[i], pw = p16[i], kw = kept[i];
-      o16[i] = uint16_t(result(fw & 255, pw & 255, kw & 255) >> 8 | (result(fw >> 8, pw >> 8, kw >> 8) & 0xFF00));
+      const uint16_t fw = f16[i], pw = p16[i];
+      o16[i] = uint16_t(result(fw & 255, pw & 255) >> 8 | (result(fw >> 8, pw >> 8) & 0xFF00));
     }
   });
 }
@@ -263,8 +273,8 @@ class ChannelBooleans final : public ThreadedOperator {
       t.passed[byte] = passed ? -1 : 0;
       t.chosen_in_place = t.chosen_in_place && t.shift[byte] == 8 * byte;
     }
-    std::fill_n(t.kept, kPiece, uint32_t(t.passed[0] & 0xFF) | uint32_t(t.passed[1] & 0xFF00) |
-                                    uint32_t(t.passed[2] & 0xFF0000) | uint32_t(t.passed[3] & 0xFF000000));
+    t.kept = uint32_t(t.passed[0] & 0xFF) | uint32_t(t.passed[1] & 0xFF00) | uint32_t(t.passed[2] & 0xFF0000) |
+             uint32_t(t.passed[3] & 0xFF000000);
     t.blend = blend;
     t.inverse = int32_t(255u - uint32_t(blend));
     const size_t known = size_t(operation >= 0 && operation < Keep ? operation : Keep);
