@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "host/graph/request.h"
 
@@ -52,18 +52,21 @@ class PixelPool {
   void Give(uint8_t* memory, size_t bytes) {
     if (bytes < kSmallest || bytes > kMostBytes) return Free(memory);
     ASAN_POISON_MEMORY_REGION(memory, bytes);
-    std::vector<uint8_t*> dropped;
+    std::vector<Kept> dropped;
     {
       std::lock_guard<std::mutex> hold(lock_);
       kept_.push_back({memory, bytes});
       kept_bytes_ += bytes;
       while (kept_.size() > kMostBuffers || kept_bytes_ > kMostBytes) {
-        dropped.push_back(kept_.front().memory);
+        dropped.push_back(kept_.front());
         kept_bytes_ -= kept_.front().bytes;
         kept_.erase(kept_.begin());
       }
     }
-    for (uint8_t* m : dropped) Free(m);
+    for (const Kept& k : dropped) {
+      ASAN_UNPOISON_MEMORY_REGION(k.memory, k.bytes);
+      Free(k.memory);
+    }
   }
 
  private:
