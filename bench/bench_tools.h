@@ -108,6 +108,7 @@ inline const ToolCase kMergeStraight{"Merge", {{"Size", 1.0}, {"Angle", 0.0}}};
 inline const ToolCase kMergeRotated{"Merge", {{"Size", 1.3}, {"Angle", 30.0}, {kAdditiveLabel, 0.5}, {"Alpha Gain", 0.8}}};
 inline const ToolCase kDissolveDissolve{"Dissolve", {{"Operation", 0}, {kMixLabel, 0.4}}};
 inline const ToolCase kBooleansAdd{"BoolImg", {{"Operation", 1}, {"Blend", 0.7}}};
+inline const ToolCase kBooleansAddUnblended{"BoolImg", {{"Operation", 1}, {"Blend", 1.0}}};
 inline const ToolCase kBooleansAnd{"BoolImg", {{"Operation", 3}, {"Blend", 1.0}}};
 inline const ToolCase kColorGain{"ColorGain", {{"Gain Red", 1.2}, {"Gamma Green", 1.4}, {"Saturation Blue", 0.8}}, false};
 inline const ToolCase kColorSpaceToHLS{"ColorSpace", {{"Color Space Conversion", 1}}, false};

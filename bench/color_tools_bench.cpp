@@ -19,6 +19,7 @@ void BM_MergeRotated(benchmark::State& s) { RunTool(s, kMergeRotated); }
 void BM_DissolveDissolve(benchmark::State& s) { RunTool(s, kDissolveDissolve); }
 void BM_DissolveRandom(benchmark::State& s) { RunTool(s, {"Dissolve", {{"Operation", 3}, {kMixLabel, 0.4}}}); }
 void BM_BooleansAdd(benchmark::State& s) { RunTool(s, kBooleansAdd); }
+void BM_BooleansAddUnblended(benchmark::State& s) { RunTool(s, kBooleansAddUnblended); }
 void BM_BooleansAnd(benchmark::State& s) { RunTool(s, kBooleansAnd); }
 void BM_BooleansDivide(benchmark::State& s) { RunTool(s, {"BoolImg", {{"Operation", 7}, {"Blend", 1.0}}}); }
 void BM_ColorGain(benchmark::State& s) { RunTool(s, kColorGain); }
@@ -32,6 +33,7 @@ BENCHMARK(BM_MergeRotated)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_DissolveDissolve)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_DissolveRandom)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_BooleansAdd)->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_BooleansAddUnblended)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_BooleansAnd)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_BooleansDivide)->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_ColorGain)->Arg(1)->Arg(2)->UseRealTime();
