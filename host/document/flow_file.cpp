@@ -295,11 +295,11 @@ class TextFlowReader {
     std::pair<int, int> position{0, 0};
     if (entry.contains("position"))
       position = ReadPosition(entry["position"], where + ": \"position\" must be [x, y] in whole numbers");
-    Object* obj = nullptr;
-    if (entry.contains("data") && entry["data"].is_object()) {
-      obj = reg->Create(nullptr, nullptr);
+    Object* obj = reg->Create(nullptr, nullptr);
+    if (entry.contains("data") && (entry["data"].is_object() || dynamic_cast<NodeListTool*>(obj))) {
       ApplyNodeLists(dynamic_cast<Operator*>(obj), entry["data"], where);
     } else if (entry.contains("data")) {
+      if (obj) obj->Recycle();
       // The tool's own fields follow a base record that holds nothing but the name and place.
       std::vector<uint8_t> fields;
       if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
@@ -322,12 +322,6 @@ class TextFlowReader {
         obj->Recycle();
         throw FlowError{where + ": its \"data\" is longer than a " + class_name + " keeps"};
       }
-      if (dynamic_cast<NodeListTool*>(obj)) {
-        obj->Recycle();
-        throw FlowError{where + ": the \"data\" of a " + class_name + " is written as node lists, not bytes"};
-      }
-    } else {
-      obj = reg->Create(nullptr, nullptr);
     }
     auto* op = dynamic_cast<Operator*>(obj);
     if (!op) {
@@ -338,7 +332,8 @@ class TextFlowReader {
     return doc_.AddTool(op, name);
   }
 
-  // Gives a node-list tool its data from a text flow; the tool is released when it is refused.
+  // Gives a node-list tool its data from a text flow; the tool is released when it is refused
+  // (as is any other tool given an object).
   static void ApplyNodeLists(Operator* op, const Json& data, const std::string& where) {
     auto* tool = dynamic_cast<NodeListTool*>(op);
     if (!tool) {
