@@ -89,22 +89,16 @@ int FirstNonZero(const uint8_t* p, int n) {
   return n;
 }
 
-// The offset of the last non-zero byte of p[0..n), or -1 when there is none.
-int LastNonZero(const uint8_t* p, int n) {
-  int i = n;
-  for (; i >= 8; i -= 8) {
-    uint64_t word;
-    std::memcpy(&word, p + i - 8, 8);
-    if (word) break;
-  }
-  for (; i > 0; --i)
-    if (p[i - 1]) return i - 1;
-  return -1;
+// Whether column x has a non-zero pixel in rows top .. bottom - 1.
+bool ColumnHasNonZero(const Image& mask, int x, int top, int bottom) {
+  for (int y = top; y < bottom; ++y)
+    if (mask.MaskRow(y)[x]) return true;
+  return false;
 }
 
 // The smallest rectangle inside `box` that holds every non-zero pixel of the mask (nothing
-// outside `box` is non-zero). Rows are searched from the top and bottom; each later row only
-// looks at the columns left of the left edge and right of the right edge found so far.
+// outside `box` is non-zero). The box is the drawn shapes' extents, so its edge rows and columns
+// almost always hold a non-zero pixel: the search looks at them first and moves inwards.
 CRect NonZeroBounds(const Image& mask, CRect box) {
   const int span = box.right - box.left;
   int top = box.top;
@@ -112,12 +106,9 @@ CRect NonZeroBounds(const Image& mask, CRect box) {
   if (top == box.bottom) return CRect{};
   int bottom = box.bottom;
   while (FirstNonZero(mask.MaskRow(bottom - 1) + box.left, span) == span) --bottom;
-  int left = box.right, right = box.left;
-  for (int y = top; y < bottom; ++y) {
-    const uint8_t* row = mask.MaskRow(y);
-    left = box.left + FirstNonZero(row + box.left, left - box.left);
-    right = std::max(right, right + 1 + LastNonZero(row + right, box.right - right));
-  }
+  int left = box.left, right = box.right;
+  while (!ColumnHasNonZero(mask, left, top, bottom)) ++left;
+  while (!ColumnHasNonZero(mask, right - 1, top, bottom)) --right;
   return CRect{left, top, right, bottom};
 }
 
