@@ -4,7 +4,6 @@
 // is a path node list edited point by point; key points can be locked to keys of the
 // Displacement animation, which then follow the key points' displacements.
 #include <cmath>
-#include <cstdio>
 
 #include "host/base/prefs.h"
 #include "host/document/document.h"
@@ -12,7 +11,7 @@
 #include "host/draw/node_editing.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
-#include "tools/modifier/path.h"
+#include "tools/modifier/modifier_tools.h"
 #include "tools/modifier/path_nodes.h"
 
 namespace kestrion::tools {
@@ -86,7 +85,7 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
     return ok;
   }
 
-  void GetTitle(char* title) override { std::snprintf(title, kTitleSize, "%s on", Name().c_str()); }
+  void GetTitle(char* title) override { module::ModifierTitle(*this, title); }
 
   // Attached to a point input, a path of one key point starts where the point was.
   void SetSource(Output*, Parameter* current, double) override {
@@ -96,7 +95,6 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
       nodes_[0].x = p->x;
       nodes_[0].y = p->y;
     }
-    aspect_ = FrameAspect();
     ReleaseLock();
   }
 
