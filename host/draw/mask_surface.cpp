@@ -164,6 +164,10 @@ long MaskSurface::Polygon(const CPoint* points, int count) {
   cairo_new_path(cr_);
   for (const DoublePoint& p : poly) cairo_line_to(cr_, p.x, p.y);
   cairo_close_path(cr_);
+  return FillPath();
+}
+
+long MaskSurface::FillPath() {
   double x1, y1, x2, y2;
   cairo_fill_extents(cr_, &x1, &y1, &x2, &y2);
   Grow(x1, y1, x2, y2);
@@ -181,11 +185,7 @@ long MaskSurface::Ellipse(int left, int top, int right, int bottom) {
   cairo_scale(cr_, rx, ry);
   cairo_arc(cr_, 0.0, 0.0, 1.0, 0.0, 2 * M_PI);
   cairo_restore(cr_);
-  double x1, y1, x2, y2;
-  cairo_fill_extents(cr_, &x1, &y1, &x2, &y2);
-  Grow(x1, y1, x2, y2);
-  cairo_fill(cr_);
-  return 1;
+  return FillPath();
 }
 
 void MaskSurface::BeginPath() {

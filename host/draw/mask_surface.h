@@ -55,6 +55,8 @@ class MaskSurface final : public DrawSurface {
   static constexpr int kFarLimit = 65000;
 
  private:
+  // Fills the current path and grows the box of drawn pixels by it; returns 1.
+  long FillPath();
   // Grows the box of drawn pixels by a shape's extents (Cairo's fill or stroke extents).
   void Grow(double x1, double y1, double x2, double y2);
 

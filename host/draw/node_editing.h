@@ -5,6 +5,8 @@
 // the name the tool gives it; selecting is not undone.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "host/base/animation.h"
@@ -38,6 +40,12 @@ class NodeEditing {
 
   // How near the outline a click counts as on it, in frame widths.
   static constexpr float kHitRadius = 0.01f;
+
+  // The commands of the context-menu entries every outline has; a tool's own entries take
+  // kFirstToolCommand on. Command 1 deletes the selected points, as the preview's delete key.
+  enum Command : uint32_t { kDeleteSelected = 1, kSelectAll = 0x8000, kDeletePoints, kSmooth, kLinear, kFirstToolCommand };
+  // Runs one of those commands: whether it changed anything, or nothing for another command.
+  std::optional<bool> RunCommand(uint32_t command);
 };
 
 // The Path modifier's further operations.

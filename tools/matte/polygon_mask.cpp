@@ -29,8 +29,6 @@ constexpr double kRound = 0.5522847;
 
 enum PolygonInput { Centre, Size, Angle, PolygonChange, kInputCount };
 
-enum PolygonCommand : uint32_t { kDeleteSelected = 1, kSelectAll = 0x8000, kDeletePoints, kSmooth, kLinear };
-
 // Record lengths of the saved outline: the node count, a shape without a key time (its word 0),
 // a shape keyed at a time (the word 1 and the time as a double), a node.
 constexpr uint32_t kWordRecord = 4, kTimedShapeRecord = 12, kNodeRecord = 9;
@@ -161,36 +159,24 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
     return menu;
   }
 
+  // Menu commands wait while the flow is busy.
   bool ControlCommand(OperatorControl*, DrawSurface*, PreviewInfo*, uint32_t command, void*) override {
     if (command >= kSelectAll && Document() && Document()->busy) return false;
-    switch (command) {
-      case kSelectAll: SelectAll(); return true;
-      case kDeleteSelected:
-      case kDeletePoints: return DeletePoints();
-      case kSmooth: return Smooth();
-      case kLinear: return Linear();
-      default: return false;
-    }
+    return RunCommand(command).value_or(false);
   }
 
   // The selection lives on the first shape's key points.
   bool ClickPoint(int node, bool add) override {
     ObtainLock();
-    PathNodes& first = shapes_.front().nodes;
-    const bool key = node >= 0 && size_t(node) < first.size() && IsKeyNode(size_t(node));
-    if (key) {
-      for (size_t k = 0; k < first.size() && !add; k += 3) first[k].flags &= ~PathKeyPoint::Selected;
-      first[size_t(node)].flags |= PathKeyPoint::Selected;
-      outline_valid_ = false;
-    }
+    const bool key = SelectKey(shapes_.front().nodes, node, add);
+    outline_valid_ = false;
     ReleaseLock();
     return key;
   }
 
   void SelectAll() override {
     ObtainLock();
-    PathNodes& first = shapes_.front().nodes;
-    for (size_t k = 0; k < first.size(); k += 3) first[k].flags |= PathKeyPoint::Selected;
+    SelectAllKeys(shapes_.front().nodes);
     outline_valid_ = false;
     ReleaseLock();
   }
@@ -250,27 +236,10 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
     const Placement place = PlacementNow();
     if (!place.valid) return false;
     return Edit("Move Polygon Point", [&](size_t edited) {
-      PathNodes& nodes = shapes_[edited].nodes;
-      if (node < 0 || size_t(node) >= nodes.size()) return false;
+      std::vector<bool> carried;
+      for (const PathKeyPoint& p : shapes_.front().nodes) carried.push_back(p.flags & PathKeyPoint::Selected);
       const PathKeyPoint to = place.ToNodes(x, y);
-      const size_t moved = size_t(node);
-      if (!IsKeyNode(moved)) {
-        nodes[moved].x = to.x;
-        nodes[moved].y = to.y;
-        return true;
-      }
-      const float dx = to.x - nodes[moved].x, dy = to.y - nodes[moved].y;
-      const PathNodes& first = shapes_.front().nodes;
-      std::vector<KeyWithHandles> keys = KeysOf(nodes, true);
-      for (size_t i = 0; i < keys.size(); ++i) {
-        if (3 * i != moved && !(first[3 * i].flags & PathKeyPoint::Selected)) continue;
-        for (PathKeyPoint* p : {&keys[i].in, &keys[i].key, &keys[i].out}) {
-          p->x += dx;
-          p->y += dy;
-        }
-      }
-      nodes = NodesOf(keys, true);
-      return true;
+      return MoveNode(shapes_[edited].nodes, true, node, to.x, to.y, carried);
     });
   }
 

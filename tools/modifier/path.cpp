@@ -23,14 +23,9 @@ constexpr size_t kNodeRecordBytes = 13;
 
 enum PathInput { Displacement, HeadingOffset, kInputCount };
 
-// Context-menu commands (the tool's own start at 0x8000); command 1 deletes the selected points.
+// The Path's own context-menu commands, after those every outline has.
 enum PathCommand : uint32_t {
-  kDeleteSelected = 1,
-  kSelectAll = 0x8000,
-  kDeletePoints,
-  kLinear,
-  kSmooth,
-  kLockPoint,
+  kLockPoint = NodeEditing::kFirstToolCommand,
   kDrawPoints,
   kClosePath,
   kOpenPath,
@@ -176,14 +171,11 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
     return menu;
   }
 
+  // Menu commands wait while the flow is busy.
   bool ControlCommand(OperatorControl*, DrawSurface*, PreviewInfo*, uint32_t command, void*) override {
     if (command >= kSelectAll && Document() && Document()->busy) return false;
+    if (const std::optional<bool> done = RunCommand(command)) return *done;
     switch (command) {
-      case kSelectAll: SelectAll(); return true;
-      case kDeleteSelected:
-      case kDeletePoints: return DeletePoints();
-      case kLinear: return Linear();
-      case kSmooth: return Smooth();
       case kLockPoint: return LockPoint();
       case kDrawPoints: DrawPoints(); return true;
       case kClosePath: return ClosePath();
@@ -196,19 +188,15 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
 
   bool ClickPoint(int node, bool add) override {
     ObtainLock();
-    const bool key = node >= 0 && size_t(node) < nodes_.size() && IsKeyNode(size_t(node));
-    if (key) {
-      for (size_t k = 0; k < nodes_.size() && !add; k += 3) nodes_[k].flags &= ~PathKeyPoint::Selected;
-      nodes_[size_t(node)].flags |= PathKeyPoint::Selected;
-      current_key_ = node;
-    }
+    const bool key = SelectKey(nodes_, node, add);
+    if (key) current_key_ = node;
     ReleaseLock();
     return key;
   }
 
   void SelectAll() override {
     ObtainLock();
-    for (size_t k = 0; k < nodes_.size(); k += 3) nodes_[k].flags |= PathKeyPoint::Selected;
+    SelectAllKeys(nodes_);
     ReleaseLock();
     MenuDone();
   }
@@ -262,29 +250,12 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
 
   bool MovePoint(int node, float x, float y) override {
     return Edit("Move Path Point", [&](PathNodes& nodes) {
-      if (node < 0 || size_t(node) >= nodes.size()) return false;
-      const size_t moved = size_t(node);
-      if (!IsKeyNode(moved)) {
-        nodes[moved].x = x;
-        nodes[moved].y = y;
-        return true;
-      }
-      const float dx = x - nodes[moved].x, dy = y - nodes[moved].y;
+      // Selected key points go along; a closed path's first and last key points are one point.
       std::vector<bool> carried(nodes.size(), false);
       for (size_t k = 0; k < nodes.size(); k += 3)
-        carried[k] = k == moved || (nodes[k].flags & PathKeyPoint::Selected);
-      // A closed path's first and last key points are one point.
+        carried[k] = int(k) == node || (nodes[k].flags & PathKeyPoint::Selected);
       if (IsClosedPath(nodes) && (carried.front() || carried.back())) carried.front() = carried.back() = true;
-      std::vector<KeyWithHandles> keys = KeysOf(nodes, false);
-      for (size_t i = 0; i < keys.size(); ++i) {
-        if (!carried[3 * i]) continue;
-        for (PathKeyPoint* p : {&keys[i].in, &keys[i].key, &keys[i].out}) {
-          p->x += dx;
-          p->y += dy;
-        }
-      }
-      nodes = NodesOf(keys, false);
-      return true;
+      return MoveNode(nodes, false, node, x, y, carried);
     }, false);
   }
 

@@ -153,6 +153,38 @@ PathNodes NodesOf(const std::vector<KeyWithHandles>& keys, bool closed) {
   return nodes;
 }
 
+bool SelectKey(PathNodes& nodes, int node, bool add) {
+  if (node < 0 || size_t(node) >= nodes.size() || !IsKeyNode(size_t(node))) return false;
+  for (size_t k = 0; k < nodes.size() && !add; k += 3) nodes[k].flags &= ~PathKeyPoint::Selected;
+  nodes[size_t(node)].flags |= PathKeyPoint::Selected;
+  return true;
+}
+
+void SelectAllKeys(PathNodes& nodes) {
+  for (size_t k = 0; k < nodes.size(); k += 3) nodes[k].flags |= PathKeyPoint::Selected;
+}
+
+bool MoveNode(PathNodes& nodes, bool closed, int node, float x, float y, const std::vector<bool>& carried) {
+  if (node < 0 || size_t(node) >= nodes.size()) return false;
+  const size_t moved = size_t(node);
+  const float dx = x - nodes[moved].x, dy = y - nodes[moved].y;
+  if (!IsKeyNode(moved)) {
+    nodes[moved].x = x;
+    nodes[moved].y = y;
+    return true;
+  }
+  std::vector<KeyWithHandles> keys = KeysOf(nodes, closed);
+  for (size_t i = 0; i < keys.size(); ++i) {
+    if (3 * i != moved && !carried[3 * i]) continue;
+    for (PathKeyPoint* p : {&keys[i].in, &keys[i].key, &keys[i].out}) {
+      p->x += dx;
+      p->y += dy;
+    }
+  }
+  nodes = NodesOf(keys, closed);
+  return true;
+}
+
 bool IsClosedPath(const PathNodes& nodes) {
   return nodes.size() > 4 && nodes.front().x == nodes.back().x && nodes.front().y == nodes.back().y;
 }

@@ -56,6 +56,16 @@ struct KeyWithHandles {
 std::vector<KeyWithHandles> KeysOf(const PathNodes& nodes, bool closed);
 PathNodes NodesOf(const std::vector<KeyWithHandles>& keys, bool closed);
 
+// Selects the key point at node index `node`, alone unless `add`; false (nothing changed) when
+// the node is no key point.
+bool SelectKey(PathNodes& nodes, int node, bool add);
+void SelectAllKeys(PathNodes& nodes);
+
+// Moves node `node` to (x, y): a handle alone; a key point with its handles, and by the same
+// step every key point that `carried` marks (by node index) with its handles. False when there
+// is no such node.
+bool MoveNode(PathNodes& nodes, bool closed, int node, float x, float y, const std::vector<bool>& carried);
+
 // Whether an open path ends where it starts (more than one segment, last key on the first).
 bool IsClosedPath(const PathNodes& nodes);
 
