@@ -182,7 +182,7 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
   }
 
   bool DeletePoints() override {
-    return Edit("Delete Polygon Points", [&](size_t) {
+    return Edit("Delete Polygon Points", [&] {
       const PathNodes first = shapes_.front().nodes;
       size_t kept = 0;
       for (size_t k = 0; k < first.size(); k += 3) kept += !(first[k].flags & PathKeyPoint::Selected);
@@ -199,20 +199,24 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
   }
 
   bool Smooth() override {
-    return Edit("Smooth Polygon", [&](size_t edited) { return ReshapeSelected(edited, &SmoothSelected); });
+    return Edit("Smooth Polygon", [&] { return ReshapeSelected(EditedShape(), &SmoothSelected); });
   }
 
   bool Linear() override {
-    return Edit("Linearise Polygon", [&](size_t edited) { return ReshapeSelected(edited, &StraightenSelected); });
+    return Edit("Linearise Polygon", [&] { return ReshapeSelected(EditedShape(), &StraightenSelected); });
   }
 
   bool AddPoint(float x, float y) override {
     const Placement place = PlacementNow();
     if (!place.valid) return false;
-    return Edit("Add Polygon Point", [&](size_t edited) {
+    return Edit("Add Polygon Point", [&] {
+      // On the outline drawn now, every shape is split at the same place; elsewhere the point
+      // goes on the closing segment of the shape at this time, the others split there midway.
       const auto to_frame = [&](const PathKeyPoint& p) { return place.ToFrame(p); };
-      const OutlineHit hit = NearestOnOutline(shapes_[edited].nodes, true, to_frame, x, y, place.aspect);
+      const PathNodes outline = OutlineAt(EditTime());
+      const OutlineHit hit = NearestOnOutline(outline, true, to_frame, x, y, place.aspect);
       const bool on_outline = hit.distance <= kHitRadius;
+      const size_t edited = on_outline ? shapes_.size() : EditedShape();
       for (size_t i = 0; i < shapes_.size(); ++i) {
         std::vector<KeyWithHandles> keys = KeysOf(shapes_[i].nodes, true);
         if (on_outline) {
@@ -235,11 +239,11 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
   bool MovePoint(int node, float x, float y) override {
     const Placement place = PlacementNow();
     if (!place.valid) return false;
-    return Edit("Move Polygon Point", [&](size_t edited) {
+    return Edit("Move Polygon Point", [&] {
       std::vector<bool> carried;
       for (const PathKeyPoint& p : shapes_.front().nodes) carried.push_back(p.flags & PathKeyPoint::Selected);
       const PathKeyPoint to = place.ToNodes(x, y);
-      return MoveNode(shapes_[edited].nodes, true, node, to.x, to.y, carried);
+      return MoveNode(shapes_[EditedShape()].nodes, true, node, to.x, to.y, carried);
     });
   }
 
@@ -360,9 +364,10 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
     return outline_;
   }
 
-  // The shape an edit at time t changes: the one keyed at t, or the untimed one drawn at t;
-  // else a new shape keyed at t, made from the outline there. Called under the lock.
-  size_t ShapeToEdit(double t) {
+  // The shape an edit at the document's time t changes: the one keyed at t, or the untimed one
+  // drawn at t; else a new shape keyed at t, made from the outline there. Called under the lock.
+  size_t EditedShape() {
+    const double t = EditTime();
     size_t next = shapes_.size();
     for (size_t i = 0; i < shapes_.size(); ++i) {
       if (shapes_[i].timed && shapes_[i].time == t) return i;
@@ -391,13 +396,13 @@ class PolygonMask final : public MaskOperator, public NodeListTool, public NodeE
     return true;
   }
 
-  // One change of the outline, at the document's time, as a named undo step.
+  // One change of the outline as a named undo step.
   template <class Change>
   bool Edit(const char* undo_name, Change change) {
     StartUndo(undo_name);
     ObtainLock();
     const std::vector<NodeShape> before = shapes_;
-    const bool changed = change(ShapeToEdit(EditTime()));
+    const bool changed = change();
     if (!changed) shapes_ = before;  // nor a new shape key
     outline_valid_ = false;
     ReleaseLock();

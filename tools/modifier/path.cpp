@@ -140,6 +140,7 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
     ObtainLock();
     nodes_ = lists.shapes.front().nodes;
     aspect_ = lists.aspect;
+    current_key_ = -1;
     ComputeDisplacements(nodes_);
     ReleaseLock();
     InvalidateCache(nullptr);
@@ -236,11 +237,9 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
       if (keys.size() > 1 && hit.distance <= kHitRadius) {
         SplitSegment(keys, hit.segment, hit.t);
       } else {
-        keys.push_back({{}, {}, {}});
-        keys.back().key.x = x;
-        keys.back().key.y = y;
+        const PathKeyPoint at{0, x, y, 0.0f};
+        keys.push_back({at, at, at});
         Straighten(keys[keys.size() - 2], keys.back());
-        keys.back().out = keys.back().key;
       }
       nodes = NodesOf(keys, false);
       return true;
@@ -259,12 +258,14 @@ class Path final : public ThreadedOperator, public NodeListTool, public PathEdit
     }, false);
   }
 
+  // Locking keys the Displacement at the flow's current time with the point's displacement;
+  // unlocking frees the locked key nearest that displacement (within 0.001).
   bool LockPoint() override {
     Input* displacement = in_[Displacement];
     const Spline* animation = displacement->Animation();
     bool changed = false;
     ObtainLock();
-    if (current_key_ >= 0 && animation && !animation->Empty()) {
+    if (current_key_ >= 0 && size_t(current_key_) < nodes_.size() && animation && !animation->Empty()) {
       PathKeyPoint& point = nodes_[size_t(current_key_)];
       Spline keys = *animation;
       if (!(point.flags & PathKeyPoint::Locked)) {

@@ -219,7 +219,8 @@ TEST_F(PolygonTest, EditsAreUndoneAndRedoneExactly) {
 }
 
 // Moving a point at a time between two keyed shapes keys a third shape there, made from the
-// outline at that time; undo takes it away again.
+// outline at that time; undo takes it away again. Deleting a point takes it from every shape
+// and keys none.
 TEST_F(PolygonTest, EditsBetweenKeyedShapesKeyANewShape) {
   Operator* op = Polygon({{0, Square(.125f)}, {10, Square(.375f)}});
   doc_.current_time = 5;
@@ -230,6 +231,10 @@ TEST_F(PolygonTest, EditsBetweenKeyedShapesKeyANewShape) {
   EXPECT_EQ(ToNodes(lists.shapes[1].nodes)[0], (Node{-.25, -.25}));
   EXPECT_EQ(ToNodes(lists.shapes[1].nodes)[1], (Node{0, 0}));
   ASSERT_TRUE(doc_.Undo());
+  EXPECT_EQ(dynamic_cast<NodeListTool*>(op)->GetNodeLists().shapes.size(), 2u);
+  ASSERT_TRUE(Edit(op).ClickPoint(3, false));
+  ASSERT_TRUE(Edit(op).DeletePoints());
+  for (const NodeShape& shape : dynamic_cast<NodeListTool*>(op)->GetNodeLists().shapes) EXPECT_EQ(shape.nodes.size(), 9u);
   EXPECT_EQ(dynamic_cast<NodeListTool*>(op)->GetNodeLists().shapes.size(), 2u);
 }
 
