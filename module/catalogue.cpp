@@ -8,6 +8,7 @@
 #include "tools/clip/saver.h"
 #include "tools/clip/time_stretcher.h"
 #include "tools/color/color_tools.h"
+#include "tools/matte/masks.h"
 #include "tools/modifier/modifier_tools.h"
 #include "tools/warp/warp_tools.h"
 
@@ -49,8 +50,10 @@ ClassRecord polygon_mask, triangle_mask, corner_pin, keyer, time_interpolator, m
 
 // clang-format off
 void RegisterCatalogue() {
-  Standard<FourCC("PgMs")>(polygon_mask, "PolygonMask", Mask, {Category("Mask"), Describe("Draw a Polygon"), Display("Polygon")});
-  Standard<FourCC("TrMs")>(triangle_mask, "TriangleMask", Mask, {Category("Mask"), Describe("Draw a triangle"), Display("Triangle")});
+  Standard<FourCC("PgMs")>(polygon_mask, "PolygonMask", Mask, {Category("Mask"), Describe("Draw a Polygon"), Display("Polygon")},
+                              &tools::NewPolygonMask);
+  Standard<FourCC("TrMs")>(triangle_mask, "TriangleMask", Mask, {Category("Mask"), Describe("Draw a triangle"), Display("Triangle")},
+                              &tools::NewTriangleMask);
   Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)},
                               &tools::NewCornerPin);
   Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)});
@@ -60,13 +63,14 @@ void RegisterCatalogue() {
                               &tools::NewMerge);
   Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)}, &tools::NewOffset);
   Standard<FourCC("LKey")>(threshold, "Threshold", ImageTool, {Category("Matte"), Short("LKy"), Describe("Creates a matte from a luminance or color channel"), Display("Luma Keyer"), Group(150), ToolNo(0x100000A)});
-  Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)});
+  Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)}, &tools::NewPath);
   Standard<FourCC("Rsze")>(resize, "Resize", ImageTool, {Category("Transform"), Short("Rsz"), Describe("Resizes the frame to a new resolution"), Group(140), ToolNo(0x100001B), MakesFrames()},
                               &tools::NewResize);
   Standard<FourCC("CoCo")>(colour_correct, "ColourCorrect", ImageTool, {Category("Color"), Short("CC"), Describe("Allows changes to channel color curves"), Display("Color Corrector"), Group(222), ToolNo(0x1000014)});
   Standard<FourCC("PSav")>(preview_saver, "PreviewSaver", PreviewOutput, {Category("Output"), MakesFrames()}, &tools::NewPreviewSaver);
   Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)});
-  Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")});
+  Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")},
+                              &tools::NewRectangleMask);
   Standard<FourCC("ChGn")>(char_gen, "CharGen", Creator, {Category("Loader/Creator"), Short("CG"), Describe("Simple Character Generator"), Display("Character Generator"), Group(148), ToolNo(0x1000004), MakesFrames()});
   Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)});
   Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()},
@@ -94,7 +98,8 @@ void RegisterCatalogue() {
   Standard<FourCC("Hilt")>(highlight, "Highlight", ImageTool, {Category("Filter"), Short("HiL"), Describe("Applies highlights to hot-spots"), Group(168), ToolNo(0x1000017)});
   Standard<FourCC("Colr")>(color_gain, "ColorGain", ImageTool, {Category("Color"), Short("Clr"), Describe("Applies Gain, Gamma and Saturation"), Display("Color Gain"), Group(222), ToolNo(0x1000013)},
                               &tools::NewColorGain);
-  Standard<FourCC("CrMs")>(circle, "Circle", Mask, {Category("Mask"), Describe("Creates a circular mask"), Long("Circle Mask")});
+  Standard<FourCC("CrMs")>(circle, "Circle", Mask, {Category("Mask"), Describe("Creates a circular mask"), Long("Circle Mask")},
+                              &tools::NewCircleMask);
   Standard<FourCC("Back")>(backdrop, "Backdrop", Creator, {Category("Loader/Creator"), Short("BG"), Describe("Creates a four-point gradient frame"), Display("Background"), Group(148), ToolNo(0x1000003), MakesFrames()});
   Standard<FourCC("Blur")>(blur, "Blur", ImageTool, {Category("Filter"), Short("Blur"), Describe("Blurs or Sharpens images"), Display("Blur / Sharpen"), Group(168), ToolNo(0x1000015)});
   Standard<FourCC("CSpc")>(color_space, "ColorSpace", ImageTool, {Category("Color"), Short("CS"), Describe("Converts the color space of an image"), Display("Color Space"), Group(222), ToolNo(0x100001E)},

@@ -163,7 +163,8 @@ void CPipelineDoc::RemoveTool(Operator* op) {
 }
 
 bool CPipelineDoc::RenameTool(Operator* op, const std::string& name) {
-  if (name.empty() || FindTool(name)) return false;
+  const Operator* holder = FindTool(name);
+  if (name.empty() || (holder && holder != op)) return false;
   op->name_ = name;
   return true;
 }

@@ -381,6 +381,4 @@ void ThreadedOperator::ThreadMain() {}
 void ThreadedOperator::ProcessChunk(Request*, long) {}
 void ThreadedOperator::QuickProcessChunk(Request* req, long chunk) { ProcessChunk(req, chunk); }
 
-CRect MaskOperator::GetBounds() { return CRect{}; }
-
 }  // namespace kestrion

@@ -350,11 +350,4 @@ class ThreadedOperator : public Operator {
   }
 };
 
-// The base of mask tools; GetBounds takes the thread slot.
-class MaskOperator : public ThreadedOperator {
- public:
-  using ThreadedOperator::ThreadedOperator;
-  virtual CRect GetBounds();
-};
-
 }  // namespace kestrion
