@@ -104,22 +104,22 @@ const Pair kPairs[] = {
        Over(turned, bg, out);
      }},
     {"BM_TransformRotated", kTransformRotated, "BM_CvWarpAffine",
-     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
        const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(bg.cols / 2.0f, bg.rows / 2.0f), 30.0, 1.2);
        cv::warpAffine(bg, out, turn, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
      }},
     {"BM_CornerPin", kCornerPin, "BM_CvWarpPerspectiveOnto",
-     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
        const cv::Mat onto = cv::getPerspectiveTransform(FrameCorners(bg), DefaultCorners(bg));
        cv::warpPerspective(bg, out, onto, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
      }},
     {"BM_PerspectivePin", kPerspectivePin, "BM_CvWarpPerspectiveFrom",
-     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
        const cv::Mat from = cv::getPerspectiveTransform(DefaultCorners(bg), FrameCorners(bg));
        cv::warpPerspective(bg, out, from, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
      }},
     {"BM_ResizeHalf", kResizeHalf, "BM_CvResizeArea",
-     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
        cv::resize(bg, out, cv::Size(bg.cols / 2, bg.rows / 2), 0, 0, cv::INTER_AREA);
      }},
 };
