@@ -28,6 +28,7 @@ struct ToolCase {
   const char* tool;
   std::vector<std::pair<std::string, double>> numbers;
   bool foreground = true;
+  std::vector<std::pair<std::string, std::vector<uint16_t>>> tables = {};
 };
 
 // The two frames the tools take: background (the "Image" input) and foreground.
@@ -53,6 +54,7 @@ inline void RunTool(benchmark::State& state, const ToolCase& c) {
     Request req(op, 1.0, 0);
     req.status = 0;
     for (const auto& [label, value] : c.numbers) req.SetInputData(op->FindInput(0, label.c_str()), new Number(value));
+    for (const auto& [label, table] : c.tables) req.SetInputData(op->FindInput(0, label.c_str()), new LookUpTable(table));
     Background()->Use();
     req.SetInputData(op->FindInput(0, "Image"), Background().get());
     if (c.foreground) {
@@ -111,6 +113,9 @@ inline const ToolCase kBooleansAnd{"BoolImg", {{"Operation", 3}, {"Blend", 1.0}}
 inline const ToolCase kColorGain{"ColorGain", {{"Gain Red", 1.2}, {"Gamma Green", 1.4}, {"Saturation Blue", 0.8}}, false};
 inline const ToolCase kColorSpaceToHLS{"ColorSpace", {{"Color Space Conversion", 1}}, false};
 inline const ToolCase kColorSpaceToYUV{"ColorSpace", {{"Color Space Conversion", 3}}, false};
+// Blur sizes are given against a frame 320 pixels wide: 1.0 is a radius of 6 pixels here.
+inline const ToolCase kBlurBox{"Blur", {{"Filter", 1}, {"Blur Size", 1.0}}, false};
+inline const ToolCase kBlurBartlett{"Blur", {{"Filter", 2}, {"Blur Size", 1.0}}, false};
 
 // Loads the tool module, then runs the benchmarks the command line selects.
 inline int RunWithToolModule(int argc, char** argv, benchmark::BenchmarkReporter* reporter = nullptr) {

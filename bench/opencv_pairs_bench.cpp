@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -80,6 +81,17 @@ const Pair kPairs[] = {
        cv::Mat turned;
        cv::warpAffine(fg, turned, turn, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
        Over(turned, bg, out);
+     }},
+    // Blur size 1.0 is a radius of 6 pixels on these frames: a 13 x 13 box, a 13-tap triangle.
+    {"BM_BlurBox", kBlurBox, "BM_CvBlur", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::blur(bg, out, cv::Size(13, 13)); }},
+    {"BM_BlurBartlett", kBlurBartlett, "BM_CvSepFilterTriangle",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       static const cv::Mat triangle = [] {
+         cv::Mat k(1, 13, CV_32F);
+         for (int d = -6; d <= 6; ++d) k.at<float>(d + 6) = float(7 - std::abs(d)) / 49.0f;
+         return k;
+       }();
+       cv::sepFilter2D(bg, out, -1, triangle, triangle);
      }},
 };
 

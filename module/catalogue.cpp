@@ -7,6 +7,7 @@
 #include "tools/clip/loader.h"
 #include "tools/clip/saver.h"
 #include "tools/color/color_tools.h"
+#include "tools/filter/filter_tools.h"
 
 namespace kestrion::module {
 namespace {
@@ -86,7 +87,8 @@ void RegisterCatalogue() {
                               &tools::NewColorGain);
   Standard<FourCC("CrMs")>(circle, "Circle", Mask, {Category("Mask"), Describe("Creates a circular mask"), Long("Circle Mask")});
   Standard<FourCC("Back")>(backdrop, "Backdrop", Creator, {Category("Loader/Creator"), Short("BG"), Describe("Creates a four-point gradient frame"), Display("Background"), Group(148), ToolNo(0x1000003), MakesFrames()});
-  Standard<FourCC("Blur")>(blur, "Blur", ImageTool, {Category("Filter"), Short("Blur"), Describe("Blurs or Sharpens images"), Display("Blur / Sharpen"), Group(168), ToolNo(0x1000015)});
+  Standard<FourCC("Blur")>(blur, "Blur", ImageTool, {Category("Filter"), Short("Blur"), Describe("Blurs or Sharpens images"), Display("Blur / Sharpen"), Group(168), ToolNo(0x1000015)},
+                              &tools::NewBlur);
   Standard<FourCC("CSpc")>(color_space, "ColorSpace", ImageTool, {Category("Color"), Short("CS"), Describe("Converts the color space of an image"), Display("Color Space"), Group(222), ToolNo(0x100001E)},
                               &tools::NewColorSpace);
   Standard<FourCC("dmix")>(dissolve, "Dissolve", ImageTool, {Category("Composite"), Short("DX"), Describe("Dissolves and mixes two image together"), Display("Dissolve"), Group(144), ToolNo(0x1000005)},

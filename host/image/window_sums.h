@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <vector>
 
 namespace kestrion {
@@ -36,37 +37,67 @@ constexpr unsigned long long Weight(long r, long d) {
   return static_cast<unsigned long long>(r + 1 - (d < 0 ? -d : d));
 }
 
-// The total weight of offsets d = lo .. hi (lo <= hi) in a window of radius r, every offset
-// lying on one side of 0 or at it.
-template <WindowShape kShape>
-constexpr unsigned long long Weights(long r, long lo, long hi) {
-  const unsigned long long count = static_cast<unsigned long long>(hi - lo + 1);
-  if constexpr (kShape == WindowShape::Box) return count;
-  return count * (Weight<kShape>(r, lo) + Weight<kShape>(r, hi)) / 2;
-}
-
-// sums[l] = sum over offsets d = lo .. hi of weight(d) * map(at(clamp(k + d))[l]), one read per
-// distinct position: the offsets that fall before 0 or past n - 1 are counted in one go.
-template <class Sum, class At, class Map, class WeightOf, class WeightsOf>
-void WindowStart(Sum* sums, size_t lanes, int n, long k, long lo, long hi, At& at, Map& map, WeightOf weight,
-                 WeightsOf weights) {
-  std::fill(sums, sums + lanes, Sum(0));
+// sums[l] += the sum over offsets d = lo .. hi of weight(d) * map(at(clamp(k + d))[l]), one
+// read per distinct position: the offsets that fall before 0 or past n - 1 are counted in one
+// go. The weights must be linear over lo .. hi (one side of 0, or a box).
+template <WindowShape kShape, class Sum, class At, class Map>
+void AddWindow(Sum* sums, size_t lanes, int n, long k, long lo, long hi, long r, At& at, Map& map) {
   if (lo > hi) return;
+  const auto weights = [r](long a, long b) {  // offsets a .. b, by the arithmetic series
+    return static_cast<unsigned long long>(b - a + 1) * (Weight<kShape>(r, a) + Weight<kShape>(r, b)) / 2;
+  };
   const auto add = [&](long p, unsigned long long w) {
     const auto* v = at(int(p));
     for (size_t l = 0; l < lanes; ++l) sums[l] += Sum(w) * Sum(map(v[l]));
   };
   const long first = std::max(lo, -k), last = std::min(hi, long(n) - 1 - k);
   if (lo < first) add(0, weights(lo, std::min(first, hi + 1) - 1));
-  for (long d = first; d <= last; ++d) add(k + d, weight(d));
+  for (long d = first; d <= last; ++d) add(k + d, Weight<kShape>(r, d));
   if (hi > last) add(n - 1, weights(std::max(last + 1, lo), hi));
+}
+
+// One step of a box: each sum gains the value entering and loses the one leaving. The steps are
+// kept out of line with their pointers declared apart, so that the loops vectorise.
+template <class Sum, class Value, class Map>
+[[gnu::noinline]] void SlideBox(Sum* __restrict sum, const Value* enter, const Value* leave, size_t lanes, Map map) {
+  for (size_t l = 0; l < lanes; ++l) sum[l] += Sum(map(enter[l])) - Sum(map(leave[l]));
+}
+
+// One step of a triangle: the sum moves by ahead - behind, and the value at the next position
+// passes from the box ahead to the box behind.
+template <class Sum, class Value, class Map>
+[[gnu::noinline]] void SlideTriangle(Sum* __restrict sum, Sum* __restrict ahead, Sum* __restrict behind,
+                                     const Value* enter, const Value* next, const Value* leave, size_t lanes,
+                                     Map map) {
+  for (size_t l = 0; l < lanes; ++l) {
+    const Sum middle = Sum(map(next[l]));
+    sum[l] += ahead[l] - behind[l];
+    ahead[l] += Sum(map(enter[l])) - middle;
+    behind[l] += middle - Sum(map(leave[l]));
+  }
 }
 
 }  // namespace window_detail
 
-// The window sums of one line, position by position, `lanes` values per position. at(p) gives
-// position p's values (0 <= p < n); map(value) is what a value adds (SameValue, or a function of
-// a byte, such as a weighting, applied before summing).
+// The window of radius r at position k of a line of n positions, `lanes` values each, into
+// sum (and, for a triangle, its box sums of the offsets 1 .. r + 1 into ahead and -r .. 0 into
+// behind). at(p) gives position p's values (0 <= p < n); map(value) is what a value adds.
+template <WindowShape kShape, class Sum, class At, class Map = SameValue>
+void WindowAt(int n, long r, size_t lanes, int k, At at, Sum* sum, Sum* ahead, Sum* behind, Map map = {}) {
+  std::fill(sum, sum + lanes, Sum(0));
+  window_detail::AddWindow<kShape>(sum, lanes, n, k, -r, -1, r, at, map);
+  window_detail::AddWindow<kShape>(sum, lanes, n, k, 0, r, r, at, map);
+  if constexpr (kShape == WindowShape::Triangle) {
+    std::fill(ahead, ahead + lanes, Sum(0));
+    std::fill(behind, behind + lanes, Sum(0));
+    window_detail::AddWindow<WindowShape::Box>(ahead, lanes, n, k, 1, r + 1, r, at, map);
+    window_detail::AddWindow<WindowShape::Box>(behind, lanes, n, k, -r, 0, r, at, map);
+  }
+}
+
+// The window sums of one line, position by position, `lanes` values per position; map(value)
+// is what a value adds (SameValue, or a function of a byte, such as a weighting, applied before
+// summing). The storage is kept from line to line.
 template <WindowShape kShape, class Sum>
 class SlidingSums {
  public:
@@ -78,52 +109,26 @@ class SlidingSums {
     k_ = k;
     lanes_ = lanes;
     sum_.resize(lanes);
-    const auto weight = [r](long d) { return window_detail::Weight<kShape>(r, d); };
-    const auto weights = [r](long lo, long hi) { return window_detail::Weights<kShape>(r, lo, hi); };
-    // Both halves of the window lie on one side of 0, as Weights needs.
-    std::vector<Sum> part(lanes);
-    window_detail::WindowStart(sum_.data(), lanes, n, k, -r, -1, at, map, weight, weights);
-    window_detail::WindowStart(part.data(), lanes, n, k, 0, r, at, map, weight, weights);
-    for (size_t l = 0; l < lanes; ++l) sum_[l] += part[l];
     if constexpr (kShape == WindowShape::Triangle) {
       ahead_.resize(lanes);
       behind_.resize(lanes);
-      const auto one = [](long) { return 1ull; };
-      const auto count = [](long lo, long hi) { return static_cast<unsigned long long>(hi - lo + 1); };
-      window_detail::WindowStart(ahead_.data(), lanes, n, k, 1, r + 1, at, map, one, count);
-      window_detail::WindowStart(behind_.data(), lanes, n, k, -r, 0, at, map, one, count);
     }
+    WindowAt<kShape>(n, r, lanes, k, at, sum_.data(), ahead_.data(), behind_.data(), map);
   }
 
   // Moves to the next position.
   template <class At, class Map = SameValue>
   void Advance(At at, Map map = {}) {
     const long k = k_;
-    Sum* __restrict sum = sum_.data();
-    if constexpr (kShape == WindowShape::Box) {
-      const auto* enter = at(Held(k + 1 + r_));
-      const auto* leave = at(Held(k - r_));
-      for (size_t l = 0; l < lanes_; ++l) sum[l] += Sum(map(enter[l])) - Sum(map(leave[l]));
-    } else {
-      const auto* enter = at(Held(k + 2 + r_));
-      const auto* next = at(Held(k + 1));
-      const auto* leave = at(Held(k - r_));
-      Sum* __restrict ahead = ahead_.data();
-      Sum* __restrict behind = behind_.data();
-      for (size_t l = 0; l < lanes_; ++l) {
-        const Sum middle = Sum(map(next[l]));
-        sum[l] += ahead[l] - behind[l];
-        ahead[l] += Sum(map(enter[l])) - middle;
-        behind[l] += middle - Sum(map(leave[l]));
-      }
-    }
+    if constexpr (kShape == WindowShape::Box)
+      window_detail::SlideBox(sum_.data(), at(Held(k + 1 + r_)), at(Held(k - r_)), lanes_, map);
+    else
+      window_detail::SlideTriangle(sum_.data(), ahead_.data(), behind_.data(), at(Held(k + 2 + r_)), at(Held(k + 1)),
+                                   at(Held(k - r_)), lanes_, map);
     k_ = int(k + 1);
   }
 
   const Sum* Sums() const { return sum_.data(); }
-  // A triangle's box sums of the offsets 1 .. r + 1 and -r .. 0.
-  const Sum* Ahead() const { return ahead_.data(); }
-  const Sum* Behind() const { return behind_.data(); }
   int Position() const { return k_; }
 
  private:
@@ -148,41 +153,62 @@ void EveryWindow(SlidingSums<kShape, Sum>& sums, int n, long r, size_t lanes, At
   }
 }
 
-// The window sums at every position of a line whose positions hold kLanes values each:
-// out[k * kLanes + l] from in[p * kLanes + l]. The sums stay in registers along the line, so
-// a row of pixels goes at the speed of one addition chain per channel.
-template <WindowShape kShape, int kLanes, class Sum, class Value>
+// The window sums at every position of a line whose positions hold kLanes values each (kLanes
+// a power of two): out[k * kLanes + l] from in[p * kLanes + l], or added to out with kAdd. A
+// position's lanes move as one vector, which stays in registers along the line.
+template <WindowShape kShape, int kLanes, bool kAdd = false, class Sum, class Value>
 void SlideAlong(const Value* in, int n, long r, Sum* out) {
   if (n <= 0) return;
+  typedef Sum Lanes __attribute__((vector_size(kLanes * sizeof(Sum))));
   const auto at = [in](int p) { return in + size_t(p) * kLanes; };
-  SlidingSums<kShape, Sum> start;
-  start.Start(n, r, kLanes, 0, at);
-  Sum sum[kLanes], ahead[kLanes] = {}, behind[kLanes] = {};
-  for (int l = 0; l < kLanes; ++l) sum[l] = start.Sums()[l];
-  if constexpr (kShape == WindowShape::Triangle)
-    for (int l = 0; l < kLanes; ++l) {
-      ahead[l] = start.Ahead()[l];
-      behind[l] = start.Behind()[l];
-    }
+  const auto load = [in](long p) {
+    Lanes v;
+    for (int l = 0; l < kLanes; ++l) v[l] = Sum(in[size_t(p) * kLanes + size_t(l)]);
+    return v;
+  };
+  Sum first[3][kLanes];
+  WindowAt<kShape>(n, r, kLanes, 0, at, first[0], first[1], first[2]);
+  Lanes sum, ahead, behind;
+  std::memcpy(&sum, first[0], sizeof sum);
+  std::memcpy(&ahead, first[1], sizeof ahead);
+  std::memcpy(&behind, first[2], sizeof behind);
   const long last = long(n) - 1;
-  for (int k = 0;; ++k) {
-    for (int l = 0; l < kLanes; ++l) out[size_t(k) * kLanes + l] = sum[l];
-    if (k == n - 1) break;
-    if constexpr (kShape == WindowShape::Box) {
-      const Value* enter = at(int(std::min(k + 1 + r, last)));
-      const Value* leave = at(int(std::max(k - r, 0L)));
-      for (int l = 0; l < kLanes; ++l) sum[l] += Sum(enter[l]) - Sum(leave[l]);
-    } else {
-      const Value* enter = at(int(std::min(k + 2 + r, last)));
-      const Value* next = at(k + 1);
-      const Value* leave = at(int(std::max(k - r, 0L)));
-      for (int l = 0; l < kLanes; ++l) {
-        sum[l] += ahead[l] - behind[l];
-        ahead[l] += Sum(enter[l]) - Sum(next[l]);
-        behind[l] += Sum(next[l]) - Sum(leave[l]);
-      }
+  const auto emit = [out](long k, Lanes v) {
+    if constexpr (kAdd) {
+      Lanes before;
+      std::memcpy(&before, out + k * kLanes, sizeof before);
+      v += before;
     }
+    std::memcpy(out + k * kLanes, &v, sizeof v);
+  };
+  // Moving from k to k + 1 reads position k + reach ahead and k - r behind: held to the line
+  // near its ends, read straight through between them.
+  const long reach = kShape == WindowShape::Box ? r + 1 : r + 2;
+  const auto step = [&](long k, long enter, long leave) {
+    if constexpr (kShape == WindowShape::Box) {
+      sum += load(enter) - load(leave);
+    } else {
+      const Lanes next = load(k + 1);
+      sum += ahead - behind;
+      ahead += load(enter) - next;
+      behind += next - load(leave);
+    }
+  };
+  const auto held_step = [&](long k) { step(k, std::min(k + reach, last), std::max(k - r, 0L)); };
+  long k = 0;
+  for (; k < std::min(r, last); ++k) {
+    emit(k, sum);
+    held_step(k);
   }
+  for (; k < last - reach + 1; ++k) {
+    emit(k, sum);
+    step(k, k + reach, k - r);
+  }
+  for (; k < last; ++k) {
+    emit(k, sum);
+    held_step(k);
+  }
+  emit(last, sum);
 }
 
 }  // namespace kestrion
