@@ -68,7 +68,8 @@ void RegisterCatalogue() {
   Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)});
   RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &tools::NewLoader, FourCC("Load"), Creator,
                 {Category("Loader/Creator"), Short("LD"), Describe("Loads frames from a clip sequence or device"), Group(147), ToolNo(0x1000001), MakesFrames()});
-  Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)});
+  Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)},
+                              &tools::NewGlow);
   Standard<FourCC("Tran")>(transform, "Transform", ImageTool, {Category("Transform"), Short("Xf"), Describe("Applies rotation, scaling and mirroring effects"), Group(141), ToolNo(0x100001F)});
   Standard<FourCC("CrdS")>(coord_space, "CoordSpace", ImageTool, {Category("Warp"), Short("CdS"), Describe("Converts between Polar and Rectangular Co-ordinate spaces"), Display("Coordinate Space"), Group(143)});
   Standard<FourCC("Shdw")>(shadow, "Shadow", ImageTool, {Short("Sh"), Describe("Creates a shadow from Alpha"), Display("Shadow"), Group(140)});
