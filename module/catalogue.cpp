@@ -75,7 +75,8 @@ void RegisterCatalogue() {
   Standard<FourCC("Shdw")>(shadow, "Shadow", ImageTool, {Short("Sh"), Describe("Creates a shadow from Alpha"), Display("Shadow"), Group(140)});
   Standard<FourCC("PPin")>(perspective_pin, "PerspectivePin", ImageTool, {Category("Warp"), Short("PPn"), Describe("De-Perspective of images into a flat image"), Display("Perspective Positioner"), Group(141), ToolNo(0x1000012)});
   Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)});
-  Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)});
+  Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)},
+                              &tools::NewCustomFilter);
   Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)});
   Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()});
   Standard<FourCC("3DVE")>(dve, "DVE", ImageTool, {Category("Warp"), Describe("Applies 3D rotation & perspective"), Long("DVE"), Group(141), ToolNo(0x100000F)});

@@ -1,0 +1,204 @@
+// Custom Filter: convolves an image with a matrix of up to 7 x 7 signed whole weights edited in
+// the host's filter-matrix control, normalises the sum, adds a floor level and mixes the result
+// over the source on the channels switched on. The source is first copied into a frame padded
+// by three pixels all round; each row then runs on the worker threads.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "host/graph/filter_matrix.h"
+#include "module/image_model.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "tools/filter/filter_tools.h"
+
+namespace kestrion::tools {
+
+namespace {
+
+constexpr uint32_t kClassId = FourCC("UFLT");
+constexpr int kPad = 3;  // pixels of padding on each side
+
+enum CustomInput { Red, Green, Blue, Alpha, Matrix, Normalize, FloorLevel, Blend, Source, kInputCount };
+
+// The kernel's weights that are not 0, each with where it reads: the padded row offset from the
+// output row and the byte offset from the output pixel's first byte in the padded row.
+struct Tap {
+  int32_t weight;
+  int row;
+  int byte;
+};
+
+// Everything the rows need, worked out once per render in Process.
+struct CustomRender {
+  const Image* src = nullptr;
+  const Image* padded = nullptr;
+  Image* out = nullptr;
+  int width = 0, height = 0;
+  std::vector<Tap> taps;
+  uint32_t kept = 0;  // the source bytes kept: channels switched off
+  int32_t blend = 256, floor = 0;  // Bl = trunc(Blend x 256), F = trunc(Floor level x 256)
+  // v = (S x 256) / N, truncated toward zero, from a product with 1 / N (see Normalised).
+  double per_n = 1.0, half_step = 0.5;
+};
+
+// (S x 256) / N truncated toward zero. S x 256 is below 2^29 in size and N is a whole number,
+// so the quotient is a fraction of denominator |N|, at least 1 / |N| from a whole number when
+// not whole, and the product with 1 / N in double precision lies within 2^-22 / |N| of it: half
+// a step of 1 / |N| added away from zero truncates exactly.
+inline int32_t Normalised(int32_t sum, const CustomRender& t) {
+  const double z = double(sum * 256) * t.per_n;
+  return int32_t(z + std::copysign(t.half_step, z));
+}
+
+// The lanes (x 4 + channel) a row is worked in at a time, so that the sums stay in the first
+// level of cache.
+constexpr int kChunk = 256;
+
+// Lanes `begin` .. `end` - 1 of output row y.
+[[gnu::noinline]] void FilterLanes(const CustomRender& t, int y, int begin, int end) {
+  int32_t sums[kChunk] = {};
+  const int count = end - begin;
+  for (const Tap& tap : t.taps) {
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(t.padded->Row(y + tap.row)) + tap.byte + begin;
+    const int32_t w = tap.weight;
+    for (int i = 0; i < count; ++i) sums[i] += w * p[i];
+  }
+  const auto* s = reinterpret_cast<const uint8_t*>(t.src->Row(y)) + begin;
+  auto* o = reinterpret_cast<uint8_t*>(t.out->Row(y)) + begin;
+  const int32_t bl = t.blend, rest = 256 - bl, floor = t.floor;
+  for (int i = 0; i < count; ++i) {
+    // (s (256 - Bl) + Bl (v + F)) >> 8 in 32-bit arithmetic that wraps, held to a byte.
+    const int32_t v = Normalised(sums[i], t);
+    const int32_t mixed = module::WrapAdd(s[i] * rest, module::WrapMul(bl, module::WrapAdd(v, floor))) >> 8;
+    o[i] = uint8_t(std::clamp(mixed, 0, 255));
+  }
+}
+
+class CustomFilter final : public ThreadedOperator {
+ public:
+  CustomFilter(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
+    // clang-format off
+    const module::InputDecl table[kInputCount] = {
+      filter::ChannelSwitch("Red", filter::kRedId),
+      filter::ChannelSwitch("Green", filter::kGreenId),
+      filter::ChannelSwitch("Blue", filter::kBlueId),
+      filter::ChannelSwitch("Alpha", filter::kAlphaId),
+      {"Matrix",      vtype::LookUpTable, FourCC("Matr"),  {Tag(in::Control, control::FilterMatrix)}},
+      {"Normalize",   vtype::Number,      FourCC("Norm"),  {Tag(in::Control, control::Slider), Tag(in::Lowest, -1.0), Tag(in::Highest, 1.0),
+                                                            Tag(in::Default, 0.0)}},
+      {"Floor level", vtype::Number,      FourCC("Flor"),  {Tag(in::Control, control::Slider), Tag(in::Lowest, -1.0), Tag(in::Highest, 1.0),
+                                                            Tag(in::Default, 0.0)}},
+      {"Blend",       vtype::Number,      filter::kBlendId, {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                            Tag(in::Default, 1.0)}},
+      {"Image",       vtype::Image,       ImageInputId(1), {}},
+    };
+    // clang-format on
+    module::DeclareInputs(this, table, in_);
+    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    SetThreadSettings(2, 0);
+    // A tool read from a record has its matrix from there.
+    if (!(op_flags & opflag::Restored)) in_[Matrix]->SetValue(new LookUpTable(filter_matrix::Default()));
+    if (ar) module::SkipRecordEnd(ar);
+  }
+
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+
+  uint32_t Process(Request* req) override {
+    const Image* src = filter::FilterSource(req, in_[Source]);
+    if (!src) return req->SetOutputData(image_out_, nullptr);
+    CustomRender& t = render_;
+    t.src = src;
+    t.width = src->Width();
+    t.height = src->Height();
+    t.out = NewImage(req, src);
+    Image* padded = NewImage(req, t.width + 2 * kPad + 1, t.height + 2 * kPad + 1, src->Depth(), src);
+    FillPadded(*src, *padded);
+    t.padded = padded;
+    int32_t switches[4];
+    for (int c = 0; c < 4; ++c) switches[c] = module::TruncToInt(module::NumberInput(req, in_[Red + c]));
+    t.kept = ~filter::SwitchedBytes(switches, [](int32_t s) { return s != 0; });
+    t.blend = module::TruncToInt(module::NumberInput(req, in_[Blend]) * 256.0);
+    t.floor = module::TruncToInt(module::NumberInput(req, in_[FloorLevel]) * 256.0);
+    const int32_t nz = module::TruncToInt(module::NumberInput(req, in_[Normalize]) * 255.0);
+    PrepareTaps(t, MatrixTable(req), nz);
+    DoMultiProcess(req, t.height);
+    return req->SetOutputData(image_out_, t.out);
+  }
+
+  void ProcessChunk(Request*, long y) override {
+    if (abort_flag.load(std::memory_order_relaxed)) return;
+    const CustomRender& t = render_;
+    const int lanes = 4 * t.width;
+    for (int begin = 0; begin < lanes; begin += kChunk) FilterLanes(t, int(y), begin, std::min(begin + kChunk, lanes));
+    const uint32_t kept = t.kept;
+    if (kept) {
+      const uint32_t* s = t.src->Row(int(y));
+      uint32_t* o = t.out->Row(int(y));
+      for (int x = 0; x < t.width; ++x) o[x] = (o[x] & ~kept) | (s[x] & kept);
+    }
+  }
+
+  // The source pixel (x, y) at (x + 3, y + 3). Above, three rows repeat source row 2, and to the
+  // left three columns repeat source column 1 (not row and column 0: a bright second row or
+  // column bleeds into the first, and saved flows render so); below and to the right the last
+  // row and column repeat. The four corner blocks stay clear. Images of fewer than 3 rows or 2
+  // columns repeat their last instead.
+  virtual void FillPadded(const Image& src, Image& padded) {
+    const int w = src.Width(), h = src.Height();
+    if (w == 0 || h == 0) return;
+    const auto copy_row = [&](int from, int to) { std::copy_n(src.Row(from), w, padded.Row(to) + kPad); };
+    const int second_column = std::min(1, w - 1);
+    for (int y = 0; y < h; ++y) {
+      copy_row(y, y + kPad);
+      uint32_t* p = padded.Row(y + kPad);
+      std::fill_n(p, kPad, p[kPad + second_column]);
+      std::fill_n(p + kPad + w, kPad + 1, p[kPad + w - 1]);
+    }
+    for (int y = 0; y < kPad; ++y) copy_row(std::min(2, h - 1), y);
+    for (int y = h + kPad; y < padded.Height(); ++y) copy_row(h - 1, y);
+  }
+
+ private:
+  // The matrix at the request's time; the default where there is none, and its default bytes
+  // where a table is short.
+  std::vector<uint16_t> MatrixTable(Request* req) {
+    std::vector<uint16_t> table = filter_matrix::Default();
+    if (auto* given = dynamic_cast<LookUpTable*>(req->GetInputData(in_[Matrix])))
+      for (size_t i = 0; i < std::min(given->entries.size(), table.size()); ++i) table[i] = given->entries[i];
+    return table;
+  }
+
+  // r = size code + 1 (held to 1 .. 3); the centred (2r + 1)^2 block of the grid, applied
+  // mirrored left to right (column j of the block reads the pixel r - j columns along) but not
+  // top to bottom; N = the block's sum (1 where it is 0) x (256 - Nz), or x 256 where Nz is 0.
+  static void PrepareTaps(CustomRender& t, const std::vector<uint16_t>& table, int32_t nz) {
+    const int r = std::clamp(int(table[0] & 255) + 1, 1, filter_matrix::kLargestSizeCode + 1);
+    const int first = filter_matrix::kSide / 2 - r;
+    t.taps.clear();
+    int64_t sum = 0;
+    for (int dy = -r; dy <= r; ++dy)
+      for (int j = 0; j <= 2 * r; ++j) {
+        const int32_t weight = filter_matrix::Weight(table, first + r + dy, first + j);
+        sum += weight;
+        if (weight != 0) t.taps.push_back({weight, dy + kPad, 4 * (r - j + kPad)});
+      }
+    if (sum == 0) sum = 1;
+    const int64_t n = sum * (nz != 0 ? 256 - nz : 256);
+    t.per_n = 1.0 / double(n);
+    t.half_step = 0.5 / double(std::abs(n));
+  }
+
+  Input* in_[kInputCount];
+  Output* image_out_;
+  CustomRender render_;
+};
+
+}  // namespace
+
+Object* NewCustomFilter(Registry* reg, CArchive* ar, TagList* tags) {
+  return module::Factory<CustomFilter>(reg, ar, tags);
+}
+
+}  // namespace kestrion::tools
