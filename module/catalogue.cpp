@@ -60,7 +60,8 @@ void RegisterCatalogue() {
   Standard<FourCC("Rsze")>(resize, "Resize", ImageTool, {Category("Transform"), Short("Rsz"), Describe("Resizes the frame to a new resolution"), Group(140), ToolNo(0x100001B), MakesFrames()});
   Standard<FourCC("CoCo")>(colour_correct, "ColourCorrect", ImageTool, {Category("Color"), Short("CC"), Describe("Allows changes to channel color curves"), Display("Color Corrector"), Group(222), ToolNo(0x1000014)});
   Standard<FourCC("PSav")>(preview_saver, "PreviewSaver", PreviewOutput, {Category("Output"), MakesFrames()}, &tools::NewPreviewSaver);
-  Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)});
+  Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)},
+                              &tools::NewFilter);
   Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")});
   Standard<FourCC("ChGn")>(char_gen, "CharGen", Creator, {Category("Loader/Creator"), Short("CG"), Describe("Simple Character Generator"), Display("Character Generator"), Group(148), ToolNo(0x1000004), MakesFrames()});
   Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)});
