@@ -64,7 +64,8 @@ void RegisterCatalogue() {
                               &tools::NewFilter);
   Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")});
   Standard<FourCC("ChGn")>(char_gen, "CharGen", Creator, {Category("Loader/Creator"), Short("CG"), Describe("Simple Character Generator"), Display("Character Generator"), Group(148), ToolNo(0x1000004), MakesFrames()});
-  Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)});
+  Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)},
+                              &tools::NewMotionBlur);
   Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()});
   Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)});
   RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &tools::NewLoader, FourCC("Load"), Creator,
