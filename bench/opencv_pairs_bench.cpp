@@ -93,6 +93,22 @@ const Pair kPairs[] = {
        }();
        cv::sepFilter2D(bg, out, -1, triangle, triangle);
      }},
+    {"BM_FilterMedian3", kFilterMedian3, "BM_CvMedianBlur3", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::medianBlur(bg, out, 3); }},
+    {"BM_FilterMedian5", kFilterMedian5, "BM_CvMedianBlur5", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::medianBlur(bg, out, 5); }},
+    {"BM_FilterSobel", kFilterSobel, "BM_CvSobelMagnitude",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       cv::Mat gx, gy, magnitude;
+       cv::Sobel(bg, gx, CV_32F, 1, 0);
+       cv::Sobel(bg, gy, CV_32F, 0, 1);
+       cv::magnitude(gx.reshape(1), gy.reshape(1), magnitude);
+       magnitude.reshape(4).convertTo(out, CV_8U);
+     }},
+    {"BM_FilterLaplacian", kFilterLaplacian, "BM_CvLaplacian",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::Laplacian(bg, out, -1); }},
+    {"BM_CustomFilter3", kCustomFilter3, "BM_CvFilter2D3",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::filter2D(bg, out, -1, cv::Mat::ones(3, 3, CV_32F) / 9.0); }},
+    {"BM_CustomFilter7", kCustomFilter7, "BM_CvFilter2D7",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::filter2D(bg, out, -1, cv::Mat::ones(7, 7, CV_32F) / 49.0); }},
 };
 
 void RunPartner(benchmark::State& state, Partner partner) {
@@ -121,12 +137,12 @@ class RatioTable : public benchmark::ConsoleReporter {
   }
 
   void Print() const {
-    std::printf("\n%-22s %7s %9s  %-22s %9s %7s\n", "tool", "threads", "Mpx/s", "partner", "Mpx/s", "ratio");
+    std::printf("\n%-22s %7s %9s  %-24s %9s %7s\n", "tool", "threads", "Mpx/s", "partner", "Mpx/s", "ratio");
     for (const Pair& pair : kPairs)
       for (const char* threads : {"1", "2"}) {
         const auto tool = rates_.find({pair.tool_name, threads}), partner = rates_.find({pair.partner_name, threads});
         if (tool == rates_.end() || partner == rates_.end()) continue;
-        std::printf("%-22s %7s %9.1f  %-22s %9.1f %7.2f\n", pair.tool_name, threads, tool->second, pair.partner_name,
+        std::printf("%-22s %7s %9.1f  %-24s %9.1f %7.2f\n", pair.tool_name, threads, tool->second, pair.partner_name,
                     partner->second, tool->second / partner->second);
       }
     for (const char* threads : {"1", "2"})

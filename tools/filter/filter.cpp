@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -149,20 +150,21 @@ void MedianNetworkRow(const FilterRender& t, BandScratch& s, int y) {
   s.keys.resize(s.padded.size());
   for (size_t i = 0; i < s.padded.size(); ++i) s.keys[i] = LuminanceKey(s.padded[i]) << 9;
   s.values.resize(4 * size_t(w));
-  uint32_t sorted[(2 * kNetworkRadius + 1) * (2 * kNetworkRadius + 1)][kGroup];
+  typedef uint32_t Lanes __attribute__((vector_size(kGroup * sizeof(uint32_t))));
+  Lanes sorted[(2 * kNetworkRadius + 1) * (2 * kNetworkRadius + 1)];
   for (int x0 = 0; x0 < w; x0 += kGroup) {
     for (int dy = 0; dy < side; ++dy)
       for (int dx = 0; dx < side; ++dx) {
         const int place = dy * side + dx;
-        const uint32_t* keys = &s.keys[line * size_t(dy) + size_t(x0 + dx)];
-        for (int l = 0; l < kGroup; ++l) sorted[place][l] = keys[l] | uint32_t(place);
+        Lanes keys;
+        std::memcpy(&keys, &s.keys[line * size_t(dy) + size_t(x0 + dx)], sizeof keys);
+        sorted[place] = keys | uint32_t(place);
       }
-    for (const auto& [a, b] : t.network)
-      for (int l = 0; l < kGroup; ++l) {
-        const uint32_t low = std::min(sorted[a][l], sorted[b][l]), high = std::max(sorted[a][l], sorted[b][l]);
-        sorted[a][l] = low;
-        sorted[b][l] = high;
-      }
+    for (const auto& [a, b] : t.network) {
+      const Lanes low = sorted[a] < sorted[b] ? sorted[a] : sorted[b];
+      sorted[b] = sorted[a] < sorted[b] ? sorted[b] : sorted[a];
+      sorted[a] = low;
+    }
     for (int l = 0; l < kGroup && x0 + l < w; ++l) {
       const int place = int(sorted[t.rank][l] & 511);
       const uint32_t p = padded[line * size_t(place / side) + size_t(x0 + l + place % side)];
