@@ -1,13 +1,15 @@
 // Custom Filter: convolves an image with a matrix of up to 7 x 7 signed whole weights edited in
 // the host's filter-matrix control, normalises the sum, adds a floor level and mixes the result
-// over the source on the channels switched on. The source is first copied into a frame padded
-// by three pixels all round; each row then runs on the worker threads.
+// over the source on the channels switched on. The kernel reads the source as if padded by
+// three pixels all round, in the tool's own way (see PaddedRow); the bands of rows run on the
+// worker threads, each keeping the padded rows it reads as a ring.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
 #include "host/graph/filter_matrix.h"
+#include "host/graph/threads.h"
 #include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
@@ -23,58 +25,93 @@ constexpr int kPad = 3;  // pixels of padding on each side
 enum CustomInput { Red, Green, Blue, Alpha, Matrix, Normalize, FloorLevel, Blend, Source, kInputCount };
 
 // The kernel's weights that are not 0, each with where it reads: the padded row offset from the
-// output row and the byte offset from the output pixel's first byte in the padded row.
+// output row and the lane offset from the output pixel's first lane in the padded row.
 struct Tap {
-  int32_t weight;
+  float weight;
   int row;
-  int byte;
+  int lane;
 };
 
-// Everything the rows need, worked out once per render in Process.
+// Everything the bands need, worked out once per render in Process.
 struct CustomRender {
   const Image* src = nullptr;
-  const Image* padded = nullptr;
   Image* out = nullptr;
   int width = 0, height = 0;
+  long bands = 1;
+  int radius = 1;
   std::vector<Tap> taps;
   uint32_t kept = 0;  // the source bytes kept: channels switched off
   int32_t blend = 256, floor = 0;  // Bl = trunc(Blend x 256), F = trunc(Floor level x 256)
-  // v = (S x 256) / N, truncated toward zero, from a product with 1 / N (see Normalised).
+  // v = (S x 256) / N, truncated toward zero, from a product with 1 / N (see Normalised), in
+  // single precision where the sums allow.
   double per_n = 1.0, half_step = 0.5;
+  bool single = false;
+};
+
+// A band's padded rows: ring[p % size] holds padded row p, 4 (width + 7) values.
+struct BandRows {
+  std::vector<float> ring;
 };
 
 // (S x 256) / N truncated toward zero. S x 256 is below 2^29 in size and N is a whole number,
 // so the quotient is a fraction of denominator |N|, at least 1 / |N| from a whole number when
 // not whole, and the product with 1 / N in double precision lies within 2^-22 / |N| of it: half
-// a step of 1 / |N| added away from zero truncates exactly.
-inline int32_t Normalised(int32_t sum, const CustomRender& t) {
-  const double z = double(sum * 256) * t.per_n;
-  return int32_t(z + std::copysign(t.half_step, z));
+// a step of 1 / |N| added away from zero truncates exactly. Where |S| stays below 8192 (the
+// weights' sizes add up to at most 32), the quotient is below 2^21 / |N| and single precision
+// is off by less than 0.4 / |N|, so it truncates exactly too, twice the lanes at a time.
+template <bool kSingle>
+inline int32_t Normalised(float sum, const CustomRender& t) {
+  if constexpr (kSingle) {
+    const float z = sum * float(256.0 * t.per_n);
+    return int32_t(z + std::copysign(float(t.half_step), z));
+  } else {
+    const double z = double(sum) * 256.0 * t.per_n;
+    return int32_t(z + std::copysign(t.half_step, z));
+  }
+}
+
+// Row p of the source padded by 3: source row p - 3 at columns 3 .. W + 2. Above, rows 0 to 2
+// repeat source row 2, and to the left columns 0 to 2 repeat source column 1 (not row and
+// column 0: a bright second row or column bleeds into the first, and saved flows render so);
+// below and to the right the last row and column repeat; the four corner blocks are clear.
+// Images of fewer than 3 rows or 2 columns repeat their last instead. As floats, for the sums.
+void PaddedRow(const Image& src, int p, float* out) {
+  const int w = src.Width(), h = src.Height();
+  const bool inside = p >= kPad && p < h + kPad;
+  const int from = inside ? p - kPad : p < kPad ? std::min(2, h - 1) : h - 1;
+  const auto* row = reinterpret_cast<const uint8_t*>(src.Row(from));
+  const auto* second = row + 4 * std::min(1, w - 1);
+  const auto* last = row + 4 * (w - 1);
+  for (int i = 0; i < 4 * kPad; ++i) out[i] = inside ? float(second[i % 4]) : 0.0f;
+  for (int i = 0; i < 4 * w; ++i) out[4 * kPad + i] = float(row[i]);
+  for (int i = 0; i < 4 * (kPad + 1); ++i) out[4 * (kPad + w) + i] = inside ? float(last[i % 4]) : 0.0f;
 }
 
 // The lanes (x 4 + channel) a row is worked in at a time, so that the sums stay in the first
 // level of cache.
 constexpr int kChunk = 256;
 
-// sums += w x p over `count` lanes; kept out of line, so that the loop over the taps stays
-// apart from it and it vectorises.
-[[gnu::noinline]] void AddTap(int32_t* __restrict sums, const uint8_t* p, int32_t w, int count) {
+// sums += w x p over `count` lanes. The products and sums are whole numbers below 2^24 (49
+// weights of at most 128 times 255), so single precision holds them exactly. Kept out of line,
+// so that the loop over the taps stays apart from it and it vectorises.
+[[gnu::noinline]] void AddTap(float* __restrict sums, const float* p, float w, int count) {
   for (int i = 0; i < count; ++i) sums[i] += w * p[i];
 }
 
-// Lanes `begin` .. `end` - 1 of output row y.
-[[gnu::noinline]] void FilterLanes(const CustomRender& t, int y, int begin, int end) {
-  int32_t sums[kChunk] = {};
+// Lanes `begin` .. `end` - 1 of output row y; `rows` gives padded row p. Blend 1 leaves
+// v + F itself.
+template <bool kSingle, bool kBlended, class RowAt>
+void FilterLanes(const CustomRender& t, RowAt rows, int y, int begin, int end) {
+  float sums[kChunk] = {};
   const int count = end - begin;
-  for (const Tap& tap : t.taps)
-    AddTap(sums, reinterpret_cast<const uint8_t*>(t.padded->Row(y + tap.row)) + tap.byte + begin, tap.weight, count);
+  for (const Tap& tap : t.taps) AddTap(sums, rows(y + tap.row) + tap.lane + begin, tap.weight, count);
   const auto* s = reinterpret_cast<const uint8_t*>(t.src->Row(y)) + begin;
   auto* o = reinterpret_cast<uint8_t*>(t.out->Row(y)) + begin;
   const int32_t bl = t.blend, rest = 256 - bl, floor = t.floor;
   for (int i = 0; i < count; ++i) {
     // (s (256 - Bl) + Bl (v + F)) >> 8 in 32-bit arithmetic that wraps, held to a byte.
-    const int32_t v = Normalised(sums[i], t);
-    const int32_t mixed = module::WrapAdd(s[i] * rest, module::WrapMul(bl, module::WrapAdd(v, floor))) >> 8;
+    const int32_t v = module::WrapAdd(Normalised<kSingle>(sums[i], t), floor);
+    const int32_t mixed = kBlended ? module::WrapAdd(s[i] * rest, module::WrapMul(bl, v)) >> 8 : v;
     o[i] = uint8_t(std::clamp(mixed, 0, 255));
   }
 }
@@ -116,9 +153,6 @@ class CustomFilter final : public ThreadedOperator {
     t.width = src->Width();
     t.height = src->Height();
     t.out = NewImage(req, src);
-    Image* padded = NewImage(req, t.width + 2 * kPad + 1, t.height + 2 * kPad + 1, src->Depth(), src);
-    FillPadded(*src, *padded);
-    t.padded = padded;
     int32_t switches[4];
     for (int c = 0; c < 4; ++c) switches[c] = module::TruncToInt(module::NumberInput(req, in_[Red + c]));
     t.kept = ~filter::SwitchedBytes(switches, [](int32_t s) { return s != 0; });
@@ -126,41 +160,40 @@ class CustomFilter final : public ThreadedOperator {
     t.floor = module::TruncToInt(module::NumberInput(req, in_[FloorLevel]) * 256.0);
     const int32_t nz = module::TruncToInt(module::NumberInput(req, in_[Normalize]) * 255.0);
     PrepareTaps(t, MatrixTable(req), nz);
-    DoMultiProcess(req, t.height);
+    if (t.width == 0 || t.height == 0) return req->SetOutputData(image_out_, t.out);
+    t.bands = std::clamp(4 * long(WorkerThreads()), 1L, long(t.height));
+    rows_.resize(size_t(t.bands));
+    DoMultiProcess(req, t.bands);
     return req->SetOutputData(image_out_, t.out);
   }
 
-  void ProcessChunk(Request*, long y) override {
-    if (abort_flag.load(std::memory_order_relaxed)) return;
+  void ProcessChunk(Request*, long band) override {
     const CustomRender& t = render_;
+    const module::RowSpan span = module::BandRows(t.height, t.bands, band);
+    const size_t line = 4 * size_t(t.width + 2 * kPad + 1), size = size_t(2 * t.radius + 1);
+    std::vector<float>& ring = rows_[size_t(band)].ring;
+    ring.resize(line * size);
+    const auto rows = [&](int p) { return &ring[line * (size_t(p) % size)]; };
+    // Padded rows y + 3 - r .. y + 3 + r serve output row y; moving down adds one.
+    const int r = t.radius;
+    for (int p = span.begin + kPad - r; p < span.begin + kPad + r; ++p) PaddedRow(*t.src, p, rows(p));
     const int lanes = 4 * t.width;
-    for (int begin = 0; begin < lanes; begin += kChunk) FilterLanes(t, int(y), begin, std::min(begin + kChunk, lanes));
     const uint32_t kept = t.kept;
-    if (kept) {
-      const uint32_t* s = t.src->Row(int(y));
-      uint32_t* o = t.out->Row(int(y));
-      for (int x = 0; x < t.width; ++x) o[x] = (o[x] & ~kept) | (s[x] & kept);
-    }
-  }
-
-  // The source pixel (x, y) at (x + 3, y + 3). Above, three rows repeat source row 2, and to the
-  // left three columns repeat source column 1 (not row and column 0: a bright second row or
-  // column bleeds into the first, and saved flows render so); below and to the right the last
-  // row and column repeat. The four corner blocks stay clear. Images of fewer than 3 rows or 2
-  // columns repeat their last instead.
-  virtual void FillPadded(const Image& src, Image& padded) {
-    const int w = src.Width(), h = src.Height();
-    if (w == 0 || h == 0) return;
-    const auto copy_row = [&](int from, int to) { std::copy_n(src.Row(from), w, padded.Row(to) + kPad); };
-    const int second_column = std::min(1, w - 1);
-    for (int y = 0; y < h; ++y) {
-      copy_row(y, y + kPad);
-      uint32_t* p = padded.Row(y + kPad);
-      std::fill_n(p, kPad, p[kPad + second_column]);
-      std::fill_n(p + kPad + w, kPad + 1, p[kPad + w - 1]);
-    }
-    for (int y = 0; y < kPad; ++y) copy_row(std::min(2, h - 1), y);
-    for (int y = h + kPad; y < padded.Height(); ++y) copy_row(h - 1, y);
+    module::ForEachRow(*this, span, [&](int y) {
+      PaddedRow(*t.src, y + kPad + r, rows(y + kPad + r));
+      for (int begin = 0; begin < lanes; begin += kChunk) {
+        const int end = std::min(begin + kChunk, lanes);
+        if (t.single)
+          t.blend == 256 ? FilterLanes<true, false>(t, rows, y, begin, end) : FilterLanes<true, true>(t, rows, y, begin, end);
+        else
+          t.blend == 256 ? FilterLanes<false, false>(t, rows, y, begin, end) : FilterLanes<false, true>(t, rows, y, begin, end);
+      }
+      if (kept) {
+        const uint32_t* s = t.src->Row(y);
+        uint32_t* o = t.out->Row(y);
+        for (int x = 0; x < t.width; ++x) o[x] = (o[x] & ~kept) | (s[x] & kept);
+      }
+    });
   }
 
  private:
@@ -178,24 +211,28 @@ class CustomFilter final : public ThreadedOperator {
   // top to bottom; N = the block's sum (1 where it is 0) x (256 - Nz), or x 256 where Nz is 0.
   static void PrepareTaps(CustomRender& t, const std::vector<uint16_t>& table, int32_t nz) {
     const int r = std::clamp(int(table[0] & 255) + 1, 1, filter_matrix::kLargestSizeCode + 1);
+    t.radius = r;
     const int first = filter_matrix::kSide / 2 - r;
     t.taps.clear();
-    int64_t sum = 0;
+    int64_t sum = 0, sizes = 0;
     for (int dy = -r; dy <= r; ++dy)
       for (int j = 0; j <= 2 * r; ++j) {
         const int32_t weight = filter_matrix::Weight(table, first + r + dy, first + j);
         sum += weight;
-        if (weight != 0) t.taps.push_back({weight, dy + kPad, 4 * (r - j + kPad)});
+        sizes += std::abs(weight);
+        if (weight != 0) t.taps.push_back({float(weight), dy + kPad, 4 * (r - j + kPad)});
       }
     if (sum == 0) sum = 1;
     const int64_t n = sum * (nz != 0 ? 256 - nz : 256);
     t.per_n = 1.0 / double(n);
     t.half_step = 0.5 / double(std::abs(n));
+    t.single = 255 * sizes < 8192;
   }
 
   Input* in_[kInputCount];
   Output* image_out_;
   CustomRender render_;
+  std::vector<BandRows> rows_;
 };
 
 }  // namespace
