@@ -142,18 +142,19 @@ template <class Sum>
     for (int c = 0; c < 4; ++c) total[4 * x + c] += last[c];
 }
 
-// v = trunc(sum / area) in double precision, held to 65535, from products with 1 / area (no
-// sum exceeds 65280 x area, so a quotient is below 2^17 and its product lies within 2^-35 of
-// it). Where the area is P / 2^k with a whole P up to 2^32 (every area of whole or simple
+// v = trunc(sum x scale / area) in double precision, held to 65535, from products with
+// scale / area (scale 256 where the sums are of bytes alone, else 1; no sum x scale exceeds
+// 65280 x area, so a quotient is below 2^17 and its product lies within 2^-35 of it). Where the area is P / 2^k with a whole P up to 2^32 (every area of whole or simple
 // radii), a quotient is a fraction of denominator P, at least 1 / P from a whole number when
 // not whole, and half a step of 1 / P put beside the product truncates exactly. Otherwise,
 // where the product less and plus 2^-24 truncate alike, the quotient truncates so too; the
 // rare others are divided again. Sums convert exactly: below 2^31 through 32 bits, which
 // vectorises, the wider ones through 64.
 template <class Sum, bool kSimpleArea>
-[[gnu::noinline]] void DivideByArea(const Sum* total, int32_t* __restrict values, size_t lanes, const BlurRender& t) {
+[[gnu::noinline]] void DivideByArea(const Sum* total, double scale, int32_t* __restrict values, size_t lanes,
+                                    const BlurRender& t) {
   using Signed = std::make_signed_t<Sum>;
-  const double per_area = 1.0 / t.area, half_step = t.half_step;
+  const double per_area = scale / t.area, half_step = t.half_step;
   if constexpr (kSimpleArea) {
     for (size_t i = 0; i < lanes; ++i)
       values[i] = std::min(int32_t(double(Signed(total[i])) * per_area + half_step), 65535);
@@ -170,9 +171,51 @@ template <class Sum, bool kSimpleArea>
       for (size_t i = g; i < end; ++i) marks |= values[i];
       if (marks < 0)
         for (size_t i = g; i < end; ++i)
-          if (values[i] < 0) values[i] = int32_t(std::min(double(Signed(total[i])) / t.area, 65535.0));
+          if (values[i] < 0) values[i] = int32_t(std::min(scale * double(Signed(total[i])) / t.area, 65535.0));
     }
   }
+}
+
+// A simple area's quotients, unblended and every channel on, stored as bytes straight away.
+template <class Sum>
+[[gnu::noinline]] void StoreQuotients(const Sum* total, double scale, uint8_t* __restrict out, size_t lanes,
+                                      const BlurRender& t) {
+  using Signed = std::make_signed_t<Sum>;
+  const double per_area = scale / t.area, half_step = t.half_step;
+  for (size_t i = 0; i < lanes; ++i)
+    out[i] = uint8_t(std::min(int32_t(double(Signed(total[i])) * per_area + half_step), 65535) >> 8);
+}
+
+// Box k's sums for output row y added to total: its whole rows and the fractions of the rows
+// just outside them down the columns, then along the row its whole columns and the fractions
+// of the columns just outside them.
+template <class Sum>
+void AddBox(const BlurRender& t, BandSums<Sum>& s, int k, module::RowSpan rows, int y, Sum* __restrict line,
+            Sum* __restrict edge, Sum* __restrict total) {
+  const FractionalBox& b = t.box[k];
+  const int w = t.width;
+  const size_t lanes = 4 * size_t(w);
+  const auto row = [&t](int r) { return Bytes(*t.src, r); };
+  if (y > rows.begin) s.full[k].Advance(row);
+  const uint8_t* top = Bytes(*t.src, y - b.iy - 1);
+  const uint8_t* bottom = Bytes(*t.src, y + b.iy + 1);
+  const Sum* full = s.full[k].Sums();
+  const int32_t fy = b.fy;
+  if (fy)
+    for (size_t i = 0; i < lanes; ++i)
+      line[i] = (full[i] << 8) + Sum(uint32_t(top[i] * fy) >> 2) + Sum(uint32_t(bottom[i] * fy) >> 2);
+  else
+    for (size_t i = 0; i < lanes; ++i) line[i] = full[i] << 8;
+  if (b.fx) {
+    if (y > rows.begin) s.weighted[k].Advance(row, EdgeShare{b.fx});
+    const Sum* weighted = s.weighted[k].Sums();
+    const int32_t fxy = b.fx * fy;
+    for (size_t i = 0; i < lanes; ++i)
+      edge[i] = weighted[i] + Sum(uint32_t(top[i] * fxy) >> 12) + Sum(uint32_t(bottom[i] * fxy) >> 12);
+    AddShifted(total, edge, w, -b.ix - 1);
+    AddShifted(total, edge, w, b.ix + 1);
+  }
+  SlideAlong<WindowShape::Box, 4, true>(line, w, b.ix, total);
 }
 
 template <class Sum>
@@ -190,36 +233,25 @@ void BoxBand(const BlurRender& t, BandScratch& scratch, module::RowSpan rows, co
   Sum* __restrict line = s.line.data();
   Sum* __restrict edge = s.edge.data();
   Sum* __restrict total = s.total.data();
+  // One box of whole radii sums the bytes alone, and their 256 goes into the division.
+  const bool whole = t.boxes == 1 && t.box[0].fx == 0 && t.box[0].fy == 0;
+  const double scale = whole ? 256.0 : 1.0;
   module::ForEachRow(op, rows, [&](int y) {
-    std::fill(total, total + lanes, Sum(0));
-    for (int k = 0; k < t.boxes; ++k) {
-      const FractionalBox& b = t.box[k];
-      if (y > rows.begin) s.full[k].Advance(row);
-      // The rows just outside the box's whole rows, weighed fy / 1024.
-      const uint8_t* top = Bytes(*t.src, y - b.iy - 1);
-      const uint8_t* bottom = Bytes(*t.src, y + b.iy + 1);
-      const Sum* full = s.full[k].Sums();
-      const int32_t fy = b.fy;
-      if (fy)
-        for (size_t i = 0; i < lanes; ++i)
-          line[i] = (full[i] << 8) + Sum(uint32_t(top[i] * fy) >> 2) + Sum(uint32_t(bottom[i] * fy) >> 2);
-      else
-        for (size_t i = 0; i < lanes; ++i) line[i] = full[i] << 8;
-      if (b.fx) {
-        if (y > rows.begin) s.weighted[k].Advance(row, EdgeShare{b.fx});
-        const Sum* weighted = s.weighted[k].Sums();
-        const int32_t fxy = b.fx * fy;
-        for (size_t i = 0; i < lanes; ++i)
-          edge[i] = weighted[i] + Sum(uint32_t(top[i] * fxy) >> 12) + Sum(uint32_t(bottom[i] * fxy) >> 12);
-        AddShifted(total, edge, w, -b.ix - 1);
-        AddShifted(total, edge, w, b.ix + 1);
-      }
-      SlideAlong<WindowShape::Box, 4, true>(line, w, b.ix, total);
+    if (whole) {
+      if (y > rows.begin) s.full[0].Advance(row);
+      SlideAlong<WindowShape::Box, 4>(s.full[0].Sums(), w, t.box[0].ix, total);
+    } else {
+      std::fill(total, total + lanes, Sum(0));
+      for (int k = 0; k < t.boxes; ++k) AddBox(t, s, k, rows, y, line, edge, total);
+    }
+    if (t.simple_area && t.blend == 256 && t.kept == 0) {
+      StoreQuotients(total, scale, reinterpret_cast<uint8_t*>(t.out->Row(y)), lanes, t);
+      return;
     }
     if (t.simple_area)
-      DivideByArea<Sum, true>(total, values.data(), lanes, t);
+      DivideByArea<Sum, true>(total, scale, values.data(), lanes, t);
     else
-      DivideByArea<Sum, false>(total, values.data(), lanes, t);
+      DivideByArea<Sum, false>(total, scale, values.data(), lanes, t);
     StoreRow(values.data(), t.src->Row(y), t.out->Row(y), w, t);
   });
 }
