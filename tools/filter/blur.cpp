@@ -135,8 +135,7 @@ template <class Sum>
   const long lo = std::clamp(-shift, 0L, long(width)), hi = std::clamp(long(width) - shift, lo, long(width));
   for (long x = 0; x < lo; ++x)
     for (int c = 0; c < 4; ++c) total[4 * x + c] += edge[c];
-  const Sum* shifted = edge + 4 * shift;
-  for (long i = 4 * lo; i < 4 * hi; ++i) total[i] += shifted[i];
+  for (long i = 4 * lo; i < 4 * hi; ++i) total[i] += edge[i + 4 * shift];
   const Sum* last = edge + 4 * (long(width) - 1);
   for (long x = hi; x < width; ++x)
     for (int c = 0; c < 4; ++c) total[4 * x + c] += last[c];

@@ -113,8 +113,8 @@ int64_t BoxSum(const Vec& img, int w, int h, int x, int y, int c, double rx, dou
   return sum;
 }
 
-Vec ReferenceBlur(int kernel, double size, double blend, int switches, const Vec& img, int w, int h) {
-  const double rx = double(float(size)) * w / 320.0, ry = rx;
+// rx and ry: the radii in pixels.
+Vec ReferenceBlur(int kernel, double rx, double ry, double blend, int switches, const Vec& img, int w, int h) {
   const int b = int(blend * 256.0);
   const int r = int(rx);
   const int64_t volume = int64_t(r + 1) * (r + 1) * (r + 1) * (r + 1);
@@ -142,7 +142,7 @@ Vec ReferenceBlur(int kernel, double size, double blend, int switches, const Vec
           int64_t sum = 0;
           for (int dy = -r; dy <= r; ++dy)
             for (int dx = -r; dx <= r; ++dx)
-              sum += HeldByte(img, w, h, x + dx, y + dy, c) * 256 * (r + 1 - std::abs(dx)) * (r + 1 - std::abs(dy));
+              sum += int64_t(HeldByte(img, w, h, x + dx, y + dy, c)) * 256 * (r + 1 - std::abs(dx)) * (r + 1 - std::abs(dy));
           v = kernel == Bartlett ? sum / volume : (4 * s * volume - 3 * sum) / volume;
         }
         v = std::clamp<int64_t>(v, 0, 65535);
@@ -168,8 +168,22 @@ TEST_F(BlurTest, EveryKernelMatchesDirectSums) {
         SetSwitches(op, switches[setting / 2 % 2]);
       },
       [&](int setting, const Vec& img, int w, int h) {
-        return ReferenceBlur(setting / 3, sizes[setting % 3], blends[setting % 2], switches[setting / 2 % 2], img, w, h);
+        const double r = double(float(sizes[setting % 3])) * w / 320.0;
+        return ReferenceBlur(setting / 3, r, r, blends[setting % 2], switches[setting / 2 % 2], img, w, h);
       });
+}
+
+// A narrow pixel aspect makes the radius across some 312 pixels on a 6-pixel row: the sums go
+// to 64 bits, the area is no simple fraction, and the triangle's volume passes 2^32.
+TEST_F(BlurTest, WideRadiiMatchDirectSums) {
+  constexpr int w = 6, h = 5;
+  for (int kernel : {Soften, Box, Bartlett, Sharpen}) {
+    Picture* src = RandomSource(w, h);
+    src->image->x_aspect = 0.004f;
+    const Vec expected = ReferenceBlur(kernel, 50.0 * w / (double(0.004f) * 320.0), 50.0 * w / 320.0, 0.8, 15,
+                                       Words(*src->image), w, h);
+    EXPECT_EQ(Words(*Render(Blur(src, kernel, 50.0, 0.8))), expected) << kernel;
+  }
 }
 
 }  // namespace
