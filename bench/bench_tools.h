@@ -1,9 +1,8 @@
 // How the benchmarks drive a tool: one whole Process call on a request per run, as the
 // renderer makes it (every input at its value, the output frame allocated and released every
-// time), on 1920 x 1080
-// noise with the worker threads the argument gives; the cases that more than one benchmark
-// program measures; the frame copy that the tools are read against; and the main of a program
-// that needs the tool module.
+// time), on 1920 x 1080 noise with the worker threads the argument gives; the cases that more
+// than one benchmark program measures; the frame copy that the tools are read against; and the
+// main of a program that needs the tool module.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -59,7 +58,8 @@ inline void RunTool(benchmark::State& state, const ToolCase& c) {
     for (const auto& in : op->Inputs())
       if (!in->IsImage()) req.SetInputData(in.get(), in->CurrentValue());
     for (const auto& [label, value] : c.numbers) req.SetInputData(op->FindInput(0, label.c_str()), new Number(value));
-    for (const auto& [label, table] : c.tables) req.SetInputData(op->FindInput(0, label.c_str()), new LookUpTable(table));
+    for (const auto& [label, table] : c.tables)
+      req.SetInputData(op->FindInput(0, label.c_str()), new LookUpTable(table));
     Background()->Use();
     req.SetInputData(op->FindInput(0, "Image"), Background().get());
     if (c.foreground) {
@@ -127,7 +127,8 @@ inline const ToolCase kFilterSobel{"Filter", {{"FilterType", 5}}, false};
 inline const ToolCase kFilterLaplacian{"Filter", {{"FilterType", 6}}, false};
 // Custom Filter's means: the default 3 x 3, and a 7 x 7 of ones.
 inline const ToolCase kCustomFilter3{"UserFilter", {}, false};
-inline const ToolCase kCustomFilter7{"UserFilter", {}, false, {{"Matrix", filter_matrix::OfBlock(7, std::vector<int>(49, 1))}}};
+inline const ToolCase kCustomFilter7{
+    "UserFilter", {}, false, {{"Matrix", filter_matrix::OfBlock(7, std::vector<int>(49, 1))}}};
 
 // Loads the tool module, then runs the benchmarks the command line selects.
 inline int RunWithToolModule(int argc, char** argv, benchmark::BenchmarkReporter* reporter = nullptr) {

@@ -83,7 +83,8 @@ const Pair kPairs[] = {
        Over(turned, bg, out);
      }},
     // Blur size 1.0 is a radius of 6 pixels on these frames: a 13 x 13 box, a 13-tap triangle.
-    {"BM_BlurBox", kBlurBox, "BM_CvBlur", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::blur(bg, out, cv::Size(13, 13)); }},
+    {"BM_BlurBox", kBlurBox, "BM_CvBlur",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::blur(bg, out, cv::Size(13, 13)); }},
     {"BM_BlurBartlett", kBlurBartlett, "BM_CvSepFilterTriangle",
      [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
        static const cv::Mat triangle = [] {
@@ -93,8 +94,10 @@ const Pair kPairs[] = {
        }();
        cv::sepFilter2D(bg, out, -1, triangle, triangle);
      }},
-    {"BM_FilterMedian3", kFilterMedian3, "BM_CvMedianBlur3", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::medianBlur(bg, out, 3); }},
-    {"BM_FilterMedian5", kFilterMedian5, "BM_CvMedianBlur5", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::medianBlur(bg, out, 5); }},
+    {"BM_FilterMedian3", kFilterMedian3, "BM_CvMedianBlur3",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::medianBlur(bg, out, 3); }},
+    {"BM_FilterMedian5", kFilterMedian5, "BM_CvMedianBlur5",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::medianBlur(bg, out, 5); }},
     {"BM_FilterSobel", kFilterSobel, "BM_CvSobelMagnitude",
      [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
        cv::Mat gx, gy, magnitude;
@@ -106,9 +109,13 @@ const Pair kPairs[] = {
     {"BM_FilterLaplacian", kFilterLaplacian, "BM_CvLaplacian",
      [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::Laplacian(bg, out, -1); }},
     {"BM_CustomFilter3", kCustomFilter3, "BM_CvFilter2D3",
-     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::filter2D(bg, out, -1, cv::Mat::ones(3, 3, CV_32F) / 9.0); }},
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       cv::filter2D(bg, out, -1, cv::Mat::ones(3, 3, CV_32F) / 9.0);
+     }},
     {"BM_CustomFilter7", kCustomFilter7, "BM_CvFilter2D7",
-     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { cv::filter2D(bg, out, -1, cv::Mat::ones(7, 7, CV_32F) / 49.0); }},
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       cv::filter2D(bg, out, -1, cv::Mat::ones(7, 7, CV_32F) / 49.0);
+     }},
 };
 
 void RunPartner(benchmark::State& state, Partner partner) {

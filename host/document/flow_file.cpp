@@ -79,23 +79,30 @@ std::vector<uint16_t> ReadFilterMatrix(const Json& v, const std::string& where) 
   const auto whole = [](const Json& e, int lo, int hi) {
     return e.is_number_integer() && e.get<int64_t>() >= lo && e.get<int64_t>() <= hi;
   };
-  const auto range = [](int lo, int hi) { return " must be a whole number from " + std::to_string(lo) + " to " + std::to_string(hi); };
+  const auto range = [](int lo, int hi) {
+    return " must be a whole number from " + std::to_string(lo) + " to " + std::to_string(hi);
+  };
   if (v.is_array()) {
     if (v.size() != size_t(fm::kBytes))
-      throw FlowError{where + " takes the 54 values of a filter matrix (size code, four values 0 to 255, 49 weights); this array has " +
-                      std::to_string(v.size())};
+      throw FlowError{where +
+                      " takes the 54 values of a filter matrix (size code, four values 0 to 255, 49 weights); "
+                      "this array has " + std::to_string(v.size())};
     std::vector<uint16_t> table;
     for (size_t i = 0; i < v.size(); ++i) {
       const bool weight = i >= size_t(fm::kFirstWeight);
       const int lo = weight ? -128 : 0, hi = i == 0 ? fm::kLargestSizeCode : weight ? 127 : 255;
-      if (!whole(v[i], lo, hi))
-        throw FlowError{where + ": " + (i == 0 ? std::string("the size code") : weight ? "weight " + std::to_string(i - fm::kFirstWeight + 1) : "value " + std::to_string(i)) +
-                        " (" + v[i].dump() + ")" + range(lo, hi)};
+      if (!whole(v[i], lo, hi)) {
+        const std::string what = i == 0   ? std::string("the size code")
+                                 : weight ? "weight " + std::to_string(i - fm::kFirstWeight + 1)
+                                          : "value " + std::to_string(i);
+        throw FlowError{where + ": " + what + " (" + v[i].dump() + ")" + range(lo, hi)};
+      }
       table.push_back(uint16_t(uint8_t(v[i].get<int>())));
     }
     return table;
   }
-  if (!v.is_object()) throw FlowError{where + " takes a filter matrix: {\"size\": 3, 5 or 7, \"weights\": [[...], ...]} or the 54 table values"};
+  if (!v.is_object())
+    throw FlowError{where + " takes a filter matrix: {\"size\": 3, 5 or 7, \"weights\": [[...], ...]} or its 54 values"};
   CheckKeys(v, {"size", "weights"}, where + ": ");
   const Json size = v.value("size", Json());
   if (!(size == 3 || size == 5 || size == 7)) throw FlowError{where + ": \"size\" must be 3, 5 or 7"};

@@ -143,9 +143,10 @@ template <class Sum>
 
 // v = trunc(sum x scale / area) in double precision, held to 65535, from products with
 // scale / area (scale 256 where the sums are of bytes alone, else 1; no sum x scale exceeds
-// 65280 x area, so a quotient is below 2^17 and its product lies within 2^-35 of it). Where the area is P / 2^k with a whole P up to 2^32 (every area of whole or simple
-// radii), a quotient is a fraction of denominator P, at least 1 / P from a whole number when
-// not whole, and half a step of 1 / P put beside the product truncates exactly. Otherwise,
+// 65280 x area, so a quotient is below 2^17 and its product lies within 2^-35 of it). Where
+// the area is P / 2^k with a whole P up to 2^32 (every area of whole or simple radii), a
+// quotient is a fraction of denominator P, at least 1 / P from a whole number when not
+// whole, and half a step of 1 / P put beside the product truncates exactly. Otherwise,
 // where the product less and plus 2^-24 truncate alike, the quotient truncates so too; the
 // rare others are divided again. Sums convert exactly: below 2^31 through 32 bits, which
 // vectorises, the wider ones through 64.

@@ -183,10 +183,11 @@ class CustomFilter final : public ThreadedOperator {
       PaddedRow(*t.src, y + kPad + r, rows(y + kPad + r));
       for (int begin = 0; begin < lanes; begin += kChunk) {
         const int end = std::min(begin + kChunk, lanes);
-        if (t.single)
-          t.blend == 256 ? FilterLanes<true, false>(t, rows, y, begin, end) : FilterLanes<true, true>(t, rows, y, begin, end);
-        else
-          t.blend == 256 ? FilterLanes<false, false>(t, rows, y, begin, end) : FilterLanes<false, true>(t, rows, y, begin, end);
+        const auto lanes_of = t.single ? (t.blend == 256 ? &FilterLanes<true, false, decltype(rows)>
+                                                         : &FilterLanes<true, true, decltype(rows)>)
+                                       : (t.blend == 256 ? &FilterLanes<false, false, decltype(rows)>
+                                                         : &FilterLanes<false, true, decltype(rows)>);
+        lanes_of(t, rows, y, begin, end);
       }
       if (kept) {
         const uint32_t* s = t.src->Row(y);

@@ -285,7 +285,8 @@ std::vector<std::pair<int, int>> Ring(int p) {
     for (auto [x, y] : {std::pair{a, b}, std::pair{b, a}})
       for (int sx : {1, -1})
         for (int sy : {1, -1})
-          if (std::find(ring.begin(), ring.end(), std::pair{sx * x, sy * y}) == ring.end()) ring.push_back({sx * x, sy * y});
+          if (std::find(ring.begin(), ring.end(), std::pair{sx * x, sy * y}) == ring.end())
+            ring.push_back({sx * x, sy * y});
   return ring;
 }
 

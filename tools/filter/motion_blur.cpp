@@ -166,7 +166,8 @@ class MotionBlur final : public ThreadedOperator {
     t.type = module::TruncToInt(module::NumberInput(req, in_[Type]));
     t.black = module::TruncToInt(module::NumberInput(req, in_[Edges])) == Black;
     const long reach = kLengthLimit * (long(t.width) + t.height);
-    t.length = std::clamp<long>(module::TruncToInt(-double(t.width) * module::NumberInput(req, in_[Length])), -reach, reach);
+    const double length = module::NumberInput(req, in_[Length]);
+    t.length = std::clamp<long>(module::TruncToInt(-double(t.width) * length), -reach, reach);
     float cx = 0.5f, cy = 0.5f;
     if (auto* centre = dynamic_cast<Point*>(req->GetInputData(in_[Center]))) {
       cx = centre->x;

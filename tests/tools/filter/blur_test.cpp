@@ -142,7 +142,8 @@ Vec ReferenceBlur(int kernel, double rx, double ry, double blend, int switches, 
           int64_t sum = 0;
           for (int dy = -r; dy <= r; ++dy)
             for (int dx = -r; dx <= r; ++dx)
-              sum += int64_t(HeldByte(img, w, h, x + dx, y + dy, c)) * 256 * (r + 1 - std::abs(dx)) * (r + 1 - std::abs(dy));
+              sum += int64_t(HeldByte(img, w, h, x + dx, y + dy, c)) * 256 * (r + 1 - std::abs(dx)) *
+                     (r + 1 - std::abs(dy));
           v = kernel == Bartlett ? sum / volume : (4 * s * volume - 3 * sum) / volume;
         }
         v = std::clamp<int64_t>(v, 0, 65535);

@@ -133,7 +133,8 @@ TEST_F(CustomFilterTest, RandomMatricesMatchTheReference) {
     for (int k = 0; k < 3; ++k) {
       std::vector<int> block(size_t(size * size));
       for (int& v : block) v = k == 2 ? weight(random_) / 16 : weight(random_);
-      settings.push_back({size, block, k == 1 ? -0.6 : 0.9, k == 0 ? 0.3 : -0.2, k == 2 ? 0.45 : 1.0, k == 1 ? 11 : 15});
+      settings.push_back(
+          {size, block, k == 1 ? -0.6 : 0.9, k == 0 ? 0.3 : -0.2, k == 2 ? 0.45 : 1.0, k == 1 ? 11 : 15});
     }
   CheckEveryWidth(
       "UserFilter", int(settings.size()),

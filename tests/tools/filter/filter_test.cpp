@@ -69,7 +69,10 @@ TEST_F(FilterTest, ShadingDirections) {
 TEST_F(FilterTest, MedianTakesWholePixels) {
   const int values[9] = {90, 10, 50, 70, 30, 80, 20, 60, 40};
   std::vector<Pixel> pixels;
-  for (int i = 0; i < 9; ++i) pixels.push_back({uint8_t(values[i]), uint8_t(values[i]), uint8_t(values[i]), uint8_t(i)});
+  for (int i = 0; i < 9; ++i) {
+    const auto v = uint8_t(values[i]);
+    pixels.push_back({v, v, v, uint8_t(i)});
+  }
   const Pixel darkest{10, 10, 10, 1}, median{50, 50, 50, 2}, brightest{90, 90, 90, 0};
   EXPECT_EQ(RenderPixels(Filter(Source(3, 3, pixels), Median, 1, 45, 0.0))[4], darkest);
   EXPECT_EQ(RenderPixels(Filter(Source(3, 3, pixels), Median, 1, 45, 0.5))[4], median);
@@ -154,7 +157,8 @@ TEST_F(FilterTest, PowerZeroPassesThroughAndUnknownEffectsLeaveTheFrameClear) {
 // --- the references, a pixel at a time ---
 
 int Key(uint32_t p) {
-  return int((uint64_t(p >> 16 & 255) * 5016320 + uint64_t(p >> 8 & 255) * 9848320 + uint64_t(p & 255) * 1912576) >> 16);
+  return int((uint64_t(p >> 16 & 255) * 5016320 + uint64_t(p >> 8 & 255) * 9848320 + uint64_t(p & 255) * 1912576) >>
+             16);
 }
 
 // The rings: the square's border up to 4; beyond, whole symmetric sets of lattice points in
@@ -171,7 +175,8 @@ std::vector<std::pair<int, int>> ReferenceRing(int p) {
     for (auto [x, y] : {std::pair{a, b}, std::pair{b, a}})
       for (int sx : {1, -1})
         for (int sy : {1, -1})
-          if (std::find(set.begin(), set.end(), std::pair{sx * x, sy * y}) == set.end()) set.push_back({sx * x, sy * y});
+          if (std::find(set.begin(), set.end(), std::pair{sx * x, sy * y}) == set.end())
+            set.push_back({sx * x, sy * y});
     if (ring.size() + set.size() <= size_t(counts[p - 1])) ring.insert(ring.end(), set.begin(), set.end());
   }
   return ring;
@@ -187,12 +192,14 @@ Vec ReferenceFilter(const FilterSetting& f, const Vec& img, int w, int h) {
   const auto pixel = [&](int x, int y) { return img[size_t(std::clamp(y, 0, h - 1) * w + std::clamp(x, 0, w - 1))]; };
   const int b = int(f.blend * 256.0);
   const int directions[8][2] = {{-1, 0}, {-1, -1}, {0, -1}, {1, -1}, {1, 0}, {1, 1}, {0, 1}, {-1, 1}};
-  const int dx = f.angle % 45 == 0 ? directions[f.angle / 45][0] : 0, dy = f.angle % 45 == 0 ? directions[f.angle / 45][1] : 0;
+  const bool listed = f.angle % 45 == 0;
+  const int dx = listed ? directions[f.angle / 45][0] : 0, dy = listed ? directions[f.angle / 45][1] : 0;
   const auto shaded = [&](int x, int y, int sx, int sy) {
     const int ny = y + sy >= 0 && y + sy < h ? y + sy : y;
     return x + sx >= 0 && x + sx < w ? img[size_t(ny * w + x + sx)] : img[size_t(y * w + x)];
   };
-  const std::vector<std::pair<int, int>> ring = f.effect == Defocus ? ReferenceRing(std::min(f.power, 10)) : std::vector<std::pair<int, int>>{};
+  std::vector<std::pair<int, int>> ring;
+  if (f.effect == Defocus) ring = ReferenceRing(std::min(f.power, 10));
   crt_srand(3);
   Vec out;
   for (int y = 0; y < h; ++y)
@@ -203,7 +210,8 @@ Vec ReferenceFilter(const FilterSetting& f, const Vec& img, int w, int h) {
         std::vector<int64_t> window;
         const int r = f.power, side = 2 * r + 1;
         for (int wy = -r; wy <= r; ++wy)
-          for (int wx = -r; wx <= r; ++wx) window.push_back(int64_t(Key(pixel(x + wx, y + wy))) * 512 + (wy + r) * side + wx + r);
+          for (int wx = -r; wx <= r; ++wx)
+            window.push_back(int64_t(Key(pixel(x + wx, y + wy))) * 512 + (wy + r) * side + wx + r);
         std::sort(window.begin(), window.end());
         const int place = int(window[size_t(int(double(float(side * side - 1) * float(f.median_point)) + 0.5))] % 512);
         chosen = pixel(x + place % side - r, y + place / side - r);
@@ -217,8 +225,8 @@ Vec ReferenceFilter(const FilterSetting& f, const Vec& img, int w, int h) {
         switch (f.effect) {
           case Relief:
           case Emboss:
-            v = 256 * f.power * (int(shaded(x, y, dx, dy) >> (8 * c) & 255) - int(shaded(x, y, -dx, -dy) >> (8 * c) & 255)) +
-                (f.effect == Relief ? 32768 : s);
+            v = 256 * f.power * (int(shaded(x, y, dx, dy) >> (8 * c) & 255) - int(shaded(x, y, -dx, -dy) >> (8 * c) & 255));
+            v += f.effect == Relief ? 32768 : s;
             break;
           case Median: v = int(chosen >> (8 * c) & 255) * 256; break;
           case Noise: v = s + (((q - 16384) * int64_t(b) * f.power) >> 12); break;
@@ -227,12 +235,15 @@ Vec ReferenceFilter(const FilterSetting& f, const Vec& img, int w, int h) {
             v /= int64_t(ring.size());
             break;
           case Sobel: {
-            const int64_t gx = (at(x + 1, y - 1) + 2 * at(x + 1, y) + at(x + 1, y + 1) - at(x - 1, y - 1) - 2 * at(x - 1, y) - at(x - 1, y + 1)) * 256;
-            const int64_t gy = (at(x - 1, y + 1) + 2 * at(x, y + 1) + at(x + 1, y + 1) - at(x - 1, y - 1) - 2 * at(x, y - 1) - at(x + 1, y - 1)) * 256;
+            const auto column = [&](int cx) { return at(cx, y - 1) + 2 * at(cx, y) + at(cx, y + 1); };
+            const auto row = [&](int cy) { return at(x - 1, cy) + 2 * at(x, cy) + at(x + 1, cy); };
+            const int64_t gx = (column(x + 1) - column(x - 1)) * 256, gy = (row(y + 1) - row(y - 1)) * 256;
             v = int64_t(std::floor(std::sqrt(double(gx * gx + gy * gy))));
             break;
           }
-          case Laplacian: v = std::max(0, 4 * at(x, y) - at(x, y - 1) - at(x, y + 1) - at(x - 1, y) - at(x + 1, y)) * 256; break;
+          case Laplacian:
+            v = std::max(0, 4 * at(x, y) - at(x, y - 1) - at(x, y + 1) - at(x - 1, y) - at(x + 1, y)) * 256;
+            break;
           case Grain: {
             const int64_t n = ((q - 16384) * int64_t(f.power)) >> 12;
             v = s + (((((32768 - std::abs(32767 - s)) * 3) >> 1) + 16384) * n >> 8);

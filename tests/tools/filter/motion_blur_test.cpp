@@ -108,12 +108,16 @@ Vec ReferenceMotion(const MotionSetting& m, const Vec& img, int w, int h) {
         long n = long(rho * std::fabs(spin));
         if (n <= std::abs(l)) n = std::abs(l);
         for (long k = 1; k < n; ++k) {
-          const double angle = theta + double(k) * (spin / double(n)), radius = rho + double(k) * (double(l) / double(n));
+          const double angle = theta + double(k) * (spin / double(n));
+          const double radius = rho + double(k) * (double(l) / double(n));
           sample(long(double(long(std::cos(angle) * radius)) + cx), long(double(long(radius * std::sin(angle))) + cy));
         }
       }
       uint32_t word = 0;
-      for (int c = 0; c < 4; ++c) word |= uint32_t(((sum[c] + (img[size_t(y * w + x)] >> (8 * c) & 255) * 256) / count) >> 8) << (8 * c);
+      for (int c = 0; c < 4; ++c) {
+        const int64_t own = (img[size_t(y * w + x)] >> (8 * c) & 255) * 256;
+        word |= uint32_t(((sum[c] + own) / count) >> 8) << (8 * c);
+      }
       out.push_back(word);
     }
   return out;
