@@ -160,20 +160,20 @@ template <WindowShape kShape, int kLanes, bool kAdd = false, class Sum, class Va
 void SlideAlong(const Value* in, int n, long r, Sum* out) {
   if (n <= 0) return;
   typedef Sum Lanes __attribute__((vector_size(kLanes * sizeof(Sum))));
+  // Vectors pass by reference only: their passing by value differs between targets.
   const auto at = [in](int p) { return in + size_t(p) * kLanes; };
-  const auto load = [in](long p) {
-    Lanes v;
+  const auto load = [in](long p, Lanes& v) {
     for (int l = 0; l < kLanes; ++l) v[l] = Sum(in[size_t(p) * kLanes + size_t(l)]);
-    return v;
   };
   Sum first[3][kLanes];
   WindowAt<kShape>(n, r, kLanes, 0, at, first[0], first[1], first[2]);
-  Lanes sum, ahead, behind;
+  Lanes sum, ahead, behind, enter, leave, next;
   std::memcpy(&sum, first[0], sizeof sum);
   std::memcpy(&ahead, first[1], sizeof ahead);
   std::memcpy(&behind, first[2], sizeof behind);
   const long last = long(n) - 1;
-  const auto emit = [out](long k, Lanes v) {
+  const auto emit = [out, &sum](long k) {
+    Lanes v = sum;
     if constexpr (kAdd) {
       Lanes before;
       std::memcpy(&before, out + k * kLanes, sizeof before);
@@ -184,31 +184,33 @@ void SlideAlong(const Value* in, int n, long r, Sum* out) {
   // Moving from k to k + 1 reads position k + reach ahead and k - r behind: held to the line
   // near its ends, read straight through between them.
   const long reach = kShape == WindowShape::Box ? r + 1 : r + 2;
-  const auto step = [&](long k, long enter, long leave) {
+  const auto step = [&](long k, long entering, long leaving) {
+    load(entering, enter);
+    load(leaving, leave);
     if constexpr (kShape == WindowShape::Box) {
-      sum += load(enter) - load(leave);
+      sum += enter - leave;
     } else {
-      const Lanes next = load(k + 1);
+      load(k + 1, next);
       sum += ahead - behind;
-      ahead += load(enter) - next;
-      behind += next - load(leave);
+      ahead += enter - next;
+      behind += next - leave;
     }
   };
   const auto held_step = [&](long k) { step(k, std::min(k + reach, last), std::max(k - r, 0L)); };
   long k = 0;
   for (; k < std::min(r, last); ++k) {
-    emit(k, sum);
+    emit(k);
     held_step(k);
   }
   for (; k < last - reach + 1; ++k) {
-    emit(k, sum);
+    emit(k);
     step(k, k + reach, k - r);
   }
   for (; k < last; ++k) {
-    emit(k, sum);
+    emit(k);
     held_step(k);
   }
-  emit(last, sum);
+  emit(last);
 }
 
 }  // namespace kestrion
