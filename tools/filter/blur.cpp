@@ -27,6 +27,28 @@ constexpr uint32_t kClassId = FourCC("Blur");
 enum BlurInput { FilterItem, Red, Green, Blue, Alpha, Size, Blend, Source, kInputCount };
 enum Kernel { Soften = 0, BoxBlur = 1, Bartlett = 2, BoxBlurAgain = 3, Sharpen = 4 };
 
+// The inputs in panel order.
+const module::InputDecl (&InputTable())[kInputCount] {
+  // "Box Blur" stands twice in the list, at 1 and 3; both choose the same box.
+  // clang-format off
+  static const module::InputDecl table[kInputCount] = {
+    {"Filter",    vtype::Number, FourCC("FlMd"),  {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Soften"), Tag(in::ListEntry, "Box Blur"),
+                                                   Tag(in::ListEntry, "Bartlett"), Tag(in::ListEntry, "Box Blur"), Tag(in::ListEntry, "Sharpen"),
+                                                   Tag(in::Default, 0.0)}},
+    filter::ChannelSwitch("Red", filter::kRedId),
+    filter::ChannelSwitch("Green", filter::kGreenId),
+    filter::ChannelSwitch("Blue", filter::kBlueId),
+    filter::ChannelSwitch("Alpha", filter::kAlphaId),
+    {"Blur Size", vtype::Number, FourCC("Blur"),  {Tag(in::Control, control::Slider), Tag(in::Steps, 51), Tag(in::Lowest, 0.0),
+                                                   Tag(in::Highest, 50.0), Tag(in::SliderHigh, 50.0), Tag(in::Default, 1.0)}},
+    {"Blend",     vtype::Number, filter::kBlendId, {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                   Tag(in::Default, 1.0)}},
+    {"Image",     vtype::Image,  ImageInputId(1), {}},
+  };
+  // clang-format on
+  return table;
+}
+
 // Radii are held to these many pixels: a box 131071 pixels wide, and a triangle whose 64-bit
 // sums (bytes x 256 x (r + 1)^4) still fit.
 constexpr double kMaxBoxRadius = 65535.0;
@@ -308,33 +330,9 @@ BandKernel TriangleKernel(bool narrow, bool reciprocal) {
   return &TriangleBand<uint64_t, kSharpen, false>;
 }
 
-class BlurSharpen final : public ThreadedOperator {
+class BlurSharpen final : public filter::FilterTool<kClassId, kInputCount> {
  public:
-  BlurSharpen(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    // "Box Blur" stands twice in the list, at 1 and 3; both choose the same box.
-    // clang-format off
-    const module::InputDecl table[kInputCount] = {
-      {"Filter",    vtype::Number, FourCC("FlMd"),  {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Soften"), Tag(in::ListEntry, "Box Blur"),
-                                                     Tag(in::ListEntry, "Bartlett"), Tag(in::ListEntry, "Box Blur"), Tag(in::ListEntry, "Sharpen"),
-                                                     Tag(in::Default, 0.0)}},
-      filter::ChannelSwitch("Red", filter::kRedId),
-      filter::ChannelSwitch("Green", filter::kGreenId),
-      filter::ChannelSwitch("Blue", filter::kBlueId),
-      filter::ChannelSwitch("Alpha", filter::kAlphaId),
-      {"Blur Size", vtype::Number, FourCC("Blur"),  {Tag(in::Control, control::Slider), Tag(in::Steps, 51), Tag(in::Lowest, 0.0),
-                                                     Tag(in::Highest, 50.0), Tag(in::SliderHigh, 50.0), Tag(in::Default, 1.0)}},
-      {"Blend",     vtype::Number, filter::kBlendId, {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
-                                                     Tag(in::Default, 1.0)}},
-      {"Image",     vtype::Image,  ImageInputId(1), {}},
-    };
-    // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
-  }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+  BlurSharpen(Registry* reg, CArchive* ar, TagList* tags) : FilterTool(reg, ar, tags, InputTable()) {}
 
   uint32_t Process(Request* req) override {
     const Image* src = filter::FilterSource(req, in_[Source]);
@@ -408,8 +406,6 @@ class BlurSharpen final : public ThreadedOperator {
     t.kernel = sharpen ? TriangleKernel<true>(narrow, reciprocal) : TriangleKernel<false>(narrow, reciprocal);
   }
 
-  Input* in_[kInputCount];
-  Output* image_out_;
   BlurRender render_;
   std::vector<BandScratch> scratch_;
 };

@@ -24,6 +24,27 @@ constexpr int kPad = 3;  // pixels of padding on each side
 
 enum CustomInput { Red, Green, Blue, Alpha, Matrix, Normalize, FloorLevel, Blend, Source, kInputCount };
 
+// The inputs in panel order.
+const module::InputDecl (&InputTable())[kInputCount] {
+  // clang-format off
+  static const module::InputDecl table[kInputCount] = {
+    filter::ChannelSwitch("Red", filter::kRedId),
+    filter::ChannelSwitch("Green", filter::kGreenId),
+    filter::ChannelSwitch("Blue", filter::kBlueId),
+    filter::ChannelSwitch("Alpha", filter::kAlphaId),
+    {"Matrix",      vtype::LookUpTable, FourCC("Matr"),  {Tag(in::Control, control::FilterMatrix)}},
+    {"Normalize",   vtype::Number,      FourCC("Norm"),  {Tag(in::Control, control::Slider), Tag(in::Lowest, -1.0), Tag(in::Highest, 1.0),
+                                                          Tag(in::Default, 0.0)}},
+    {"Floor level", vtype::Number,      FourCC("Flor"),  {Tag(in::Control, control::Slider), Tag(in::Lowest, -1.0), Tag(in::Highest, 1.0),
+                                                          Tag(in::Default, 0.0)}},
+    {"Blend",       vtype::Number,      filter::kBlendId, {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                          Tag(in::Default, 1.0)}},
+    {"Image",       vtype::Image,       ImageInputId(1), {}},
+  };
+  // clang-format on
+  return table;
+}
+
 // The kernel's weights that are not 0, each with where it reads: the padded row offset from the
 // output row and the lane offset from the output pixel's first lane in the padded row.
 struct Tap {
@@ -116,34 +137,12 @@ void FilterLanes(const CustomRender& t, RowAt rows, int y, int begin, int end) {
   }
 }
 
-class CustomFilter final : public ThreadedOperator {
+class CustomFilter final : public filter::FilterTool<kClassId, kInputCount> {
  public:
-  CustomFilter(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    // clang-format off
-    const module::InputDecl table[kInputCount] = {
-      filter::ChannelSwitch("Red", filter::kRedId),
-      filter::ChannelSwitch("Green", filter::kGreenId),
-      filter::ChannelSwitch("Blue", filter::kBlueId),
-      filter::ChannelSwitch("Alpha", filter::kAlphaId),
-      {"Matrix",      vtype::LookUpTable, FourCC("Matr"),  {Tag(in::Control, control::FilterMatrix)}},
-      {"Normalize",   vtype::Number,      FourCC("Norm"),  {Tag(in::Control, control::Slider), Tag(in::Lowest, -1.0), Tag(in::Highest, 1.0),
-                                                            Tag(in::Default, 0.0)}},
-      {"Floor level", vtype::Number,      FourCC("Flor"),  {Tag(in::Control, control::Slider), Tag(in::Lowest, -1.0), Tag(in::Highest, 1.0),
-                                                            Tag(in::Default, 0.0)}},
-      {"Blend",       vtype::Number,      filter::kBlendId, {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
-                                                            Tag(in::Default, 1.0)}},
-      {"Image",       vtype::Image,       ImageInputId(1), {}},
-    };
-    // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
+  CustomFilter(Registry* reg, CArchive* ar, TagList* tags) : FilterTool(reg, ar, tags, InputTable()) {
     // A tool read from a record has its matrix from there.
     if (!(op_flags & opflag::Restored)) in_[Matrix]->SetValue(new LookUpTable(filter_matrix::Default()));
-    if (ar) module::SkipRecordEnd(ar);
   }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
 
   uint32_t Process(Request* req) override {
     const Image* src = filter::FilterSource(req, in_[Source]);
@@ -230,8 +229,6 @@ class CustomFilter final : public ThreadedOperator {
     t.single = 255 * sizes < 8192;
   }
 
-  Input* in_[kInputCount];
-  Output* image_out_;
   CustomRender render_;
   std::vector<BandRows> rows_;
 };

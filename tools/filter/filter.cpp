@@ -28,6 +28,34 @@ constexpr uint32_t kClassId = FourCC("FILT");
 enum FilterInput { Effect, Red, Green, Blue, Alpha, Power, Angle, MedianPoint, Blend, Source, kInputCount };
 enum Effects { Relief, EmbossOver, Median, Noise, Defocus, Sobel, Laplacian, Grain, kEffectCount };
 
+// The inputs in panel order.
+const module::InputDecl (&InputTable())[kInputCount] {
+  // "Power" and "Angle" step in whole numbers over their sliders; values typed beyond them
+  // behave as each effect says.
+  // clang-format off
+  static const module::InputDecl table[kInputCount] = {
+    {"FilterType",   vtype::Number, FourCC("Type"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Relief"), Tag(in::ListEntry, "Emboss Over"),
+                                                         Tag(in::ListEntry, "Median"), Tag(in::ListEntry, "Noise"), Tag(in::ListEntry, "Defocus"),
+                                                         Tag(in::ListEntry, "Sobel"), Tag(in::ListEntry, "Laplacian"), Tag(in::ListEntry, "Grain"),
+                                                         Tag(in::Default, 0.0)}},
+    filter::ChannelSwitch("Red", filter::kRedId),
+    filter::ChannelSwitch("Green", filter::kGreenId),
+    filter::ChannelSwitch("Blue", filter::kBlueId),
+    filter::ChannelSwitch("Alpha", filter::kAlphaId),
+    {"Power",        vtype::Number, HighFourCC("Strn"), {Tag(in::Control, control::Slider), Tag(in::Steps, 11), Tag(in::WholeNumber, 1),
+                                                         Tag(in::Lowest, 0.0), Tag(in::SliderHigh, 10.0), Tag(in::Default, 1.0)}},
+    {"Angle",        vtype::Number, HighFourCC("Angl"), {Tag(in::Control, control::Slider), Tag(in::Steps, 8), Tag(in::WholeNumber, 1),
+                                                         Tag(in::SliderLow, 0.0), Tag(in::SliderHigh, 315.0), Tag(in::Default, 45.0)}},
+    {"Median Point", vtype::Number, FourCC("MedP"),     {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                         Tag(in::Default, 0.5)}},
+    {"Blend",        vtype::Number, filter::kBlendId,   {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                         Tag(in::Default, 1.0)}},
+    {"Image",        vtype::Image,  ImageInputId(1),    {}},
+  };
+  // clang-format on
+  return table;
+}
+
 // Power beyond this gives the same bytes in the shading effects (every difference already
 // saturates); it keeps their products within 32 bits.
 constexpr int32_t kShadingPowerLimit = 256;
@@ -337,39 +365,9 @@ void EdgeRow(const FilterRender& t, BandScratch& s, int y) {
   StoreRow(v, t.src->Row(y), t.out->Row(y), w, t.kept, t.blend);
 }
 
-class Filter final : public ThreadedOperator {
+class Filter final : public filter::FilterTool<kClassId, kInputCount> {
  public:
-  Filter(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    // "Power" and "Angle" step in whole numbers over their sliders; values typed beyond them
-    // behave as each effect says.
-    // clang-format off
-    const module::InputDecl table[kInputCount] = {
-      {"FilterType",   vtype::Number, FourCC("Type"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Relief"), Tag(in::ListEntry, "Emboss Over"),
-                                                           Tag(in::ListEntry, "Median"), Tag(in::ListEntry, "Noise"), Tag(in::ListEntry, "Defocus"),
-                                                           Tag(in::ListEntry, "Sobel"), Tag(in::ListEntry, "Laplacian"), Tag(in::ListEntry, "Grain"),
-                                                           Tag(in::Default, 0.0)}},
-      filter::ChannelSwitch("Red", filter::kRedId),
-      filter::ChannelSwitch("Green", filter::kGreenId),
-      filter::ChannelSwitch("Blue", filter::kBlueId),
-      filter::ChannelSwitch("Alpha", filter::kAlphaId),
-      {"Power",        vtype::Number, HighFourCC("Strn"), {Tag(in::Control, control::Slider), Tag(in::Steps, 11), Tag(in::WholeNumber, 1),
-                                                           Tag(in::Lowest, 0.0), Tag(in::SliderHigh, 10.0), Tag(in::Default, 1.0)}},
-      {"Angle",        vtype::Number, HighFourCC("Angl"), {Tag(in::Control, control::Slider), Tag(in::Steps, 8), Tag(in::WholeNumber, 1),
-                                                           Tag(in::SliderLow, 0.0), Tag(in::SliderHigh, 315.0), Tag(in::Default, 45.0)}},
-      {"Median Point", vtype::Number, FourCC("MedP"),     {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
-                                                           Tag(in::Default, 0.5)}},
-      {"Blend",        vtype::Number, filter::kBlendId,   {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
-                                                           Tag(in::Default, 1.0)}},
-      {"Image",        vtype::Image,  ImageInputId(1),    {}},
-    };
-    // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
-  }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+  Filter(Registry* reg, CArchive* ar, TagList* tags) : FilterTool(reg, ar, tags, InputTable()) {}
 
   uint32_t Process(Request* req) override {
     const Image* src = filter::FilterSource(req, in_[Source]);
@@ -456,8 +454,6 @@ class Filter final : public ThreadedOperator {
     t.kernel = effect == Noise ? &NoiseRow<false> : &NoiseRow<true>;
   }
 
-  Input* in_[kInputCount];
-  Output* image_out_;
   FilterRender render_;
 };
 

@@ -4,9 +4,11 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 
 #include "host/base/object.h"
+#include "host/graph/operator.h"
 #include "host/graph/registry.h"
 #include "host/graph/request.h"
 #include "host/image/image.h"
@@ -50,6 +52,27 @@ inline const Image* FilterSource(Request* req, Input* in) {
   if (img && img->Depth() == 8) return img->CopyOfImage2(req);
   return img;
 }
+
+// The frame every filter tool shares: its inputs declared from its table in panel order, one
+// "Image" output, the threaded base's settings 2 and 0, and a saved record without fields of
+// its own.
+template <uint32_t ClassId, size_t N>
+class FilterTool : public ThreadedOperator {
+ public:
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, ClassId, ar, tags); }
+
+ protected:
+  FilterTool(Registry* reg, CArchive* ar, TagList* tags, const module::InputDecl (&table)[N])
+      : ThreadedOperator(reg, ar, tags) {
+    module::DeclareInputs(this, table, in_);
+    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    SetThreadSettings(2, 0);
+    if (ar) module::SkipRecordEnd(ar);
+  }
+
+  Input* in_[N];
+  Output* image_out_;
+};
 
 // A filtered value v of the 16-bit working scale mixed over the source value s (a byte x 256)
 // by b (0 to 256): (clamp(v, 0, 65535) * b + (256 - b) * s) >> 8, still in 16-bit scale.

@@ -25,6 +25,30 @@ constexpr uint32_t kClassId = FourCC("Glow");
 enum GlowInput { FilterItem, Red, Green, Blue, Alpha, Size, Blend, GlowGain, Source, kInputCount };
 enum Mode { GlowSoften, GlowBartlet, GlowBlend, GlowHilight, GlowSolarise, kModeCount };
 
+// The inputs in panel order.
+const module::InputDecl (&InputTable())[kInputCount] {
+  // clang-format off
+  static const module::InputDecl table[kInputCount] = {
+    {"Filter",    vtype::Number, FourCC("Type"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Glow Soften"),
+                                                      Tag(in::ListEntry, "Glow Bartlet"), Tag(in::ListEntry, "Glow Blend"),
+                                                      Tag(in::ListEntry, "Glow Hilight"), Tag(in::ListEntry, "Glow Solarise"),
+                                                      Tag(in::Default, 0.0)}},
+    filter::ChannelSwitch("Red", filter::kRedId),
+    filter::ChannelSwitch("Green", filter::kGreenId),
+    filter::ChannelSwitch("Blue", filter::kBlueId),
+    filter::ChannelSwitch("Alpha", filter::kAlphaId),
+    {"Glow Size", vtype::Number, HighFourCC("Strn"), {Tag(in::Control, control::Slider), Tag(in::Steps, 51), Tag(in::Lowest, 0.0),
+                                                      Tag(in::Highest, 50.0), Tag(in::SliderHigh, 50.0), Tag(in::Default, 10.0)}},
+    {"Blend",     vtype::Number, filter::kBlendId,   {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                      Tag(in::Default, 0.2)}},
+    {"Glow",      vtype::Number, FourCC("Glow"),     {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
+                                                      Tag(in::Default, 0.8)}},
+    {"Image",     vtype::Image,  ImageInputId(1),    {}},
+  };
+  // clang-format on
+  return table;
+}
+
 struct GlowRender;
 struct BandSums;
 using BandKernel = void (*)(const GlowRender& t, BandSums& s, module::RowSpan rows, const Operator& op);
@@ -131,35 +155,9 @@ void TriangleBand(const GlowRender& t, BandSums& s, module::RowSpan rows, const 
 constexpr BandKernel kKernels[kModeCount] = {&FourBoxBand<GlowSoften>, &TriangleBand, &FourBoxBand<GlowBlend>,
                                              &FourBoxBand<GlowHilight>, &FourBoxBand<GlowSolarise>};
 
-class Glow final : public ThreadedOperator {
+class Glow final : public filter::FilterTool<kClassId, kInputCount> {
  public:
-  Glow(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    // clang-format off
-    const module::InputDecl table[kInputCount] = {
-      {"Filter",    vtype::Number, FourCC("Type"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Glow Soften"),
-                                                        Tag(in::ListEntry, "Glow Bartlet"), Tag(in::ListEntry, "Glow Blend"),
-                                                        Tag(in::ListEntry, "Glow Hilight"), Tag(in::ListEntry, "Glow Solarise"),
-                                                        Tag(in::Default, 0.0)}},
-      filter::ChannelSwitch("Red", filter::kRedId),
-      filter::ChannelSwitch("Green", filter::kGreenId),
-      filter::ChannelSwitch("Blue", filter::kBlueId),
-      filter::ChannelSwitch("Alpha", filter::kAlphaId),
-      {"Glow Size", vtype::Number, HighFourCC("Strn"), {Tag(in::Control, control::Slider), Tag(in::Steps, 51), Tag(in::Lowest, 0.0),
-                                                        Tag(in::Highest, 50.0), Tag(in::SliderHigh, 50.0), Tag(in::Default, 10.0)}},
-      {"Blend",     vtype::Number, filter::kBlendId,   {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
-                                                        Tag(in::Default, 0.2)}},
-      {"Glow",      vtype::Number, FourCC("Glow"),     {Tag(in::Control, control::Slider), Tag(in::Lowest, 0.0), Tag(in::Highest, 1.0),
-                                                        Tag(in::Default, 0.8)}},
-      {"Image",     vtype::Image,  ImageInputId(1),    {}},
-    };
-    // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
-  }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+  Glow(Registry* reg, CArchive* ar, TagList* tags) : FilterTool(reg, ar, tags, InputTable()) {}
 
   uint32_t Process(Request* req) override {
     const Image* src = filter::FilterSource(req, in_[Source]);
@@ -212,8 +210,6 @@ class Glow final : public ThreadedOperator {
   }
 
  private:
-  Input* in_[kInputCount];
-  Output* image_out_;
   GlowRender render_;
   std::vector<BandSums> sums_;
 };

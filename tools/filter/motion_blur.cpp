@@ -24,6 +24,26 @@ enum MotionInput { Type, Edges, Center, Length, Angle, Source, kInputCount };
 enum Types { Linear, Radial };
 enum EdgeModes { Duplicate, Black };
 
+// The inputs in panel order.
+const module::InputDecl (&InputTable())[kInputCount] {
+  // clang-format off
+  static const module::InputDecl table[kInputCount] = {
+    {"Type",   vtype::Number, FourCC("Type"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Linear"), Tag(in::ListEntry, "Radial"),
+                                                   Tag(in::Default, 0.0)}},
+    {"Edges",  vtype::Number, FourCC("Edge"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Duplicate"), Tag(in::ListEntry, "Black"),
+                                                   Tag(in::Default, 0.0)}},
+    {"Center", vtype::Point,  HighFourCC("Cent"), {Tag(in::Control, control::Offset), Tag(in::PreviewControl, control::CrossHair),
+                                                   Tag(in::DefaultX, 0.5), Tag(in::DefaultY, 0.5)}},
+    {"Length", vtype::Number, HighFourCC("Size"), {Tag(in::Control, control::Slider), Tag(in::SliderLow, -0.1), Tag(in::SliderHigh, 0.1),
+                                                   Tag(in::Default, 0.0)}},
+    {"Angle",  vtype::Number, HighFourCC("Angl"), {Tag(in::Control, control::Dial), Tag(in::Steps, 3600), Tag(in::Presentation64, 450),
+                                                   Tag(in::SliderLow, 0.0), Tag(in::SliderHigh, 360.0), Tag(in::Default, 0.0)}},
+    {"Image",  vtype::Image,  ImageInputId(1),    {}},
+  };
+  // clang-format on
+  return table;
+}
+
 // A Length typed beyond this many frame widths and heights together is held there (every
 // further sample would lie outside the image).
 constexpr long kLengthLimit = 64;
@@ -127,31 +147,9 @@ void RadialRow(const MotionRender& t, RowSums& s, int y) {
   s.Store(t.out->Row(y), w);
 }
 
-class MotionBlur final : public ThreadedOperator {
+class MotionBlur final : public filter::FilterTool<kClassId, kInputCount> {
  public:
-  MotionBlur(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    // clang-format off
-    const module::InputDecl table[kInputCount] = {
-      {"Type",   vtype::Number, FourCC("Type"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Linear"), Tag(in::ListEntry, "Radial"),
-                                                     Tag(in::Default, 0.0)}},
-      {"Edges",  vtype::Number, FourCC("Edge"),     {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Duplicate"), Tag(in::ListEntry, "Black"),
-                                                     Tag(in::Default, 0.0)}},
-      {"Center", vtype::Point,  HighFourCC("Cent"), {Tag(in::Control, control::Offset), Tag(in::PreviewControl, control::CrossHair),
-                                                     Tag(in::DefaultX, 0.5), Tag(in::DefaultY, 0.5)}},
-      {"Length", vtype::Number, HighFourCC("Size"), {Tag(in::Control, control::Slider), Tag(in::SliderLow, -0.1), Tag(in::SliderHigh, 0.1),
-                                                     Tag(in::Default, 0.0)}},
-      {"Angle",  vtype::Number, HighFourCC("Angl"), {Tag(in::Control, control::Dial), Tag(in::Steps, 3600), Tag(in::Presentation64, 450),
-                                                     Tag(in::SliderLow, 0.0), Tag(in::SliderHigh, 360.0), Tag(in::Default, 0.0)}},
-      {"Image",  vtype::Image,  ImageInputId(1),    {}},
-    };
-    // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
-  }
-
-  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+  MotionBlur(Registry* reg, CArchive* ar, TagList* tags) : FilterTool(reg, ar, tags, InputTable()) {}
 
   uint32_t Process(Request* req) override {
     const Image* src = filter::FilterSource(req, in_[Source]);
@@ -216,8 +214,6 @@ class MotionBlur final : public ThreadedOperator {
     }
   }
 
-  Input* in_[kInputCount];
-  Output* image_out_;
   MotionRender render_;
 };
 

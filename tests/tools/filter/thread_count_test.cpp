@@ -8,9 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/random.h"
 #include "host/graph/filter_matrix.h"
-#include "host/graph/threads.h"
 #include "tests/tools/filter/filter_fixture.h"
 
 namespace kestrion::test {
@@ -46,15 +44,9 @@ const ToolCase kCases[] = {
 };
 // clang-format on
 
-// Puts the default thread count back when the test ends.
-struct DefaultThreadsAfter {
-  ~DefaultThreadsAfter() { SetWorkerThreads(0); }
-};
-
 using FilterThreadCountTest = FilterToolTest;
 
 TEST_F(FilterThreadCountTest, BytesDoNotDependOnTheThreadCount) {
-  DefaultThreadsAfter restore;
   std::uniform_int_distribution<int> weight(-128, 127);
   for (const ToolCase& c : kCases) {
     SCOPED_TRACE(testing::Message() << c.tool << " " << (c.numbers.empty() ? 0.0 : c.numbers[0].second));
@@ -66,22 +58,7 @@ TEST_F(FilterThreadCountTest, BytesDoNotDependOnTheThreadCount) {
       for (int& v : block) v = weight(random_);
       In(op, "Matrix")->SetValue(new LookUpTable(filter_matrix::OfBlock(c.matrix_size, block)));
     }
-    std::vector<Pixel> one_thread;
-    int next_draw = 0;
-    for (int threads : {1, 2, 3, 7}) {
-      SetWorkerThreads(threads);
-      doc_.InvalidateFrom(op);
-      crt_srand(5);
-      const std::vector<Pixel> bytes = RenderPixels(op, 2.0);
-      const int draw = crt_rand();
-      ASSERT_EQ(bytes.size(), size_t(37 * 61));
-      if (threads == 1) {
-        one_thread = bytes;
-        next_draw = draw;
-      }
-      EXPECT_EQ(bytes, one_thread) << threads << " threads";
-      EXPECT_EQ(draw, next_draw) << threads << " threads";
-    }
+    ExpectSameOnEveryThreadCount(op, 37 * 61, 2.0);
   }
 }
 
