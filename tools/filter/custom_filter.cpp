@@ -67,6 +67,7 @@ struct CustomRender {
   // single precision where the sums allow.
   double per_n = 1.0, half_step = 0.5;
   bool single = false;
+  bool plain = false;  // blend 1, with no product that wraps: the mix is v + F itself
 };
 
 // A band's padded rows: ring[p % size] holds padded row p, 4 (width + 7) values.
@@ -119,8 +120,7 @@ constexpr int kChunk = 256;
   for (int i = 0; i < count; ++i) sums[i] += w * p[i];
 }
 
-// Lanes `begin` .. `end` - 1 of output row y; `rows` gives padded row p. Blend 1 leaves
-// v + F itself.
+// Lanes `begin` .. `end` - 1 of output row y; `rows` gives padded row p.
 template <bool kSingle, bool kBlended, class RowAt>
 void FilterLanes(const CustomRender& t, RowAt rows, int y, int begin, int end) {
   float sums[kChunk] = {};
@@ -182,10 +182,10 @@ class CustomFilter final : public filter::FilterTool<kClassId, kInputCount> {
       PaddedRow(*t.src, y + kPad + r, rows(y + kPad + r));
       for (int begin = 0; begin < lanes; begin += kChunk) {
         const int end = std::min(begin + kChunk, lanes);
-        const auto lanes_of = t.single ? (t.blend == 256 ? &FilterLanes<true, false, decltype(rows)>
-                                                         : &FilterLanes<true, true, decltype(rows)>)
-                                       : (t.blend == 256 ? &FilterLanes<false, false, decltype(rows)>
-                                                         : &FilterLanes<false, true, decltype(rows)>);
+        const auto lanes_of = t.single ? (t.plain ? &FilterLanes<true, false, decltype(rows)>
+                                                  : &FilterLanes<true, true, decltype(rows)>)
+                                       : (t.plain ? &FilterLanes<false, false, decltype(rows)>
+                                                  : &FilterLanes<false, true, decltype(rows)>);
         lanes_of(t, rows, y, begin, end);
       }
       if (kept) {
@@ -227,6 +227,8 @@ class CustomFilter final : public filter::FilterTool<kClassId, kInputCount> {
     t.per_n = 1.0 / double(n);
     t.half_step = 0.5 / double(std::abs(n));
     t.single = 255 * sizes < 8192;
+    // Blend 1 makes the mix 256 (v + F) >> 8, which is v + F while that product stays in 32 bits.
+    t.plain = t.blend == 256 && 255.0 * 256.0 * double(sizes) / double(std::abs(n)) + 256.0 < 8388608.0;
   }
 
   CustomRender render_;

@@ -74,6 +74,15 @@ TEST_F(CustomFilterTest, ZeroSumFloorAndNormalize) {
   EXPECT_EQ(RenderPixels(gain)[4], Grey(178));
 }
 
+// Normalize 1 (Nz 255) leaves N = 1: a bright top row and right neighbour under weights of 127
+// give v = 4 x 127 x 255 x 256, and 256 (v + F) wraps in 32 bits to a negative, held at 0.
+TEST_F(CustomFilterTest, ProductsWrapInThirtyTwoBits) {
+  Operator* op = Custom(Source(3, 3, Greys({255, 255, 255, 0, 0, 255, 0, 0, 0})), 3,
+                        {127, 127, 127, 127, 1, -127, -127, -127, -127});
+  Set(op, "Normalize", 1.0);
+  EXPECT_EQ(RenderPixels(op)[4], Grey(0));
+}
+
 // Blend 0.5 (Bl 128): (s x 128 + 128 (v + F)) >> 8; switched-off channels keep the source.
 TEST_F(CustomFilterTest, BlendAndSwitches) {
   Operator* op = Custom(Source(3, 1, Greys({10, 20, 30})), 3, {0, 0, 0, 0, 0, 1, 0, 0, 0});
