@@ -294,12 +294,13 @@ int32_t TriangleValue(Sum sum, int32_t s16, const BlurRender& t) {
     if constexpr (kReciprocal) return int32_t(product + t.half_step);
     return int32_t((256 * uint64_t(sum)) / t.volume);
   } else {
-    int64_t share;
+    // The share is at most 3 x 65280, so 32 bits hold it.
+    int32_t share;
     if constexpr (kReciprocal)
-      share = int64_t(std::ceil(product - t.half_step));
+      share = int32_t(std::ceil(product - t.half_step));
     else
-      share = int64_t((768 * uint64_t(sum) + t.volume - 1) / t.volume);
-    return int32_t(std::max<int64_t>(4 * int64_t(s16) - share, 0));
+      share = int32_t((768 * uint64_t(sum) + t.volume - 1) / t.volume);
+    return std::max(4 * s16 - share, 0);
   }
 }
 
