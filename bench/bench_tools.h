@@ -1,9 +1,9 @@
 // How the benchmarks drive a tool: one whole Process call on a request per run, as the
-// renderer makes it (the output frame is taken and released every time, through the host's pool
-// of pixel memory as in a render of a sequence), on 1920 x 1080
-// noise with the worker threads the argument gives; the cases that more than one benchmark
-// program measures; the frame copy that the tools are read against; and the main of a program
-// that needs the tool module.
+// renderer makes it (every input at its value, the output frame taken and released every time
+// through the host's pool of pixel memory, as in a render of a sequence), on 1920 x 1080 noise
+// with the worker threads the argument gives; the cases that more than one benchmark program
+// measures; the frame copy that the tools are read against; and the main of a program that
+// needs the tool module.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "bench/bench_frames.h"
+#include "host/graph/filter_matrix.h"
 #include "host/graph/module.h"
 #include "host/graph/operator.h"
 #include "host/graph/registry.h"
@@ -29,6 +30,7 @@ struct ToolCase {
   const char* tool;
   std::vector<std::pair<std::string, double>> numbers;
   bool foreground = true;
+  std::vector<std::pair<std::string, std::vector<uint16_t>>> tables = {};
 };
 
 // The two frames the tools take: background (the "Image" input) and foreground.
@@ -53,7 +55,12 @@ inline void RunTool(benchmark::State& state, const ToolCase& c) {
   for (auto _ : state) {
     Request req(op, 1.0, 0);
     req.status = 0;
+    // Every input at its value, as the renderer hands them on, then the case's own.
+    for (const auto& in : op->Inputs())
+      if (!in->IsImage()) req.SetInputData(in.get(), in->CurrentValue());
     for (const auto& [label, value] : c.numbers) req.SetInputData(op->FindInput(0, label.c_str()), new Number(value));
+    for (const auto& [label, table] : c.tables)
+      req.SetInputData(op->FindInput(0, label.c_str()), new LookUpTable(table));
     Background()->Use();
     req.SetInputData(op->FindInput(0, "Image"), Background().get());
     if (c.foreground) {
@@ -113,6 +120,17 @@ inline const ToolCase kBooleansAnd{"BoolImg", {{"Operation", 3}, {"Blend", 1.0}}
 inline const ToolCase kColorGain{"ColorGain", {{"Gain Red", 1.2}, {"Gamma Green", 1.4}, {"Saturation Blue", 0.8}}, false};
 inline const ToolCase kColorSpaceToHLS{"ColorSpace", {{"Color Space Conversion", 1}}, false};
 inline const ToolCase kColorSpaceToYUV{"ColorSpace", {{"Color Space Conversion", 3}}, false};
+// Blur sizes are given against a frame 320 pixels wide: 1.0 is a radius of 6 pixels here.
+inline const ToolCase kBlurBox{"Blur", {{"Filter", 1}, {"Blur Size", 1.0}}, false};
+inline const ToolCase kBlurBartlett{"Blur", {{"Filter", 2}, {"Blur Size", 1.0}}, false};
+inline const ToolCase kFilterMedian3{"Filter", {{"FilterType", 2}, {"Power", 1}}, false};
+inline const ToolCase kFilterMedian5{"Filter", {{"FilterType", 2}, {"Power", 2}}, false};
+inline const ToolCase kFilterSobel{"Filter", {{"FilterType", 5}}, false};
+inline const ToolCase kFilterLaplacian{"Filter", {{"FilterType", 6}}, false};
+// Custom Filter's means: the default 3 x 3, and a 7 x 7 of ones.
+inline const ToolCase kCustomFilter3{"UserFilter", {}, false};
+inline const ToolCase kCustomFilter7{
+    "UserFilter", {}, false, {{"Matrix", filter_matrix::OfBlock(7, std::vector<int>(49, 1))}}};
 
 // Loads the tool module, then runs the benchmarks the command line selects.
 inline int RunWithToolModule(int argc, char** argv, benchmark::BenchmarkReporter* reporter = nullptr) {

@@ -11,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <set>
@@ -122,6 +123,40 @@ const Pair kPairs[] = {
      [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
        cv::resize(bg, out, cv::Size(bg.cols / 2, bg.rows / 2), 0, 0, cv::INTER_AREA);
      }},
+    // Blur size 1.0 is a radius of 6 pixels on these frames: a 13 x 13 box, a 13-tap triangle.
+    {"BM_BlurBox", kBlurBox, "BM_CvBlur",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) { cv::blur(bg, out, cv::Size(13, 13)); }},
+    {"BM_BlurBartlett", kBlurBartlett, "BM_CvSepFilterTriangle",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
+       static const cv::Mat triangle = [] {
+         cv::Mat k(1, 13, CV_32F);
+         for (int d = -6; d <= 6; ++d) k.at<float>(d + 6) = float(7 - std::abs(d)) / 49.0f;
+         return k;
+       }();
+       cv::sepFilter2D(bg, out, -1, triangle, triangle);
+     }},
+    {"BM_FilterMedian3", kFilterMedian3, "BM_CvMedianBlur3",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) { cv::medianBlur(bg, out, 3); }},
+    {"BM_FilterMedian5", kFilterMedian5, "BM_CvMedianBlur5",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) { cv::medianBlur(bg, out, 5); }},
+    {"BM_FilterSobel", kFilterSobel, "BM_CvSobelMagnitude",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
+       cv::Mat gx, gy, magnitude;
+       cv::Sobel(bg, gx, CV_32F, 1, 0);
+       cv::Sobel(bg, gy, CV_32F, 0, 1);
+       cv::magnitude(gx.reshape(1), gy.reshape(1), magnitude);
+       magnitude.reshape(4).convertTo(out, CV_8U);
+     }},
+    {"BM_FilterLaplacian", kFilterLaplacian, "BM_CvLaplacian",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) { cv::Laplacian(bg, out, -1); }},
+    {"BM_CustomFilter3", kCustomFilter3, "BM_CvFilter2D3",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
+       cv::filter2D(bg, out, -1, cv::Mat::ones(3, 3, CV_32F) / 9.0);
+     }},
+    {"BM_CustomFilter7", kCustomFilter7, "BM_CvFilter2D7",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out, cv::Mat&) {
+       cv::filter2D(bg, out, -1, cv::Mat::ones(7, 7, CV_32F) / 49.0);
+     }},
 };
 
 void RunPartner(benchmark::State& state, Partner partner) {
@@ -150,12 +185,12 @@ class RatioTable : public benchmark::ConsoleReporter {
   }
 
   void Print() const {
-    std::printf("\n%-24s %7s %9s  %-22s %9s %7s\n", "tool", "threads", "Mpx/s", "partner", "Mpx/s", "ratio");
+    std::printf("\n%-24s %7s %9s  %-24s %9s %7s\n", "tool", "threads", "Mpx/s", "partner", "Mpx/s", "ratio");
     for (const Pair& pair : kPairs)
       for (const char* threads : {"1", "2"}) {
         const auto tool = rates_.find({pair.tool_name, threads}), partner = rates_.find({pair.partner_name, threads});
         if (tool == rates_.end() || partner == rates_.end()) continue;
-        std::printf("%-24s %7s %9.1f  %-22s %9.1f %7.2f\n", pair.tool_name, threads, tool->second, pair.partner_name,
+        std::printf("%-24s %7s %9.1f  %-24s %9.1f %7.2f\n", pair.tool_name, threads, tool->second, pair.partner_name,
                     partner->second, tool->second / partner->second);
       }
     for (const char* threads : {"1", "2"})

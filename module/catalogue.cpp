@@ -8,6 +8,7 @@
 #include "tools/clip/saver.h"
 #include "tools/clip/time_stretcher.h"
 #include "tools/color/color_tools.h"
+#include "tools/filter/filter_tools.h"
 #include "tools/matte/masks.h"
 #include "tools/modifier/modifier_tools.h"
 #include "tools/warp/warp_tools.h"
@@ -68,17 +69,20 @@ void RegisterCatalogue() {
                               &tools::NewResize);
   Standard<FourCC("CoCo")>(colour_correct, "ColourCorrect", ImageTool, {Category("Color"), Short("CC"), Describe("Allows changes to channel color curves"), Display("Color Corrector"), Group(222), ToolNo(0x1000014)});
   Standard<FourCC("PSav")>(preview_saver, "PreviewSaver", PreviewOutput, {Category("Output"), MakesFrames()}, &tools::NewPreviewSaver);
-  Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)});
+  Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)},
+                              &tools::NewFilter);
   Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")},
                               &tools::NewRectangleMask);
   Standard<FourCC("ChGn")>(char_gen, "CharGen", Creator, {Category("Loader/Creator"), Short("CG"), Describe("Simple Character Generator"), Display("Character Generator"), Group(148), ToolNo(0x1000004), MakesFrames()});
-  Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)});
+  Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)},
+                              &tools::NewMotionBlur);
   Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()},
                               &tools::NewCrop);
   Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)});
   RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &tools::NewLoader, FourCC("Load"), Creator,
                 {Category("Loader/Creator"), Short("LD"), Describe("Loads frames from a clip sequence or device"), Group(147), ToolNo(0x1000001), MakesFrames()});
-  Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)});
+  Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)},
+                              &tools::NewGlow);
   Standard<FourCC("Tran")>(transform, "Transform", ImageTool, {Category("Transform"), Short("Xf"), Describe("Applies rotation, scaling and mirroring effects"), Group(141), ToolNo(0x100001F)},
                               &tools::NewTransform);
   Standard<FourCC("CrdS")>(coord_space, "CoordSpace", ImageTool, {Category("Warp"), Short("CdS"), Describe("Converts between Polar and Rectangular Co-ordinate spaces"), Display("Coordinate Space"), Group(143)});
@@ -86,7 +90,8 @@ void RegisterCatalogue() {
   Standard<FourCC("PPin")>(perspective_pin, "PerspectivePin", ImageTool, {Category("Warp"), Short("PPn"), Describe("De-Perspective of images into a flat image"), Display("Perspective Positioner"), Group(141), ToolNo(0x1000012)},
                               &tools::NewPerspectivePin);
   Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)}, &tools::NewCalculation);
-  Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)});
+  Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)},
+                              &tools::NewCustomFilter);
   Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)});
   Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()},
                               &tools::NewTracker);
@@ -101,7 +106,8 @@ void RegisterCatalogue() {
   Standard<FourCC("CrMs")>(circle, "Circle", Mask, {Category("Mask"), Describe("Creates a circular mask"), Long("Circle Mask")},
                               &tools::NewCircleMask);
   Standard<FourCC("Back")>(backdrop, "Backdrop", Creator, {Category("Loader/Creator"), Short("BG"), Describe("Creates a four-point gradient frame"), Display("Background"), Group(148), ToolNo(0x1000003), MakesFrames()});
-  Standard<FourCC("Blur")>(blur, "Blur", ImageTool, {Category("Filter"), Short("Blur"), Describe("Blurs or Sharpens images"), Display("Blur / Sharpen"), Group(168), ToolNo(0x1000015)});
+  Standard<FourCC("Blur")>(blur, "Blur", ImageTool, {Category("Filter"), Short("Blur"), Describe("Blurs or Sharpens images"), Display("Blur / Sharpen"), Group(168), ToolNo(0x1000015)},
+                              &tools::NewBlur);
   Standard<FourCC("CSpc")>(color_space, "ColorSpace", ImageTool, {Category("Color"), Short("CS"), Describe("Converts the color space of an image"), Display("Color Space"), Group(222), ToolNo(0x100001E)},
                               &tools::NewColorSpace);
   Standard<FourCC("dmix")>(dissolve, "Dissolve", ImageTool, {Category("Composite"), Short("DX"), Describe("Dissolves and mixes two image together"), Display("Dissolve"), Group(144), ToolNo(0x1000005)},

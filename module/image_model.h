@@ -97,4 +97,9 @@ inline double ReferenceSize(double s, const Image& img) {
   return s * double(img.Width()) / (double(img.x_aspect) * 320.0);
 }
 
+// The same size measured down the frame: s * width / (y_aspect * 320), the width here too.
+inline double ReferenceSizeDown(double s, const Image& img) {
+  return s * double(img.Width()) / (double(img.y_aspect) * 320.0);
+}
+
 }  // namespace kestrion::module

@@ -190,7 +190,7 @@ constexpr uint32_t Point = FourCC("Poin");
 constexpr uint32_t Text = FourCC("Text");
 constexpr uint32_t Mask = FourCC("Mask");
 constexpr uint32_t Clip = FourCC("Clip");
-constexpr uint32_t LookUpTable = FourCC("LUT ");
+constexpr uint32_t LookUpTable = FourCC("LUT!");
 }  // namespace vtype
 
 // Frame attributes of an image.

@@ -26,6 +26,7 @@
 #include "host/document/flow_file.h"
 #include "host/document/node_lists.h"
 #include "host/base/prefs.h"
+#include "host/graph/filter_matrix.h"
 #include "host/graph/registry.h"
 #include "host/document/source_operator.h"
 
@@ -61,6 +62,89 @@ void CheckKeys(const Json& object, std::initializer_list<const char*> valid, con
     for (const char* v : valid) list += (list.empty() ? "" : ", ") + std::string(v);
     throw FlowError{before + "unknown key " + Quoted(key) + after + " (valid: " + list + ")"};
   }
+}
+
+// --- filter matrices ---
+
+// An input edited with the filter-matrix control, whose table a flow writes in a form of its own.
+bool IsFilterMatrix(const Input* in) {
+  return in->Type() == vtype::LookUpTable && in->GetAttrI(in::Control) == control::FilterMatrix;
+}
+
+// The readable form of a matrix is an object like the long form of a value.
+bool IsReadableMatrix(const Input* in, const Json& v) {
+  return IsFilterMatrix(in) && v.is_object() && (v.contains("size") || v.contains("weights"));
+}
+
+// A filter matrix: the 54 table values in order, the weights written -128 to 127, or the
+// readable form {"size": 3, 5 or 7, "weights": [[...], ...]}, the rows of the centred block.
+std::vector<uint16_t> ReadFilterMatrix(const Json& v, const std::string& where) {
+  namespace fm = filter_matrix;
+  const auto whole = [](const Json& e, int lo, int hi) {
+    return e.is_number_integer() && e.get<int64_t>() >= lo && e.get<int64_t>() <= hi;
+  };
+  const auto range = [](int lo, int hi) {
+    return " must be a whole number from " + std::to_string(lo) + " to " + std::to_string(hi);
+  };
+  if (v.is_array()) {
+    if (v.size() != size_t(fm::kBytes))
+      throw FlowError{where +
+                      " takes the 54 values of a filter matrix (size code, four values 0 to 255, 49 weights); "
+                      "this array has " + std::to_string(v.size())};
+    std::vector<uint16_t> table;
+    for (size_t i = 0; i < v.size(); ++i) {
+      const bool weight = i >= size_t(fm::kFirstWeight);
+      const int lo = weight ? -128 : 0, hi = i == 0 ? fm::kLargestSizeCode : weight ? 127 : 255;
+      if (!whole(v[i], lo, hi)) {
+        const std::string what = i == 0   ? std::string("the size code")
+                                 : weight ? "weight " + std::to_string(i - fm::kFirstWeight + 1)
+                                          : "value " + std::to_string(i);
+        throw FlowError{where + ": " + what + " (" + v[i].dump() + ")" + range(lo, hi)};
+      }
+      table.push_back(uint16_t(uint8_t(v[i].get<int>())));
+    }
+    return table;
+  }
+  if (!v.is_object())
+    throw FlowError{where + " takes a filter matrix: {\"size\": 3, 5 or 7, \"weights\": [[...], ...]} or its 54 values"};
+  CheckKeys(v, {"size", "weights"}, where + ": ");
+  const Json size = v.value("size", Json());
+  if (!(size == 3 || size == 5 || size == 7)) throw FlowError{where + ": \"size\" must be 3, 5 or 7"};
+  const int n = size.get<int>();
+  const Json rows = v.value("weights", Json());
+  if (!rows.is_array() || rows.size() != size_t(n))
+    throw FlowError{where + ": \"weights\" must be " + std::to_string(n) + " rows of " + std::to_string(n) + " weights"};
+  std::vector<int> block;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (!rows[i].is_array() || rows[i].size() != size_t(n))
+      throw FlowError{where + ": row " + std::to_string(i + 1) + " of \"weights\" must hold " + std::to_string(n) + " weights"};
+    for (size_t j = 0; j < rows[i].size(); ++j) {
+      if (!whole(rows[i][j], -128, 127))
+        throw FlowError{where + ": the weight at row " + std::to_string(i + 1) + ", column " + std::to_string(j + 1) + " (" +
+                        rows[i][j].dump() + ")" + range(-128, 127)};
+      block.push_back(rows[i][j].get<int>());
+    }
+  }
+  return fm::OfBlock(n, block);
+}
+
+// A filter matrix in the readable form where that gives the table back, else the 54 values.
+Json WriteFilterMatrix(const std::vector<uint16_t>& table) {
+  namespace fm = filter_matrix;
+  if (const int n = fm::BlockSize(table)) {
+    Json rows = Json::array();
+    const int first = (fm::kSide - n) / 2;
+    for (int i = 0; i < n; ++i) {
+      Json row = Json::array();
+      for (int j = 0; j < n; ++j) row.push_back(fm::Weight(table, first + i, first + j));
+      rows.push_back(row);
+    }
+    return {{"size", n}, {"weights", rows}};
+  }
+  Json values = Json::array();
+  for (size_t i = 0; i < table.size(); ++i)
+    values.push_back(i >= size_t(fm::kFirstWeight) && table[i] < 256 ? int(int8_t(uint8_t(table[i]))) : int(table[i]));
+  return values;
 }
 
 // A flow view position [x, y]; `error` is the message for anything else.
@@ -432,7 +516,7 @@ class TextFlowReader {
   }
 
   void ApplyInput(Input* in, const Json& value, const std::string& where, Pass pass) {
-    if (value.is_object()) {
+    if (value.is_object() && !IsReadableMatrix(in, value)) {
       CheckKeys(value, {"value", "keys", "curve", "link", "modifier"}, where + ": ");
       // Settling must not put a constant back over the animation.
       if (value.contains("value") && !(pass == Pass::Settle && value.contains("keys")))
@@ -481,6 +565,7 @@ class TextFlowReader {
         if (!v.is_string()) throw FlowError{where + " takes a clip name such as \"media/plate.####.png\""};
         return new ClipParameter(v.get<std::string>(), base_folder_);
       case vtype::LookUpTable: {
+        if (IsFilterMatrix(in)) return new LookUpTable(ReadFilterMatrix(v, where));
         std::vector<uint16_t> entries;
         if (v.is_array())
           for (const Json& e : v) {
@@ -721,6 +806,8 @@ class TextFlowWriter {
     const InputState& s = in.State();
     Json value;
     if (s.constant && !in.IsImage()) value = Constant(*s.constant);
+    if (auto* table = dynamic_cast<const LookUpTable*>(s.constant.get()); table && IsFilterMatrix(&in))
+      value = WriteFilterMatrix(table->entries);
     const bool plain = !s.animation && !s.link && !s.modifier;
     if (plain) return value;
     Json obj = Json::object();

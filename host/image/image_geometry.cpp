@@ -12,6 +12,7 @@
 #include "host/image/image.h"
 #include "host/image/image_internal.h"
 #include "host/image/image_rows.h"
+#include "host/image/window_sums.h"
 
 namespace kestrion {
 
@@ -402,52 +403,6 @@ class Reciprocal {
 
 constexpr long kMaxBlurRadius = 65535;
 
-// The window sums along one direction of n positions, `lanes` values per position:
-// at(k) gives the lanes at position k (0 <= k < n), emit(k, sums) takes the sums at k.
-// Box: the 2r + 1 positions around k alike. Triangle: offset d weighs r + 1 - |d|; moving on
-// adds the r + 1 positions ahead and drops the r + 1 behind. Positions past the ends repeat
-// the end. `scratch` holds the running sums; the caller keeps it between calls so that a pass
-// over many rows allocates once.
-template <bool kTriangle, class At, class Emit>
-void WindowSums(int n, long r, size_t lanes, std::vector<uint64_t>& scratch, At at, Emit emit) {
-  const auto held = [n, &at](long k) { return at(int(std::clamp(k, 0L, long(n) - 1))); };
-  scratch.assign(3 * lanes, 0);
-  uint64_t* const sum = scratch.data();
-  uint64_t* const ahead = sum + lanes;
-  uint64_t* const behind = ahead + lanes;
-  for (long d = -r; d <= r; ++d) {
-    const auto* p = held(d);
-    const uint64_t w = kTriangle ? uint64_t(r + 1 - std::abs(d)) : 1;
-    for (size_t l = 0; l < lanes; ++l) sum[l] += w * p[l];
-    if (kTriangle && d <= 0)
-      for (size_t l = 0; l < lanes; ++l) behind[l] += p[l];
-  }
-  if (kTriangle) {
-    for (long k = 1; k <= r + 1; ++k) {
-      const auto* p = held(k);
-      for (size_t l = 0; l < lanes; ++l) ahead[l] += p[l];
-    }
-  }
-  for (int k = 0;; ++k) {
-    emit(k, sum);
-    if (k + 1 == n) break;
-    if constexpr (kTriangle) {
-      const auto* enter = held(k + 2 + r);
-      const auto* next = held(k + 1);
-      const auto* leave = held(k - r);
-      for (size_t l = 0; l < lanes; ++l) {
-        sum[l] = sum[l] + ahead[l] - behind[l];
-        ahead[l] = ahead[l] + enter[l] - next[l];
-        behind[l] = behind[l] + next[l] - leave[l];
-      }
-    } else {
-      const auto* enter = held(k + 1 + r);
-      const auto* leave = held(k - r);
-      for (size_t l = 0; l < lanes; ++l) sum[l] = sum[l] + enter[l] - leave[l];
-    }
-  }
-}
-
 // Horizontal pass into 16-bit values (bytes x 256, rounded), vertical pass back to bytes
 // (rounded), written only to the chosen channels.
 template <bool kTriangle>
@@ -465,19 +420,20 @@ void BlurImage(Image& img, const bool (&on)[4], long x_radius, long y_radius) {
   const Reciprocal across(2 * nx), down(512 * ny);
   const size_t line = size_t(w) * size_t(channels);
   std::vector<uint16_t> plane(line * size_t(h));
-  std::vector<uint64_t> scratch;
+  constexpr WindowShape kShape = kTriangle ? WindowShape::Triangle : WindowShape::Box;
+  SlidingSums<kShape, uint64_t> sums;
   for (int y = 0; y < h; ++y) {
     const auto* row = static_cast<const uint8_t*>(img.RowTable()[y]);
     uint16_t* out = &plane[line * size_t(y)];
-    WindowSums<kTriangle>(
-        w, rx, size_t(channels), scratch, [&](int k) { return row + size_t(k) * size_t(channels); },
+    EveryWindow(
+        sums, w, rx, size_t(channels), [&](int k) { return row + size_t(k) * size_t(channels); },
         [&](int k, const uint64_t* s) {
           for (int c = 0; c < channels; ++c)
             out[size_t(k) * size_t(channels) + size_t(c)] = uint16_t(across.Divide(512 * s[c] + nx));
         });
   }
-  WindowSums<kTriangle>(
-      h, ry, line, scratch, [&](int k) { return &plane[line * size_t(k)]; },
+  EveryWindow(
+      sums, h, ry, line, [&](int k) { return &plane[line * size_t(k)]; },
       [&](int k, const uint64_t* s) {
         auto* row = static_cast<uint8_t*>(img.RowTable()[k]);
         for (size_t i = 0; i < line; ++i)

@@ -1,0 +1,162 @@
+// Custom Filter: the padding that repeats row 2 and column 1 and leaves the corners clear, the
+// matrix applied mirrored left to right only, an edge detector's zero sum, the floor level,
+// normalisation, blend and switches, and random matrices of every size against a reference on
+// random images of every width.
+#include <cstdint>
+
+#include "host/graph/filter_matrix.h"
+#include "tests/tools/filter/filter_fixture.h"
+
+namespace kestrion::test {
+namespace {
+
+class CustomFilterTest : public FilterToolTest {
+ protected:
+  Operator* Custom(Picture* src, int size = 3, const std::vector<int>& block = std::vector<int>(9, 1)) {
+    Operator* op = Tool("UserFilter");
+    Link(src, op, "Image");
+    In(op, "Matrix")->SetValue(new LookUpTable(filter_matrix::OfBlock(size, block)));
+    return op;
+  }
+};
+
+TEST_F(CustomFilterTest, InputsAndTheDefaultMatrix) {
+  Operator* op = Tool("UserFilter");
+  ExpectInputs(*op, {{"Red", vtype::Number, 0x684364D2, 1.0},
+                     {"Green", vtype::Number, 0x68436EC7, 1.0},
+                     {"Blue", vtype::Number, 0x68436CC2, 1.0},
+                     {"Alpha", vtype::Number, 0x68436CC1, 1.0},
+                     {"Matrix", FourCC("LUT!"), FourCC("Matr"), kNoDefault},
+                     {"Normalize", vtype::Number, FourCC("Norm"), 0.0},
+                     {"Floor level", vtype::Number, FourCC("Flor"), 0.0},
+                     {"Blend", vtype::Number, 0x646E6CC2, 1.0},
+                     {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
+  std::vector<uint16_t> expected(54, 1);
+  expected[0] = 0;
+  expected[2] = 9;
+  expected[1] = expected[3] = expected[4] = 0;
+  EXPECT_EQ(In(op, "Matrix")->ValueAs<LookUpTable>()->entries, expected);
+}
+
+// The default 3 x 3 mean, S / 9. Rows (each of one value) 0, 0, 90, 0: the three rows above
+// repeat row 2, so row 0 takes a third of it; the corner pixels also read a clear corner of
+// the padding.
+TEST_F(CustomFilterTest, PaddingRepeatsRowTwoAndLeavesCornersClear) {
+  const std::vector<int> rows = {0, 0, 0, 0, 0, 0, 90, 90, 90, 0, 0, 0};
+  EXPECT_EQ(RenderPixels(Custom(Source(3, 4, Greys(rows)))), Greys({20, 30, 20, 30, 30, 30, 30, 30, 30, 30, 30, 30}));
+  EXPECT_EQ(RenderPixels(Custom(Flat(3, 3, Grey(90)))), Greys({80, 90, 80, 90, 90, 90, 80, 90, 80}));
+}
+
+// A single weight of 1 (N = 256, so v = S): on the right of the middle row it reads the pixel
+// to the left (column -1 repeats column 1); at the top of the middle column it reads the row
+// above (row -1 repeats row 2).
+TEST_F(CustomFilterTest, MirroredAcrossOnly) {
+  EXPECT_EQ(RenderPixels(Custom(Source(3, 1, Greys({10, 20, 30})), 3, {0, 0, 0, 0, 0, 1, 0, 0, 0})),
+            Greys({20, 10, 20}));
+  EXPECT_EQ(RenderPixels(Custom(Source(1, 4, Greys({10, 20, 30, 40})), 3, {0, 1, 0, 0, 0, 0, 0, 0, 0})),
+            Greys({30, 10, 20, 30}));
+}
+
+// A Laplacian sums to 0, so N = 256: v = S, a dark centre goes below 0 and is held there; the
+// floor level adds F = trunc(floor x 256) before holding.
+TEST_F(CustomFilterTest, ZeroSumFloorAndNormalize) {
+  const std::vector<int> laplacian = {0, -1, 0, -1, 4, -1, 0, -1, 0};
+  const std::vector<int> dark = {50, 50, 50, 50, 0, 50, 50, 50, 50};
+  EXPECT_EQ(RenderPixels(Custom(Source(3, 3, Greys(dark)), 3, laplacian))[4], Grey(0));
+  Operator* floor = Custom(Flat(2, 2, Grey(40)), 3, laplacian);
+  Set(floor, "Floor level", 0.5);
+  EXPECT_EQ(RenderPixels(floor)[3], Grey(128));
+  Set(floor, "Floor level", 1.0);
+  EXPECT_EQ(RenderPixels(floor)[3], Grey(255));
+  // Nz = trunc(0.5 x 255) = 127, N = 9 x 129: 810 x 256 / 1161 = 178.
+  Operator* gain = Custom(Flat(3, 3, Grey(90)));
+  Set(gain, "Normalize", 0.5);
+  EXPECT_EQ(RenderPixels(gain)[4], Grey(178));
+}
+
+// Normalize 1 (Nz 255) leaves N = 1: a bright top row and right neighbour under weights of 127
+// give v = 4 x 127 x 255 x 256, and 256 (v + F) wraps in 32 bits to a negative, held at 0.
+TEST_F(CustomFilterTest, ProductsWrapInThirtyTwoBits) {
+  Operator* op = Custom(Source(3, 3, Greys({255, 255, 255, 0, 0, 255, 0, 0, 0})), 3,
+                        {127, 127, 127, 127, 1, -127, -127, -127, -127});
+  Set(op, "Normalize", 1.0);
+  EXPECT_EQ(RenderPixels(op)[4], Grey(0));
+}
+
+// Blend 0.5 (Bl 128): (s x 128 + 128 (v + F)) >> 8; switched-off channels keep the source.
+TEST_F(CustomFilterTest, BlendAndSwitches) {
+  Operator* op = Custom(Source(3, 1, Greys({10, 20, 30})), 3, {0, 0, 0, 0, 0, 1, 0, 0, 0});
+  Set(op, "Blend", 0.5);
+  SetSwitches(op, 1 | 4);
+  EXPECT_EQ(RenderPixels(op), (std::vector<Pixel>{{15, 10, 15, 10}, {15, 20, 15, 20}, {25, 30, 25, 30}}));
+}
+
+// --- the reference: the padded source read pixel by pixel ---
+
+int Padded(const Vec& img, int w, int h, int x, int y, int c) {
+  const bool across = x >= 0 && x < w, down = y >= 0 && y < h;
+  if (!across && !down) return 0;
+  if (!down) y = y < 0 ? std::min(2, h - 1) : h - 1;
+  if (!across) x = x < 0 ? std::min(1, w - 1) : w - 1;
+  return HeldByte(img, w, h, x, y, c);
+}
+
+struct CustomSetting {
+  int size;
+  std::vector<int> block;
+  double normalize, floor, blend;
+  int switches;
+};
+
+Vec ReferenceCustom(const CustomSetting& s, const Vec& img, int w, int h) {
+  const int r = s.size / 2;
+  int64_t n = 0;
+  for (int v : s.block) n += v;
+  if (n == 0) n = 1;
+  const int64_t nz = int64_t(s.normalize * 255.0);
+  n *= nz != 0 ? 256 - nz : 256;
+  const int64_t bl = int64_t(s.blend * 256.0), f = int64_t(s.floor * 256.0);
+  Vec out;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint32_t word = 0;
+      for (int k = 0; k < 4; ++k) {
+        const int c = kSwitchByte[k], src = HeldByte(img, w, h, x, y, c);
+        int64_t sum = 0;
+        for (int dy = -r; dy <= r; ++dy)
+          for (int j = 0; j <= 2 * r; ++j)
+            sum += s.block[size_t((dy + r) * s.size + j)] * Padded(img, w, h, x + r - j, y + dy, c);
+        const int64_t v = sum * 256 / n;
+        const int32_t mixed = int32_t(uint32_t(uint64_t(src * (256 - bl) + bl * (v + f)))) >> 8;
+        word |= uint32_t(s.switches >> k & 1 ? std::clamp(mixed, 0, 255) : src) << (8 * c);
+      }
+      out.push_back(word);
+    }
+  return out;
+}
+
+TEST_F(CustomFilterTest, RandomMatricesMatchTheReference) {
+  std::vector<CustomSetting> settings;
+  std::uniform_int_distribution<int> weight(-128, 127);
+  for (int size : {3, 5, 7})
+    for (int k = 0; k < 3; ++k) {
+      std::vector<int> block(size_t(size * size));
+      for (int& v : block) v = k == 2 ? weight(random_) / 16 : weight(random_);
+      settings.push_back(
+          {size, block, k == 1 ? -0.6 : 0.9, k == 0 ? 0.3 : -0.2, k == 2 ? 0.45 : 1.0, k == 1 ? 11 : 15});
+    }
+  CheckEveryWidth(
+      "UserFilter", int(settings.size()),
+      [&](Operator* op, int setting) {
+        const CustomSetting& s = settings[size_t(setting)];
+        In(op, "Matrix")->SetValue(new LookUpTable(filter_matrix::OfBlock(s.size, s.block)));
+        Set(op, "Normalize", s.normalize);
+        Set(op, "Floor level", s.floor);
+        Set(op, "Blend", s.blend);
+        SetSwitches(op, s.switches);
+      },
+      [&](int setting, const Vec& img, int w, int h) { return ReferenceCustom(settings[size_t(setting)], img, w, h); });
+}
+
+}  // namespace
+}  // namespace kestrion::test
