@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing Kestrion needs. Safe to run again.
-# With --bench it adds OpenCV, which only the comparison benchmark uses.
+# With --bench it adds OpenCV, which only the comparison benchmark uses; with --fuzz, clang and
+# its runtimes (libFuzzer and the sanitizers), which the fuzz targets are built with.
 set -euo pipefail
 
 packages=(
@@ -9,6 +10,7 @@ packages=(
   libgtest-dev libbenchmark-dev zlib1g-dev
 )
 [ "${1:-}" = "--bench" ] && packages+=(libopencv-dev)
+[ "${1:-}" = "--fuzz" ] && packages+=(clang-14 libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}"; do
