@@ -116,8 +116,40 @@ std::string CArchive::ReadString() {
     throw ArchiveError("the document is corrupt: a text at byte " + std::to_string(pos_ - 4) + " claims " +
                        std::to_string(n) + " bytes, more than are left");
   std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
+  if (!IsUtf8(s))
+    throw ArchiveError("the document is corrupt: the text at byte " + std::to_string(pos_ - 4) + " is not UTF-8");
   pos_ += n;
   return s;
+}
+
+bool IsUtf8(std::string_view s) {
+  for (size_t i = 0; i < s.size();) {
+    const uint8_t lead = uint8_t(s[i]);
+    size_t more = 0;
+    uint32_t code = lead;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      more = 1;
+      code = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      more = 2;
+      code = lead & 0x0F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      more = 3;
+      code = lead & 0x07;
+    } else if (lead >= 0x80) {
+      return false;
+    }
+    if (s.size() - i <= more) return false;
+    for (size_t k = 1; k <= more; ++k) {
+      const uint8_t next = uint8_t(s[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = code << 6 | (next & 0x3F);
+    }
+    const bool overlong = (more == 2 && code < 0x800) || (more == 3 && code < 0x10000);
+    if (overlong || (code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) return false;
+    i += more + 1;
+  }
+  return true;
 }
 
 }  // namespace kestrion

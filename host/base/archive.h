@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrion {
@@ -44,7 +45,7 @@ class CArchive {
   float ReadFloat();
   double ReadDouble();
   void ReadBytes(void* data, size_t n);
-  // Strings longer than the rest of the archive are rejected as corrupt.
+  // Strings longer than the rest of the archive, or not UTF-8, are rejected as corrupt.
   std::string ReadString();
 
   size_t Position() const { return pos_; }
@@ -59,5 +60,9 @@ class CArchive {
   std::vector<uint8_t> bytes_;
   size_t pos_ = 0;
 };
+
+// Whether the bytes are well-formed UTF-8: no overlong forms, surrogates or code points past
+// U+10FFFF (what a text flow can hold).
+bool IsUtf8(std::string_view s);
 
 }  // namespace kestrion

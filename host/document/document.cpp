@@ -527,7 +527,8 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
     const auto sane_size = [](int v) { return v > 0 && v <= 1 << 20; };
     const auto sane_aspect = [](double a) { return std::isfinite(a) && a > 0.0; };
     if (!std::isfinite(doc->current_time) || !std::isfinite(doc->render_range.start) ||
-        !std::isfinite(doc->render_range.end) || general.proxy < 1 || general.proxy > 1024 ||
+        !std::isfinite(doc->render_range.end) || doc->render_range.start > doc->render_range.end ||
+        general.proxy < 1 || general.proxy > 1024 ||
         !sane_size(video.width) || !sane_size(video.height) || !sane_aspect(video.aspect_x) ||
         !sane_aspect(video.aspect_y) || !sane_size(preview.width) || !sane_size(preview.height))
       return fail("the document is corrupt: its settings are out of range");
@@ -583,7 +584,9 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
         return fail("the document is corrupt: input '" + in->Name() + "' of tool '" + op->Name() +
                     "' takes its value from output " + FourCCText(pending.output_id) + " of '" + pending.tool +
                     "', which it does not have");
-      if (!TypesConnect(out->Type(), in->Type()) || doc->IsUpstream(op.get(), source))
+      const bool modifier_class = source->Class() && source->Class()->ClassType() == classtype::Modifier;
+      if (!TypesConnect(out->Type(), in->Type()) || doc->IsUpstream(op.get(), source) ||
+          (pending.modifier && !modifier_class))
         return fail("the document is corrupt: the connection of '" + op->Name() + "." + in->Name() + "' to '" +
                     pending.tool + "' is not possible");
       if (pending.modifier)

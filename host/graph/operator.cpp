@@ -1,6 +1,7 @@
 #include "host/graph/operator.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -73,8 +74,23 @@ void Input::SetAttrs(std::initializer_list<Tag> tags) {
   for (const Tag& t : tags) tags_.Set(t);
 }
 
-double Input::Lowest() const { return tags_.GetDouble(in::Lowest, -HUGE_VAL); }
-double Input::Highest() const { return tags_.GetDouble(in::Highest, HUGE_VAL); }
+// A check box is 0 or 1 and a drop-down list the index of one of its entries unless the tool
+// gives other limits; other inputs go as far as their limits say.
+double Input::Lowest() const {
+  const uint32_t control = tags_.GetInt(in::Control);
+  const bool choice =
+      control == control::CheckBox || (control == control::DropDown && !tags_.GetStrings(in::ListEntry).empty());
+  return tags_.GetDouble(in::Lowest, choice ? 0.0 : -HUGE_VAL);
+}
+
+double Input::Highest() const {
+  const uint32_t control = tags_.GetInt(in::Control);
+  double choices = HUGE_VAL;
+  if (control == control::CheckBox) choices = 1.0;
+  if (const size_t entries = tags_.GetStrings(in::ListEntry).size(); control == control::DropDown && entries > 0)
+    choices = double(entries - 1);
+  return tags_.GetDouble(in::Highest, choices);
+}
 
 Parameter* Input::ValueAt(double time) const {
   if (state_.animation && !state_.animation->Empty()) {
@@ -179,7 +195,14 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
       throw ArchiveError("the document is corrupt: input " + FourCCText(id) + " of tool '" + name_ +
                          "' has unknown saved parts");
     if (parts & kSavedConstant) saved->constant = Ref<Parameter>::Adopt(LoadParameter(saved->type, *ar));
-    if (parts & kSavedAnimation) saved->animation = std::make_unique<Spline>(Spline::Load(*ar));
+    if (parts & kSavedAnimation) {
+      saved->animation = std::make_unique<Spline>(Spline::Load(*ar));
+      // A point's keys hold floats.
+      for (const KeyPoint& k : saved->animation->Keys())
+        if (saved->type == vtype::Point && (std::fabs(k.value[0]) > FLT_MAX || std::fabs(k.value[1]) > FLT_MAX))
+          throw ArchiveError("the document is corrupt: input " + FourCCText(id) + " of tool '" + name_ +
+                             "' has a key past the range of a point");
+    }
     for (uint32_t part : {kSavedLink, kSavedModifier}) {
       if (!(parts & part)) continue;
       PendingConnection pending;
@@ -338,6 +361,9 @@ void Operator::ApplySavedValue(Input* in) {
   auto it = saved_inputs_.find(in->Id());
   if (it == saved_inputs_.end()) return;
   SavedInput& saved = *it->second;
+  // A saved number is held to the input's limits, as a number set by hand is.
+  if (auto* n = dynamic_cast<Number*>(saved.constant.get()); n && in->Type() == vtype::Number)
+    n->value = std::clamp(n->value, in->Lowest(), in->Highest());
   if (saved.constant && saved.constant->Type() == in->Type()) in->state_.constant = std::move(saved.constant);
   if (saved.animation && (in->Type() == vtype::Number || in->Type() == vtype::Point))
     in->state_.animation = std::move(saved.animation);
