@@ -5,9 +5,11 @@
 
 #include <OpenImageIO/imageio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
@@ -15,6 +17,7 @@
 
 #include "host/base/archive.h"
 #include "host/base/failure.h"
+#include "host/clip/png_read.h"
 #include "host/graph/request.h"
 
 namespace fs = std::filesystem;
@@ -129,6 +132,70 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     return false;
   }
   return true;
+}
+
+// The first line of a codec library's error text (the rest repeats it in other words).
+std::string FirstLine(const std::string& text) {
+  const std::string line = text.substr(0, text.find('\n'));
+  return line.empty() ? std::string("it is damaged") : line;
+}
+
+// Reads a frame of any format but PNG through the codec library, a band of rows at a time,
+// straight into a new image (one reference, the caller's); the size is checked from the header
+// before any pixel memory is taken. Null with the reason in `why`.
+Image* ReadWithCodecLibrary(const std::string& path, std::string* why) {
+  ImageSpec config;
+  config.attribute("oiio:UnassociatedAlpha", 1);
+  ImageSpec layout;  // the file's size, channels and metadata
+  auto in = ImageInput::create(path);
+  if (!in || !in->open(path, layout, config)) {
+    *why = FirstLine(in ? in->geterror() : OIIO::geterror());
+    return nullptr;
+  }
+  if (layout.width <= 0 || layout.height <= 0 || layout.nchannels <= 0 || layout.depth != 1) {
+    *why = "its size " + std::to_string(layout.width) + " x " + std::to_string(layout.height) + " is not a frame";
+    return nullptr;
+  }
+  Image* img;
+  try {
+    img = new Image(layout.width, layout.height, 32);
+  } catch (const ImageSizeError& e) {
+    *why = e.what();
+    return nullptr;
+  }
+  // The first four channels are read: colour from the first three, or grey from the first.
+  const int channels = std::min(layout.nchannels, 4);
+  const int alpha = layout.alpha_channel >= 0 && layout.alpha_channel < 4 ? layout.alpha_channel
+                    : channels == 2                                      ? 1
+                    : channels == 4                                      ? 3
+                                                                         : -1;
+  const bool grey = channels <= 2;
+  const int band = layout.tile_width > 0 ? std::max(layout.tile_height, 1) : 64;
+  std::vector<uint8_t> rows(size_t(layout.width) * size_t(std::min(band, layout.height)) * size_t(channels));
+  for (int top = 0; top < layout.height; top += band) {
+    const int bottom = std::min(top + band, layout.height);
+    const bool read = layout.tile_width > 0
+                          ? in->read_tiles(0, 0, layout.x, layout.x + layout.width, layout.y + top, layout.y + bottom,
+                                           layout.z, layout.z + 1, 0, channels, TypeDesc::UINT8, rows.data())
+                          : in->read_scanlines(0, 0, layout.y + top, layout.y + bottom, layout.z, 0, channels,
+                                               TypeDesc::UINT8, rows.data());
+    if (!read) {
+      *why = FirstLine(in->geterror());
+      img->Recycle();
+      return nullptr;
+    }
+    for (int y = top; y < bottom; ++y) {
+      const uint8_t* src = rows.data() + size_t(y - top) * size_t(layout.width) * size_t(channels);
+      uint32_t* row = img->Row(y);
+      for (int x = 0; x < layout.width; ++x, src += channels) {
+        const uint8_t r = src[0], g = grey ? src[0] : src[1], b = grey ? src[0] : src[2];
+        const uint8_t a = alpha >= 0 ? src[alpha] : 255;
+        row[x] = uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
+      }
+    }
+  }
+  img->x_aspect = layout.get_float_attribute("PixelAspectRatio", 1.0f);
+  return img;
 }
 
 }  // namespace
@@ -259,50 +326,19 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
     if (abort && abort->load()) return nullptr;
   }
   const std::string path = FramePath(IsSequence() ? first_ + frame : 0);
-  ImageSpec config;
-  config.attribute("oiio:UnassociatedAlpha", 1);
-  ImageSpec layout;  // the file's size, channels and metadata
-  auto in = ImageInput::create(path);
-  if (!in || !in->open(path, layout, config)) {
-    std::error_code ec;
-    const bool exists = fs::exists(path, ec);
-    const std::string why = !exists ? std::string("no such file") : in ? in->geterror() : OIIO::geterror();
+  std::string why;
+  Image* img = nullptr;
+  if (std::FILE* file = std::fopen(path.c_str(), "rb")) {
+    img = IsPngFile(file) ? ReadPng(file, &why) : ReadWithCodecLibrary(path, &why);
+    std::fclose(file);
+  } else {
+    why = errno == ENOENT ? std::string("no such file") : std::strerror(errno);
+  }
+  if (!img) {
     NoteFailure("cannot read '" + path + "': " + why, false);
     return nullptr;
   }
-  const int64_t pixels = int64_t(layout.width) * int64_t(layout.height);
-  if (layout.width <= 0 || layout.height <= 0 || layout.nchannels <= 0 || uint64_t(pixels) * 4 > Image::SizeLimit()) {
-    NoteFailure("cannot read '" + path + "': its size " + std::to_string(layout.width) + " x " +
-                    std::to_string(layout.height) + " is not possible",
-                false);
-    return nullptr;
-  }
-  const int channels = layout.nchannels;
-  std::vector<uint8_t> data(size_t(pixels) * size_t(channels));
-  if (!in->read_image(0, 0, 0, channels, TypeDesc::UINT8, data.data())) {
-    NoteFailure("cannot read '" + path + "': " + in->geterror(), false);
-    return nullptr;
-  }
-  Image* img;
-  try {
-    img = NewImage(req, layout.width, layout.height, 32, nullptr);
-  } catch (const ImageSizeError& e) {
-    NoteFailure("cannot read '" + path + "': " + e.what(), false);
-    return nullptr;
-  }
-  const int alpha = layout.alpha_channel >= 0 ? layout.alpha_channel : (channels == 2 ? 1 : channels >= 4 ? 3 : -1);
-  const bool grey = channels <= 2;
-  for (int y = 0; y < layout.height; ++y) {
-    const uint8_t* src = data.data() + size_t(y) * size_t(layout.width) * size_t(channels);
-    uint32_t* row = img->Row(y);
-    for (int x = 0; x < layout.width; ++x, src += channels) {
-      const uint8_t r = src[0], g = grey ? src[0] : src[1], b = grey ? src[0] : src[2];
-      const uint8_t a = alpha >= 0 ? src[alpha] : 255;
-      row[x] = uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
-    }
-  }
-  img->x_aspect = layout.get_float_attribute("PixelAspectRatio", 1.0f);
-  img->y_aspect = 1.0f;
+  if (req) req->Own(img);
   return img;
 }
 
@@ -396,6 +432,12 @@ std::optional<Failure> FrameWriter::Wait(uint64_t ticket) {
   changed_.wait(hold, [&] { return finished_ >= ticket; });
   if (failure_ && failed_ticket_ <= ticket) return failure_;
   return std::nullopt;
+}
+
+void FrameWriter::ClearFailure() {
+  std::lock_guard<std::mutex> hold(lock_);
+  failure_.reset();
+  failed_ticket_ = 0;
 }
 
 void FrameWriter::Run() {

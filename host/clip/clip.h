@@ -56,6 +56,9 @@ class FrameWriter {
   uint64_t Queued() const;
   // Waits until every write up to a ticket is done or dropped; the failure among them, if any.
   std::optional<Failure> Wait(uint64_t ticket);
+  // Forgets a failure once it has been told, so that the writes queued after it go ahead (a
+  // render that goes on past a failed frame).
+  void ClearFailure();
 
  private:
   void Run();
