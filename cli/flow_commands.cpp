@@ -292,6 +292,11 @@ int RenderFlow(const RenderOptions& options) {
     op->OnStartRender(&message);
   }
   FrameResult result;
+  // With --keep-going a failed frame is told at once and the render goes on; the frames that
+  // failed are named at the end. Each frame's files are then waited for before the next frame
+  // renders, so that a failed write is told with its own frame.
+  std::vector<long> failed;
+  bool all_temporary = true;
   {
     SignalWatch signals(*doc);
     Progress progress(frames->Count());
@@ -300,8 +305,16 @@ int RenderFlow(const RenderOptions& options) {
       if (!writing) return true;
       result = FinishWrites(writer, *writing);
       if (result.status == status::Done) progress.FrameDone(writing->frame, false);
+      const long frame = writing->frame;
       writing.reset();
-      return result.status == status::Done;
+      if (result.status == status::Done || !options.keep_going) return result.status == status::Done;
+      progress.Interrupt();
+      std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());
+      failed.push_back(frame);
+      all_temporary = all_temporary && result.status == status::TryLater;
+      writer.ClearFailure();
+      result = {};
+      return true;
     };
     for (long frame = frames->first; frame <= frames->last; frame += frames->step) {
       if (signals.Signal() != 0) {
@@ -317,11 +330,28 @@ int RenderFlow(const RenderOptions& options) {
       const FrameResult rendered = RenderFrame(*doc, savers, flags, options.fields, writer, writes);
       if (!finish_writing()) break;
       result = rendered;
-      if (result.status != status::Done) break;
+      if (result.status != status::Done && (!options.keep_going || result.status >= status::SignalBase)) break;
+      if (result.status != status::Done) {
+        progress.Interrupt();
+        std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());
+        failed.push_back(frame);
+        all_temporary = all_temporary && result.status == status::TryLater;
+        writer.Wait(writer.Queued());
+        writer.ClearFailure();
+        result = {};
+        continue;
+      }
       writing = std::move(writes);
+      if (options.keep_going && !finish_writing()) break;
     }
     if (result.status == status::Done) finish_writing();
     if (result.status != status::Done) progress.Interrupt();
+  }
+  if (result.status == status::Done && !failed.empty()) {
+    std::string list;
+    for (long frame : failed) list += (list.empty() ? "" : ", ") + std::to_string(frame);
+    result = {all_temporary ? status::TryLater : status::FrameFailed,
+              std::to_string(failed.size()) + " of " + std::to_string(frames->Count()) + " frames failed: " + list};
   }
   for (Operator* op : tools) op->OnEndRender();
   if (result.status != status::Done) std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());
