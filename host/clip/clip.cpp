@@ -134,6 +134,62 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
   return true;
 }
 
+// OpenEXR takes the sizes in a header on trust, and would set aside what a damaged one claims.
+// So an OpenEXR file's headers are walked first: every attribute must fit in the file and every
+// data window within the image size limit. Returns why the file cannot be read, or nothing (also
+// for a file of another format).
+std::string CheckExrHeader(std::FILE* file) {
+  uint8_t start[8];
+  const bool exr = std::fread(start, 1, 8, file) == 8 && start[0] == 0x76 && start[1] == 0x2F &&
+                   start[2] == 0x31 && start[3] == 0x01;
+  std::fseek(file, 0, SEEK_END);
+  const long size = std::ftell(file);
+  std::fseek(file, 8, SEEK_SET);
+  std::string problem;
+  const auto read_name = [&](std::string& name) {
+    for (int c; (c = std::fgetc(file)) != 0;) {
+      if (c == EOF || name.size() >= 255) return false;
+      name += char(c);
+    }
+    return true;
+  };
+  const bool multipart = start[5] & 0x10;
+  for (int header = 0; exr && problem.empty(); ++header) {
+    for (int attribute = 0;; ++attribute) {
+      std::string name, type;
+      if (!read_name(name)) problem = "its header is cut off";
+      if (!problem.empty() || name.empty()) break;
+      uint8_t word[4];
+      if (!read_name(type) || std::fread(word, 1, 4, file) != 4) problem = "its header is cut off";
+      const int64_t bytes =
+          int32_t(uint32_t(word[0]) | uint32_t(word[1]) << 8 | uint32_t(word[2]) << 16 | uint32_t(word[3]) << 24);
+      if (problem.empty() && (bytes < 0 || bytes > size - std::ftell(file)))
+        problem = "its header is damaged: the attribute \"" + name + "\" claims " + std::to_string(bytes) +
+                  " bytes, more than the file holds";
+      if (!problem.empty()) break;
+      if (name == "dataWindow" && type == "box2i" && bytes == 16) {
+        int32_t box[4];
+        if (std::fread(box, 4, 4, file) != 4) problem = "its header is cut off";
+        const int64_t width = int64_t(box[2]) - box[0] + 1, height = int64_t(box[3]) - box[1] + 1;
+        const bool fits = width > 0 && height > 0 && uint64_t(width) * uint64_t(height) * 4 <= Image::SizeLimit();
+        if (problem.empty() && !fits)
+          problem = "its size " + std::to_string(width) + " x " + std::to_string(height) +
+                    " is not possible within the image size limit of " + std::to_string(Image::SizeLimit()) + " bytes";
+      } else {
+        std::fseek(file, long(bytes), SEEK_CUR);
+      }
+      if (!problem.empty()) break;
+    }
+    // A multi-part file's headers end with an empty one.
+    if (!multipart || !problem.empty()) break;
+    const int next = std::fgetc(file);
+    if (next == 0 || next == EOF) break;
+    std::ungetc(next, file);
+  }
+  std::rewind(file);
+  return problem;
+}
+
 // The first line of a codec library's error text (the rest repeats it in other words).
 std::string FirstLine(const std::string& text) {
   const std::string line = text.substr(0, text.find('\n'));
@@ -240,7 +296,7 @@ void ClipParameter::Parse() {
   if (percent != std::string::npos) {
     size_t i = percent + 1;
     int width = 0;
-    while (i < path.size() && path[i] >= '0' && path[i] <= '9') width = width * 10 + (path[i++] - '0');
+    for (; i < path.size() && path[i] >= '0' && path[i] <= '9'; ++i) width = std::min(width * 10 + (path[i] - '0'), 99);
     if (i < path.size() && path[i] == 'd' && width < 16) {
       prefix_ = path.substr(0, percent);
       suffix_ = path.substr(i + 1);
@@ -329,7 +385,10 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
   std::string why;
   Image* img = nullptr;
   if (std::FILE* file = std::fopen(path.c_str(), "rb")) {
-    img = IsPngFile(file) ? ReadPng(file, &why) : ReadWithCodecLibrary(path, &why);
+    if (IsPngFile(file))
+      img = ReadPng(file, &why);
+    else if ((why = CheckExrHeader(file)).empty())
+      img = ReadWithCodecLibrary(path, &why);
     std::fclose(file);
   } else {
     why = errno == ENOENT ? std::string("no such file") : std::strerror(errno);
@@ -472,6 +531,13 @@ ClipFolderScope::~ClipFolderScope() {
 void ClipParameter::SetCompression(const std::string& extension, int level) {
   std::lock_guard<std::mutex> hold(g_compression_lock);
   CompressionTable()[FormatKey(extension)] = level;
+}
+
+bool ClipParameter::IsFormatKey(const std::string& extension) {
+  const std::string name = !extension.empty() && extension[0] == '.' ? extension.substr(1) : extension;
+  return !name.empty() && name.size() <= 15 && std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+  });
 }
 
 void ClipParameter::SetCompression(std::map<std::string, int> table) {

@@ -65,7 +65,7 @@ Image* Decode(png_structp png, png_infop info, std::FILE* file, PngErrorText* er
 }  // namespace
 
 bool IsPngFile(std::FILE* file) {
-  png_byte signature[8];
+  png_byte signature[4];
   const size_t n = std::fread(signature, 1, sizeof signature, file);
   std::rewind(file);
   return n == sizeof signature && png_sig_cmp(signature, 0, sizeof signature) == 0;

@@ -11,7 +11,8 @@ namespace kestrion {
 
 class Image;
 
-// Whether a file starts with the PNG signature (the file position is left at its start).
+// Whether a file starts as a PNG file does (the first four bytes of the signature, so that a
+// PNG whose signature was damaged is still told as one); the file is left at its start.
 bool IsPngFile(std::FILE* file);
 
 // Reads the PNG from an open file into a new image (one reference, the caller's); null with the

@@ -520,7 +520,7 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
     for (uint32_t i = 0; i < codecs; ++i) {
       std::string extension = ar.ReadString();
       const int level = ar.ReadInt();
-      if (extension.empty() || extension.size() > 16 || level < 0 || level > 100)
+      if (!ClipParameter::IsFormatKey(extension) || level < 0 || level > 100)
         return fail("the document is corrupt: a codec setting is out of range");
       compression.emplace_back(std::move(extension), level);
     }

@@ -181,7 +181,7 @@ class TextFlowReader {
         if (!value.is_object()) throw FlowError{"\"preferences\".\"compression\" must map extensions to levels"};
         if (value.size() > 64) throw FlowError{"\"preferences\".\"compression\" names more than 64 formats"};
         for (const auto& [ext, level] : value.items()) {
-          if (!IsExtension(ext))
+          if (!ClipParameter::IsFormatKey(ext))
             throw FlowError{"\"preferences\".\"compression\"." + Quoted(ext) + " is not a file extension such as \"png\""};
           const double l = Number(level, "\"preferences\".\"compression\"." + Quoted(ext));
           if (l < 0 || l > 100 || l != std::floor(l))
@@ -192,14 +192,6 @@ class TextFlowReader {
         throw FlowError{"unknown preference " + Quoted(key) + " (valid: proxy, video, preview, compression)"};
       }
     }
-  }
-
-  // "png", "EXR" or ".tif": letters and digits, 15 at most, after an optional dot.
-  static bool IsExtension(const std::string& text) {
-    const std::string name = !text.empty() && text[0] == '.' ? text.substr(1) : text;
-    return !name.empty() && name.size() <= 15 && std::all_of(name.begin(), name.end(), [](char c) {
-      return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-    });
   }
 
   static int Size(const Json& obj, const char* key, int fallback, const std::string& where) {
