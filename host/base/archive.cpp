@@ -23,27 +23,29 @@ CArchive CArchive::FromFile(const std::string& path) {
 
 void CArchive::WriteFile(const std::string& path) const {
   const std::string temp = path + ".tmp-" + std::to_string(getpid());
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) throw ArchiveError("cannot write '" + path + "': " + std::strerror(errno));
-  size_t done = 0;
-  bool ok = true;
-  while (done < bytes_.size()) {
-    const ssize_t n = ::write(fd, bytes_.data() + done, bytes_.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = false;
-      break;
-    }
-    done += size_t(n);
-  }
-  const int saved_errno = errno;
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  if (!ok || std::rename(temp.c_str(), path.c_str()) != 0) {
-    const int err = ok ? errno : saved_errno;
+  int err = WriteSyncedFile(temp, bytes_.data(), bytes_.size());
+  if (err == 0 && std::rename(temp.c_str(), path.c_str()) != 0) {
+    err = errno;
     ::unlink(temp.c_str());
-    throw ArchiveError("cannot write '" + path + "': " + std::strerror(err));
   }
+  if (err != 0) throw ArchiveError("cannot write '" + path + "': " + std::strerror(err));
+}
+
+int WriteSyncedFile(const std::string& path, const uint8_t* data, size_t size) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return errno;
+  int err = 0;
+  for (size_t done = 0; done < size && err == 0;) {
+    const ssize_t n = ::write(fd, data + done, size - done);
+    if (n > 0)
+      done += size_t(n);
+    else if (n == 0 || errno != EINTR)
+      err = n == 0 ? EIO : errno;
+  }
+  if (err == 0 && ::fsync(fd) != 0) err = errno;
+  if (::close(fd) != 0 && err == 0) err = errno;
+  if (err != 0) ::unlink(path.c_str());
+  return err;
 }
 
 void CArchive::WriteWord(uint32_t w) {

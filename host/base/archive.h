@@ -61,6 +61,10 @@ class CArchive {
   size_t pos_ = 0;
 };
 
+// Writes bytes to a file (replacing one of that name) and fsyncs it: 0, or the errno of the
+// first call that failed, the file then removed.
+int WriteSyncedFile(const std::string& path, const uint8_t* data, size_t size);
+
 // Whether the bytes are well-formed UTF-8: no overlong forms, surrogates or code points past
 // U+10FFFF (what a text flow can hold).
 bool IsUtf8(std::string_view s);

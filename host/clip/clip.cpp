@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
@@ -93,8 +94,16 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     *temporary = false;
     return false;
   }
+  // The codec encodes into memory and the file is written here, so that every failed write (a
+  // full disk) is seen; a format that can only write files of its own writes the temporary file.
+  std::vector<unsigned char> encoded;
+  OIIO::Filesystem::IOVecOutput memory(encoded);
+  OIIO::Filesystem::IOProxy* proxy = &memory;
+  ImageSpec spec = layout;
+  const bool in_memory = out->supports("ioproxy");
+  if (in_memory) spec.attribute("oiio:ioproxy", TypeDesc::PTR, &proxy);
   errno = 0;
-  bool ok = out->open(temp, layout) && out->write_image(TypeDesc::UINT8, rgba.data()) && out->close();
+  bool ok = out->open(temp, spec) && out->write_image(TypeDesc::UINT8, rgba.data()) && out->close();
   const int saved_errno = errno;
   if (!ok) {
     std::string why = out->geterror();
@@ -117,7 +126,7 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     if (::close(fd) != 0 && err == 0) err = errno;
     return err;
   };
-  int err = sync(temp, O_RDONLY);
+  int err = in_memory ? WriteSyncedFile(temp, encoded.data(), encoded.size()) : sync(temp, O_RDONLY);
   if (err == 0 && std::rename(temp.c_str(), path.c_str()) != 0) err = errno;
   if (err != 0) {
     ::unlink(temp.c_str());
