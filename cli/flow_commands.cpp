@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -92,6 +94,32 @@ bool FrameOnDisk(const std::vector<Operator*>& savers, long frame) {
     if (!clip || !FileHasData(clip->FramePath(int(frame)))) return false;
   }
   return true;
+}
+
+// Removes what renders killed before they could rename a frame left beside it: the temporary
+// files ".FRAME.tmp-PID-N" of this render's frames whose process is gone from this machine.
+void RemoveStaleTemporaries(const std::vector<Operator*>& savers, const FrameList& frames) {
+  for (Operator* saver : savers) {
+    Input* in = saver->FindInput(kFilenameId);
+    Ref<ClipParameter> clip = in ? in->ValueAs<ClipParameter>() : Ref<ClipParameter>();
+    if (!clip) continue;
+    std::set<std::string> names;
+    std::filesystem::path folder;
+    for (long frame = frames.first; frame <= frames.last; frame += frames.step) {
+      const std::filesystem::path path(clip->FramePath(int(frame)));
+      folder = path.parent_path();
+      names.insert(path.filename().string());
+    }
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
+      const std::string file = entry.path().filename().string();
+      const size_t mark = file.rfind(".tmp-");
+      if (file[0] != '.' || mark == std::string::npos || mark < 1 || !names.count(file.substr(1, mark - 1))) continue;
+      const long pid = std::strtol(file.c_str() + mark + 5, nullptr, 10);
+      if (pid > 0 && pid != ::getpid() && ::kill(pid_t(pid), 0) != 0 && errno == ESRCH)
+        std::filesystem::remove(entry.path(), ec);
+    }
+  }
 }
 
 // Progress on stderr: a bar redrawn in place on a terminal, a line per frame otherwise.
@@ -276,6 +304,7 @@ int RenderFlow(const RenderOptions& options) {
     return status::BadInput;
   }
 
+  RemoveStaleTemporaries(savers, *frames);
   if (options.threads > 0) SetWorkerThreads(options.threads);
   if (options.proxy > 0) PGeneral.proxy = options.proxy;
   uint32_t flags = 0;
