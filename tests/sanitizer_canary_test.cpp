@@ -1,0 +1,52 @@
+// Canaries: in a sanitizer build, a deliberate fault that the sanitizer must report. A
+// sanitizer that stopped working (a flag lost from the build, a runtime that no longer loads)
+// fails these, where the rest of the suite would pass in silence. The plain build has none.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <thread>
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+
+TEST(SanitizerCanary, AddressSanitizerReportsAWritePastAnAllocation) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        volatile char* bytes = new char[8];
+        bytes[8] = 1;
+        delete[] bytes;
+      },
+      "heap-buffer-overflow");
+}
+
+TEST(SanitizerCanary, UndefinedBehaviorSanitizerReportsAnOverflow) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        volatile int big = INT_MAX, one = 1;
+        big = big + one;
+      },
+      "signed integer overflow");
+}
+
+#elif defined(__SANITIZE_THREAD__)
+
+TEST(SanitizerCanary, ThreadSanitizerReportsARace) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        int shared = 0;
+        std::thread other([&] { ++shared; });
+        ++shared;
+        other.join();
+        std::exit(shared == 0);
+      },
+      testing::ExitedWithCode(66), "data race");
+}
+
+#endif
+
+}  // namespace
