@@ -3,6 +3,7 @@
 # runs one for SECONDS on its corpus:
 #
 #   scripts/fuzz.sh TARGET SECONDS [libFuzzer options...]
+#   scripts/fuzz.sh --build          (only builds them)
 #
 # TARGET is document (.kfl), text_flow (.json), clip_definitions (Clips.def) or frame (PNG,
 # TIFF and OpenEXR files read through the clip layer). The seeds in fuzz/corpus/TARGET are read
@@ -12,6 +13,18 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 targets=(document text_flow clip_definitions frame)
+build() {
+  bash scripts/setup.sh --fuzz
+  if [ ! -f build-fuzz/CMakeCache.txt ]; then
+    cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 -DKESTRION_FUZZ=ON \
+      -DKESTRION_TESTS=OFF -DKESTRION_BENCH=OFF >/dev/null
+  fi
+  cmake --build build-fuzz -j"$(nproc)" --target fuzz_targets >/dev/null
+}
+if [ "${1:-}" = "--build" ]; then
+  build
+  exit 0
+fi
 if [ $# -lt 2 ] || [[ ! " ${targets[*]} " =~ " $1 " ]] || [[ ! "$2" =~ ^[0-9]+$ ]]; then
   echo "usage: scripts/fuzz.sh TARGET SECONDS [libFuzzer options]   (TARGET: ${targets[*]})" >&2
   exit 2
@@ -19,12 +32,7 @@ fi
 target="$1" seconds="$2"
 shift 2
 
-bash scripts/setup.sh --fuzz
-if [ ! -f build-fuzz/CMakeCache.txt ]; then
-  cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 -DKESTRION_FUZZ=ON \
-    -DKESTRION_TESTS=OFF -DKESTRION_BENCH=OFF >/dev/null
-fi
-cmake --build build-fuzz -j"$(nproc)" --target fuzz_targets >/dev/null
+[ "${KESTRION_FUZZ_BUILT:-0}" = "1" ] || build
 
 mkdir -p "build-fuzz/corpus/$target" "build-fuzz/findings/$target"
 options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=3072 -malloc_limit_mb=2048 -max_len=16384
