@@ -118,9 +118,15 @@ std::string CArchive::ReadString() {
     throw ArchiveError("the document is corrupt: a text at byte " + std::to_string(pos_ - 4) + " claims " +
                        std::to_string(n) + " bytes, more than are left");
   std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
-  if (!IsUtf8(s))
-    throw ArchiveError("the document is corrupt: the text at byte " + std::to_string(pos_ - 4) + " is not UTF-8");
   pos_ += n;
+  return s;
+}
+
+std::string CArchive::ReadText() {
+  const size_t at = pos_;
+  std::string s = ReadString();
+  if (!IsUtf8(s))
+    throw ArchiveError("the document is corrupt: the text at byte " + std::to_string(at) + " is not UTF-8");
   return s;
 }
 

@@ -45,8 +45,11 @@ class CArchive {
   float ReadFloat();
   double ReadDouble();
   void ReadBytes(void* data, size_t n);
-  // Strings longer than the rest of the archive, or not UTF-8, are rejected as corrupt.
+  // Strings longer than the rest of the archive are rejected as corrupt.
   std::string ReadString();
+  // A string that holds text (a name, a file name): one that is not UTF-8 is rejected too, as
+  // a text flow could not hold it.
+  std::string ReadText();
 
   size_t Position() const { return pos_; }
   size_t Remaining() const { return bytes_.size() - pos_; }

@@ -279,8 +279,8 @@ void ClipParameter::Save(CArchive& ar) const {
 }
 
 Parameter* ClipParameter::Load(CArchive& ar) {
-  std::string name = ar.ReadString();
-  std::string base = ar.ReadString();
+  std::string name = ar.ReadText();
+  std::string base = ar.ReadText();
   if (t_loading_folder) base = *t_loading_folder;
   return new ClipParameter(std::move(name), std::move(base));
 }

@@ -74,23 +74,20 @@ void Input::SetAttrs(std::initializer_list<Tag> tags) {
   for (const Tag& t : tags) tags_.Set(t);
 }
 
-// A check box is 0 or 1 and a drop-down list the index of one of its entries unless the tool
-// gives other limits; other inputs go as far as their limits say.
-double Input::Lowest() const {
-  const uint32_t control = tags_.GetInt(in::Control);
-  const bool choice =
-      control == control::CheckBox || (control == control::DropDown && !tags_.GetStrings(in::ListEntry).empty());
-  return tags_.GetDouble(in::Lowest, choice ? 0.0 : -HUGE_VAL);
+// Unless the tool gives other limits, a check box is 0 or 1, and a drop-down list's value (the
+// index of an entry, or an unknown one that the tool ignores) stays within a 32-bit whole number,
+// which tools turn it into; other inputs go as far as their limits say.
+namespace {
+double ChoiceLimit(const TagList& tags, double checkbox, double list, double other) {
+  const uint32_t control = tags.GetInt(in::Control);
+  if (control == control::CheckBox) return checkbox;
+  if (control == control::DropDown && !tags.GetStrings(in::ListEntry).empty()) return list;
+  return other;
 }
+}  // namespace
 
-double Input::Highest() const {
-  const uint32_t control = tags_.GetInt(in::Control);
-  double choices = HUGE_VAL;
-  if (control == control::CheckBox) choices = 1.0;
-  if (const size_t entries = tags_.GetStrings(in::ListEntry).size(); control == control::DropDown && entries > 0)
-    choices = double(entries - 1);
-  return tags_.GetDouble(in::Highest, choices);
-}
+double Input::Lowest() const { return tags_.GetDouble(in::Lowest, ChoiceLimit(tags_, 0.0, INT32_MIN, -HUGE_VAL)); }
+double Input::Highest() const { return tags_.GetDouble(in::Highest, ChoiceLimit(tags_, 1.0, INT32_MAX, HUGE_VAL)); }
 
 Parameter* Input::ValueAt(double time) const {
   if (state_.animation && !state_.animation->Empty()) {
@@ -180,7 +177,7 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
   if (tags) SetAttrsTagList(*tags);
   if (!ar) return;
   op_flags |= opflag::Restored;
-  name_ = ar->ReadString();
+  name_ = ar->ReadText();
   flow_x_ = ar->ReadInt();
   flow_y_ = ar->ReadInt();
   const uint32_t count = ar->ReadWord();
@@ -199,7 +196,7 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
       saved->animation = std::make_unique<Spline>(Spline::Load(*ar));
       // A point's keys hold floats.
       for (const KeyPoint& k : saved->animation->Keys())
-        if (saved->type == vtype::Point && (std::fabs(k.value[0]) > FLT_MAX || std::fabs(k.value[1]) > FLT_MAX))
+        if (saved->type == vtype::Point && std::max(std::fabs(k.value[0]), std::fabs(k.value[1])) > FLT_MAX)
           throw ArchiveError("the document is corrupt: input " + FourCCText(id) + " of tool '" + name_ +
                              "' has a key past the range of a point");
     }
@@ -207,7 +204,7 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
       if (!(parts & part)) continue;
       PendingConnection pending;
       pending.input_id = id;
-      pending.tool = ar->ReadString();
+      pending.tool = ar->ReadText();
       pending.output_id = ar->ReadWord();
       pending.modifier = part == kSavedModifier;
       pending_connections_.push_back(std::move(pending));

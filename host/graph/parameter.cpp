@@ -68,7 +68,7 @@ Parameter* LoadParameter(uint32_t type, CArchive& ar) {
       return new Point(x, y);
     }
     case vtype::Text:
-      return new Text(ar.ReadString());
+      return new Text(ar.ReadText());
     case vtype::LookUpTable: {
       const uint32_t n = ar.ReadWord();
       if (n > ar.Remaining() / 4) throw ArchiveError("the document is corrupt: a table claims " + std::to_string(n) + " entries");

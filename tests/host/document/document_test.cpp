@@ -148,8 +148,8 @@ TEST_F(DocumentTest, NumbersAreHeldToTheLimitsOfTheirInput) {
   } cases[] = {
       {t->strength, 12.0, 10.0}, {t->strength, -1.0, 0.0},    {t->strength, 3.5, 3.5},
       {t->strength, 10.0, 10.0}, {t->count, -7.0, -3.0},       {t->count, 1e9, 1e9},
-      // A list holds the index of one of its entries.
-      {t->method, 9.0, 2.0},     {t->method, -1.0, 0.0},
+      // A list keeps an unknown entry (which its tool ignores) within a 32-bit whole number.
+      {t->method, 9.0, 9.0},     {t->method, 1e300, 2147483647.0}, {t->method, -1e300, -2147483648.0},
   };
   for (const auto& c : cases) {
     c.in->SetValue(new Number(c.set));
