@@ -24,7 +24,7 @@ namespace kestrion::fuzz {
 
 // Images above this are refused, as the size limit refuses them for a render: the fuzzer runs
 // with an allocation limit of 2 GiB and must see no allocation near it.
-constexpr size_t kFuzzImageLimit = size_t(64) << 20;
+constexpr size_t kFuzzImageLimit = size_t(16) << 20;
 
 // The scratch folder, made on first use under /dev/shm (memory) where it exists.
 inline const std::string& Scratch() {

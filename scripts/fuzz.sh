@@ -35,7 +35,7 @@ shift 2
 [ "${KESTRION_FUZZ_BUILT:-0}" = "1" ] || build
 
 mkdir -p "build-fuzz/corpus/$target" "build-fuzz/findings/$target"
-options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=3072 -malloc_limit_mb=2048 -max_len=16384
+options=(-max_total_time="$seconds" -timeout=30 -rss_limit_mb=3072 -malloc_limit_mb=2048 -max_len=16384
          -print_final_stats=1 -artifact_prefix="build-fuzz/findings/$target/")
 [ -f "fuzz/$target.dict" ] && options+=(-dict="fuzz/$target.dict")
 exec "build-fuzz/bin/fuzz_$target" "${options[@]}" "$@" "build-fuzz/corpus/$target" "fuzz/corpus/$target"

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/base/archive.h"
@@ -143,10 +145,51 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
   return true;
 }
 
+// The sizes of the OpenEXR attribute types that OpenEXR reads a fixed number of bytes of,
+// whatever size the header gives.
+constexpr std::pair<std::string_view, size_t> kExrFixedSizes[] = {
+    {"box2i", 16}, {"box2f", 16}, {"compression", 1}, {"lineOrder", 1}, {"envmap", 1}, {"deepImageState", 1},
+    {"float", 4},  {"double", 8}, {"int", 4},         {"rational", 8},  {"v2i", 8},    {"v2f", 8},
+    {"v2d", 16},   {"v3i", 12},   {"v3f", 12},        {"v3d", 24},      {"m33f", 36},  {"m33d", 72},
+    {"m44f", 64},  {"m44d", 128}, {"tiledesc", 9},    {"timecode", 8},  {"keycode", 28}, {"chromaticities", 32},
+};
+
+// Whether an OpenEXR attribute's value holds exactly what OpenEXR will read of it: a fixed-size
+// type's bytes, a channel list's entries (names of at most `longest` bytes), a preview's pixels,
+// a string vector's strings.
+bool ExrValueFits(const std::string& type, const std::vector<uint8_t>& v, size_t longest) {
+  const auto word = [&v](size_t at) {
+    return int64_t(int32_t(uint32_t(v[at]) | uint32_t(v[at + 1]) << 8 | uint32_t(v[at + 2]) << 16 |
+                           uint32_t(v[at + 3]) << 24));
+  };
+  for (const auto& [name, bytes] : kExrFixedSizes)
+    if (type == name) return v.size() == bytes;
+  if (type == "chlist") {
+    size_t at = 0;
+    while (at < v.size() && v[at] != 0) {
+      const auto end = std::find(v.begin() + long(at), v.end(), 0);
+      if (end == v.end() || size_t(end - v.begin()) - at > longest) return false;
+      at = size_t(end - v.begin()) + 1 + 16;  // type, linear flag, three reserved bytes, sampling
+    }
+    return at + 1 == v.size();
+  }
+  if (type == "preview") {
+    if (v.size() < 8 || (v.size() - 8) % 4 != 0) return false;
+    return uint64_t(uint32_t(word(0))) * uint32_t(word(4)) == (v.size() - 8) / 4;
+  }
+  if (type == "stringvector") {
+    for (size_t at = 0; at < v.size();) {
+      if (v.size() - at < 4 || word(at) < 0 || word(at) > int64_t(v.size() - at - 4)) return false;
+      at += 4 + size_t(word(at));
+    }
+  }
+  return true;
+}
+
 // OpenEXR takes the sizes in a header on trust, and would set aside what a damaged one claims.
-// So an OpenEXR file's headers are walked first: every attribute must fit in the file and every
-// data window within the image size limit. Returns why the file cannot be read, or nothing (also
-// for a file of another format).
+// So an OpenEXR file's headers are walked first, as OpenEXR will read them: every attribute must
+// fit in the file and hold what its type holds, and every data window must be within the image
+// size limit. Returns why the file cannot be read, or nothing (also for a file of another format).
 std::string CheckExrHeader(std::FILE* file) {
   uint8_t start[8];
   const bool exr = std::fread(start, 1, 8, file) == 8 && start[0] == 0x76 && start[1] == 0x2F &&
@@ -155,39 +198,45 @@ std::string CheckExrHeader(std::FILE* file) {
   const long size = std::ftell(file);
   std::fseek(file, 8, SEEK_SET);
   std::string problem;
+  // Names and type names end with a NUL within 31 bytes (255 with the long-names flag); OpenEXR
+  // would read a longer one as two, so a header that holds one is refused here.
+  const size_t longest = start[5] & 0x04 ? 255 : 31;
   const auto read_name = [&](std::string& name) {
     for (int c; (c = std::fgetc(file)) != 0;) {
-      if (c == EOF || name.size() >= 255) return false;
+      if (c == EOF || name.size() >= longest) return false;
       name += char(c);
     }
     return true;
   };
   const bool multipart = start[5] & 0x10;
-  for (int header = 0; exr && problem.empty(); ++header) {
-    for (int attribute = 0;; ++attribute) {
+  while (exr && problem.empty()) {
+    for (;;) {
       std::string name, type;
-      if (!read_name(name)) problem = "its header is cut off";
+      if (!read_name(name)) problem = "its header is cut off or damaged";
       if (!problem.empty() || name.empty()) break;
       uint8_t word[4];
-      if (!read_name(type) || std::fread(word, 1, 4, file) != 4) problem = "its header is cut off";
+      if (!read_name(type) || std::fread(word, 1, 4, file) != 4) problem = "its header is cut off or damaged";
       const int64_t bytes =
           int32_t(uint32_t(word[0]) | uint32_t(word[1]) << 8 | uint32_t(word[2]) << 16 | uint32_t(word[3]) << 24);
       if (problem.empty() && (bytes < 0 || bytes > size - std::ftell(file)))
         problem = "its header is damaged: the attribute \"" + name + "\" claims " + std::to_string(bytes) +
                   " bytes, more than the file holds";
       if (!problem.empty()) break;
-      if (name == "dataWindow" && type == "box2i" && bytes == 16) {
+      std::vector<uint8_t> value(static_cast<size_t>(bytes));
+      if (std::fread(value.data(), 1, value.size(), file) != value.size() || !ExrValueFits(type, value, longest)) {
+        problem = "its header is damaged: the attribute \"" + name + "\" does not hold a " + type;
+        break;
+      }
+      if (name == "dataWindow" && type == "box2i") {
         int32_t box[4];
-        if (std::fread(box, 4, 4, file) != 4) problem = "its header is cut off";
+        std::memcpy(box, value.data(), sizeof box);
         const int64_t width = int64_t(box[2]) - box[0] + 1, height = int64_t(box[3]) - box[1] + 1;
-        const bool fits = width > 0 && height > 0 && uint64_t(width) * uint64_t(height) * 4 <= Image::SizeLimit();
-        if (problem.empty() && !fits)
+        if (width <= 0 || height <= 0 || uint64_t(width) * uint64_t(height) * 4 > Image::SizeLimit()) {
           problem = "its size " + std::to_string(width) + " x " + std::to_string(height) +
                     " is not possible within the image size limit of " + std::to_string(Image::SizeLimit()) + " bytes";
-      } else {
-        std::fseek(file, long(bytes), SEEK_CUR);
+          break;
+        }
       }
-      if (!problem.empty()) break;
     }
     // A multi-part file's headers end with an empty one.
     if (!multipart || !problem.empty()) break;
@@ -228,6 +277,14 @@ Image* ReadWithCodecLibrary(const std::string& path, std::string* why) {
     *why = e.what();
     return nullptr;
   }
+  // The file's own samples (every channel at its own depth) are read a band at a time; all of
+  // them may take at most four times the image size limit (four float channels).
+  if (layout.image_bytes(true) > 4 * uint64_t(Image::SizeLimit())) {
+    *why = "its samples take " + std::to_string(layout.image_bytes(true)) +
+           " bytes, more than the image size limit of " + std::to_string(Image::SizeLimit()) + " bytes allows";
+    img->Recycle();
+    return nullptr;
+  }
   // The first four channels are read: colour from the first three, or grey from the first.
   const int channels = std::min(layout.nchannels, 4);
   const int alpha = layout.alpha_channel >= 0 && layout.alpha_channel < 4 ? layout.alpha_channel
@@ -235,7 +292,10 @@ Image* ReadWithCodecLibrary(const std::string& path, std::string* why) {
                     : channels == 4                                      ? 3
                                                                          : -1;
   const bool grey = channels <= 2;
-  const int band = layout.tile_width > 0 ? std::max(layout.tile_height, 1) : 64;
+  constexpr uint64_t kBandBytes = uint64_t(16) << 20;
+  const uint64_t row_bytes = std::max<uint64_t>(layout.scanline_bytes(true), 1);
+  const uint64_t rows_per_band = std::clamp<uint64_t>(kBandBytes / row_bytes, 1, 64);
+  const int band = layout.tile_width > 0 ? std::max(layout.tile_height, 1) : int(rows_per_band);
   std::vector<uint8_t> rows(size_t(layout.width) * size_t(std::min(band, layout.height)) * size_t(channels));
   for (int top = 0; top < layout.height; top += band) {
     const int bottom = std::min(top + band, layout.height);
