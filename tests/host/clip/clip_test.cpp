@@ -313,6 +313,8 @@ std::vector<DamagedFrame> DamagedFrames(const test_tools::TempFolder& dir) {
       {"huge.tif", TiffOfSize(tiff, 60000, 60000), "60000 x 60000"},
       {"huge.exr", ExrWith(exr, "dataWindow", {0, 0, 99999, 99999}), "100000 x 100000"},
       {"attribute.exr", ExrWith(exr, "compression", {0x7FFFFF00}), "claims 2147483392 bytes"},
+      // Found by fuzzing: OpenEXR reads a channel list past its size and then trusts what follows.
+      {"channels.exr", ExrWith(exr, "channels", {1}), "does not hold a chlist"},
       {"cut.png", png.substr(0, png.size() / 2), "the file ends early"},
       {"empty.png", "", "Not a PNG file"},
   };
