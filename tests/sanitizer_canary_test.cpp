@@ -11,40 +11,41 @@ namespace {
 
 #if defined(__SANITIZE_ADDRESS__)
 
+void WritePastAnAllocation() {
+  volatile char* bytes = new char[8];
+  bytes[8] = 1;
+  delete[] bytes;
+}
+
+void OverflowAnInt() {
+  volatile int big = INT_MAX;
+  volatile int one = 1;
+  big = big + one;
+}
+
 TEST(SanitizerCanary, AddressSanitizerReportsAWritePastAnAllocation) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        volatile char* bytes = new char[8];
-        bytes[8] = 1;
-        delete[] bytes;
-      },
-      "heap-buffer-overflow");
+  EXPECT_DEATH(WritePastAnAllocation(), "heap-buffer-overflow");
 }
 
 TEST(SanitizerCanary, UndefinedBehaviorSanitizerReportsAnOverflow) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        volatile int big = INT_MAX, one = 1;
-        big = big + one;
-      },
-      "signed integer overflow");
+  EXPECT_DEATH(OverflowAnInt(), "signed integer overflow");
 }
 
 #elif defined(__SANITIZE_THREAD__)
 
+void Race() {
+  int shared = 0;
+  std::thread other([&] { ++shared; });
+  ++shared;
+  other.join();
+  std::exit(shared == 0);
+}
+
 TEST(SanitizerCanary, ThreadSanitizerReportsARace) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        int shared = 0;
-        std::thread other([&] { ++shared; });
-        ++shared;
-        other.join();
-        std::exit(shared == 0);
-      },
-      testing::ExitedWithCode(66), "data race");
+  EXPECT_EXIT(Race(), testing::ExitedWithCode(66), "data race");
 }
 
 #endif

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cfloat>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -227,7 +228,9 @@ class TextFlowReader {
     if (entry.contains("data")) {
       // The tool's own fields follow a base record that holds nothing but the name and place.
       std::vector<uint8_t> fields;
-      if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
+      if (entry["data"].is_object())
+        fields = FieldBytes(reg, entry["data"], where);
+      else if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
         throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
       CArchive record;
       record.WriteString(name);
@@ -257,6 +260,38 @@ class TextFlowReader {
     }
     op->SetFlowPos(position.first, position.second);
     return doc_.AddTool(op, name);
+  }
+
+  // The bytes of a tool's own fields from their readable form, {"name": value or [values]}.
+  static std::vector<uint8_t> FieldBytes(Registry* reg, const Json& data, const std::string& where) {
+    Ref<Object> probe = Ref<Object>::Adopt(reg->Create(nullptr, nullptr));
+    const auto* op = dynamic_cast<const Operator*>(probe.get());
+    const std::vector<DataField> layout = op ? op->DataLayout() : std::vector<DataField>();
+    if (layout.empty()) throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
+    std::vector<std::string> names;
+    for (const DataField& f : layout) names.push_back(f.name);
+    for (const auto& [key, value] : data.items())
+      if (std::find(names.begin(), names.end(), key) == names.end())
+        throw FlowError{where + ": unknown key " + Quoted(key) + " in \"data\" (valid: " + JoinQuoted(names) + ")"};
+    CArchive bytes;
+    for (const DataField& f : layout) {
+      const std::string what = where + ": \"data\"." + Quoted(f.name);
+      Json values = data.contains(f.name) ? data[f.name] : Json(std::vector<double>(size_t(f.count), f.missing));
+      if (f.count == 1 && !values.is_array()) values = Json::array({values});
+      if (!values.is_array() || values.size() != size_t(f.count))
+        throw FlowError{what + (f.count == 1 ? " must be a number" : " must be " + std::to_string(f.count) + " numbers")};
+      for (const Json& v : values) {
+        if (!v.is_number()) throw FlowError{what + " holds numbers only"};
+        const double d = v.get<double>();
+        if (f.kind == DataField::Double) {
+          bytes.WriteDouble(d);
+        } else {
+          if (d != std::floor(d) || d < INT32_MIN || d > INT32_MAX) throw FlowError{what + " holds whole numbers only"};
+          bytes.WriteInt(int32_t(d));
+        }
+      }
+    }
+    return bytes.Bytes();
   }
 
   static std::string ValidInputs(const Operator* op) {
@@ -475,9 +510,11 @@ class TextFlowReader {
   void AddModifier(Input* in, const Json& entry, const std::string& where) {
     if (!entry.is_object() || !entry.contains("class") || !entry["class"].is_string())
       throw FlowError{where + ": \"modifier\" must be an object with a \"class\""};
-    CheckKeys(entry, {"class", "name", "inputs", "position"}, where + ": ", " in the modifier");
+    CheckKeys(entry, {"class", "name", "output", "inputs", "position"}, where + ": ", " in the modifier");
+    if (entry.contains("output") && !entry["output"].is_string())
+      throw FlowError{where + ": the modifier's \"output\" must be the label of one of its outputs"};
     HostError err;
-    Operator* mod = doc_.AddModifier(in, entry["class"].get<std::string>(), &err);
+    Operator* mod = doc_.AddModifier(in, entry["class"].get<std::string>(), &err, entry.value("output", std::string()));
     if (!mod) throw FlowError{where + ": " + err.message};
     if (entry.contains("name")) {
       const Json& name = entry["name"];
@@ -549,8 +586,8 @@ class TextFlowWriter {
       if (!value.is_null()) inputs[Key(*op, *in)] = value;
     }
     tool["inputs"] = inputs;
-    const std::string data = OwnFields(op);
-    if (!data.empty()) tool["data"] = data;
+    const Json data = OwnFields(op);
+    if (!data.is_null()) tool["data"] = data;
     return tool;
   }
 
@@ -581,9 +618,19 @@ class TextFlowWriter {
       obj["curve"] = s.animation->Curve() == Spline::Bezier ? "bezier" : "linear";
     }
     if (s.link) obj["link"] = s.link->Owner()->Name() + "." + s.link->Name();
-    if (s.modifier) obj["modifier"] = Tool(s.modifier.get(), true);
+    if (s.modifier) {
+      Json modifier = Tool(s.modifier.get(), true);
+      if (s.modifier_output != FirstOutputOfType(*s.modifier, in.Type())) modifier["output"] = s.modifier_output->Name();
+      obj["modifier"] = modifier;
+    }
     if (obj.size() == 1 && obj.contains("link")) return obj["link"];
     return obj;
+  }
+
+  static const Output* FirstOutputOfType(const Operator& op, uint32_t type) {
+    for (const auto& out : op.Outputs())
+      if (out->Type() == type) return out.get();
+    return nullptr;
   }
 
   static Json Constant(const Parameter& p) {
@@ -595,14 +642,38 @@ class TextFlowWriter {
     return nullptr;
   }
 
-  // The bytes a tool's record holds between the base record and its end, as hexadecimal.
-  static std::string OwnFields(Operator* op) {
+  // The bytes a tool's record holds between the base record and its end: by name where the
+  // tool lays its fields out, else as hexadecimal. Null when there are none.
+  static Json OwnFields(Operator* op) {
     CArchive whole, base;
     op->Save(&whole, nullptr);
     op->Operator::Save(&base, nullptr);
     const size_t begin = 4 + base.Bytes().size(), end = whole.Bytes().size() - 8;
-    if (end <= begin) return {};
-    return Hex(whole.Bytes().data() + begin, end - begin);
+    if (end <= begin) return nullptr;
+    const std::vector<uint8_t> bytes(whole.Bytes().begin() + long(begin), whole.Bytes().begin() + long(end));
+    if (Json named = NamedFields(op->DataLayout(), bytes); !named.is_null()) return named;
+    return Hex(bytes.data(), bytes.size());
+  }
+
+  // Fields by name, {"name": value or [values]}; null when the bytes do not fit the layout.
+  static Json NamedFields(const std::vector<DataField>& layout, const std::vector<uint8_t>& bytes) {
+    if (layout.empty()) return nullptr;
+    CArchive in(bytes);
+    Json named = Json::object();
+    try {
+      for (const DataField& f : layout) {
+        Json values = Json::array();
+        for (int i = 0; i < f.count; ++i) {
+          const double v = f.kind == DataField::Double ? in.ReadDouble() : double(in.ReadInt());
+          if (!std::isfinite(v)) return nullptr;  // JSON has no such numbers
+          values.push_back(f.kind == DataField::Double ? Json(v) : Json(int32_t(v)));
+        }
+        named[f.name] = f.count == 1 ? values[0] : values;
+      }
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+    return in.AtEnd() ? named : Json();
   }
 
   const CPipelineDoc& doc_;
