@@ -1,9 +1,15 @@
 #include "cli/flow_commands.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -32,6 +38,32 @@ bool FrameOnDisk(const std::vector<Operator*>& savers, long frame) {
     if (!clip || !FileHasData(clip->FramePath(int(frame)))) return false;
   }
   return true;
+}
+
+// Removes what renders killed before they could rename a frame left beside it: the temporary
+// files ".FRAME.tmp-PID-N" of this render's frames whose process is gone from this machine.
+void RemoveStaleTemporaries(const std::vector<Operator*>& savers, const FrameList& frames) {
+  for (Operator* saver : savers) {
+    Input* in = saver->FindInput(kFilenameId);
+    Ref<ClipParameter> clip = in ? in->ValueAs<ClipParameter>() : Ref<ClipParameter>();
+    if (!clip) continue;
+    std::set<std::string> names;
+    std::filesystem::path folder;
+    for (long frame = frames.first; frame <= frames.last; frame += frames.step) {
+      const std::filesystem::path path(clip->FramePath(int(frame)));
+      folder = path.parent_path();
+      names.insert(path.filename().string());
+    }
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
+      const std::string file = entry.path().filename().string();
+      const size_t mark = file.rfind(".tmp-");
+      if (file[0] != '.' || mark == std::string::npos || mark < 1 || !names.count(file.substr(1, mark - 1))) continue;
+      const long pid = std::strtol(file.c_str() + mark + 5, nullptr, 10);
+      if (pid > 0 && pid != ::getpid() && ::kill(pid_t(pid), 0) != 0 && errno == ESRCH)
+        std::filesystem::remove(entry.path(), ec);
+    }
+  }
 }
 
 // A rendered frame whose files are still being written: the writer's ticket after each saver
@@ -84,6 +116,7 @@ int RenderFlow(const RenderOptions& options) {
     return status::BadInput;
   }
 
+  RemoveStaleTemporaries(savers, frames);
   if (options.threads > 0) SetWorkerThreads(options.threads);
   if (options.proxy > 0) PGeneral.proxy = options.proxy;
   uint32_t flags = 0;
@@ -100,6 +133,11 @@ int RenderFlow(const RenderOptions& options) {
     op->OnStartRender(&message);
   }
   FrameResult result;
+  // With --keep-going a failed frame is told at once and the render goes on; the frames that
+  // failed are named at the end. Each frame's files are then waited for before the next frame
+  // renders, so that a failed write is told with its own frame.
+  std::vector<long> failed;
+  bool all_temporary = true;
   {
     SignalWatch signals(doc);
     Progress progress(frames.Count());
@@ -108,8 +146,16 @@ int RenderFlow(const RenderOptions& options) {
       if (!writing) return true;
       result = FinishWrites(writer, *writing);
       if (result.status == status::Done) progress.FrameDone(writing->frame, false);
+      const long frame = writing->frame;
       writing.reset();
-      return result.status == status::Done;
+      if (result.status == status::Done || !options.keep_going) return result.status == status::Done;
+      progress.Interrupt();
+      std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());
+      failed.push_back(frame);
+      all_temporary = all_temporary && result.status == status::TryLater;
+      writer.ClearFailure();
+      result = {};
+      return true;
     };
     for (long frame = frames.first; frame <= frames.last; frame += frames.step) {
       if (signals.Signal() != 0) {
@@ -125,11 +171,28 @@ int RenderFlow(const RenderOptions& options) {
       const FrameResult rendered = RenderFrame(doc, savers, flags, options.fields, writer, writes);
       if (!finish_writing()) break;
       result = rendered;
-      if (result.status != status::Done) break;
+      if (result.status != status::Done && (!options.keep_going || result.status >= status::SignalBase)) break;
+      if (result.status != status::Done) {
+        progress.Interrupt();
+        std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());
+        failed.push_back(frame);
+        all_temporary = all_temporary && result.status == status::TryLater;
+        writer.Wait(writer.Queued());
+        writer.ClearFailure();
+        result = {};
+        continue;
+      }
       writing = std::move(writes);
+      if (options.keep_going && !finish_writing()) break;
     }
     if (result.status == status::Done) finish_writing();
     if (result.status != status::Done) progress.Interrupt();
+  }
+  if (result.status == status::Done && !failed.empty()) {
+    std::string list;
+    for (long frame : failed) list += (list.empty() ? "" : ", ") + std::to_string(frame);
+    result = {all_temporary ? status::TryLater : status::FrameFailed,
+              std::to_string(failed.size()) + " of " + std::to_string(frames.Count()) + " frames failed: " + list};
   }
   for (Operator* op : tools) op->OnEndRender();
   if (result.status != status::Done) std::fprintf(stderr, "kestrion: %s\n", result.message.c_str());

@@ -15,6 +15,7 @@ struct RenderOptions {
   bool quick = false;
   bool fields = false;
   bool resume = false;
+  bool keep_going = false;  // render every frame it can, naming those that failed at the end
 };
 
 int RenderFlow(const RenderOptions& options);

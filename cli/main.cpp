@@ -34,6 +34,8 @@ int main(int argc, char** argv) {
   render->add_flag("--quick", render_options.quick, "Quick (draft) quality");
   render->add_flag("--fields", render_options.fields, "Render each frame as two fields, at n and n + 0.5");
   render->add_flag("--resume", render_options.resume, "Skip frames whose output files already exist");
+  render->add_flag("--keep-going", render_options.keep_going,
+                   "Render every frame that can be rendered; exit 1 at the end naming the frames that failed");
 
   kestrion::cli::ValuesOptions values_options;
   auto* values = app.add_subcommand("values", "Print the values of tools' outputs at each frame, one JSON line a frame");

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing Kestrion needs. Safe to run again.
-# With --bench it adds OpenCV, which only the comparison benchmark uses.
+# With --bench it adds OpenCV, which only the comparison benchmark uses; with --fuzz, clang and
+# its runtimes (libFuzzer and the sanitizers), which the fuzz targets are built with.
 set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libtbb-dev nlohmann-json3-dev libcli11-dev libopenimageio-dev libcairo2-dev
+  libtbb-dev nlohmann-json3-dev libcli11-dev libopenimageio-dev libcairo2-dev libpng-dev
   libgtest-dev libbenchmark-dev zlib1g-dev
 )
 [ "${1:-}" = "--bench" ] && packages+=(libopencv-dev)
+[ "${1:-}" = "--fuzz" ] && packages+=(clang-14 libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}"; do

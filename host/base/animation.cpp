@@ -86,6 +86,8 @@ Spline Spline::Load(CArchive& ar) {
     if (flagged) k.flags = ar.ReadWord();
     if (!std::isfinite(k.time) || (!s.keys_.empty() && !(k.time > s.keys_.back().time)))
       throw ArchiveError("the document is corrupt: animation keys are out of order");
+    if (!std::isfinite(k.value[0]) || !std::isfinite(k.value[1]))
+      throw ArchiveError("the document is corrupt: an animation key's value is not finite");
     s.keys_.push_back(k);
   }
   return s;

@@ -23,27 +23,29 @@ CArchive CArchive::FromFile(const std::string& path) {
 
 void CArchive::WriteFile(const std::string& path) const {
   const std::string temp = path + ".tmp-" + std::to_string(getpid());
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) throw ArchiveError("cannot write '" + path + "': " + std::strerror(errno));
-  size_t done = 0;
-  bool ok = true;
-  while (done < bytes_.size()) {
-    const ssize_t n = ::write(fd, bytes_.data() + done, bytes_.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = false;
-      break;
-    }
-    done += size_t(n);
-  }
-  const int saved_errno = errno;
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  if (!ok || std::rename(temp.c_str(), path.c_str()) != 0) {
-    const int err = ok ? errno : saved_errno;
+  int err = WriteSyncedFile(temp, bytes_.data(), bytes_.size());
+  if (err == 0 && std::rename(temp.c_str(), path.c_str()) != 0) {
+    err = errno;
     ::unlink(temp.c_str());
-    throw ArchiveError("cannot write '" + path + "': " + std::strerror(err));
   }
+  if (err != 0) throw ArchiveError("cannot write '" + path + "': " + std::strerror(err));
+}
+
+int WriteSyncedFile(const std::string& path, const uint8_t* data, size_t size) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return errno;
+  int err = 0;
+  for (size_t done = 0; done < size && err == 0;) {
+    const ssize_t n = ::write(fd, data + done, size - done);
+    if (n > 0)
+      done += size_t(n);
+    else if (n == 0 || errno != EINTR)
+      err = n == 0 ? EIO : errno;
+  }
+  if (err == 0 && ::fsync(fd) != 0) err = errno;
+  if (::close(fd) != 0 && err == 0) err = errno;
+  if (err != 0) ::unlink(path.c_str());
+  return err;
 }
 
 void CArchive::WriteWord(uint32_t w) {
@@ -118,6 +120,44 @@ std::string CArchive::ReadString() {
   std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
   pos_ += n;
   return s;
+}
+
+std::string CArchive::ReadText() {
+  const size_t at = pos_;
+  std::string s = ReadString();
+  if (!IsUtf8(s))
+    throw ArchiveError("the document is corrupt: the text at byte " + std::to_string(at) + " is not UTF-8");
+  return s;
+}
+
+bool IsUtf8(std::string_view s) {
+  for (size_t i = 0; i < s.size();) {
+    const uint8_t lead = uint8_t(s[i]);
+    size_t more = 0;
+    uint32_t code = lead;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      more = 1;
+      code = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      more = 2;
+      code = lead & 0x0F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      more = 3;
+      code = lead & 0x07;
+    } else if (lead >= 0x80) {
+      return false;
+    }
+    if (s.size() - i <= more) return false;
+    for (size_t k = 1; k <= more; ++k) {
+      const uint8_t next = uint8_t(s[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = code << 6 | (next & 0x3F);
+    }
+    const bool overlong = (more == 2 && code < 0x800) || (more == 3 && code < 0x10000);
+    if (overlong || (code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) return false;
+    i += more + 1;
+  }
+  return true;
 }
 
 }  // namespace kestrion

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrion {
@@ -46,6 +47,9 @@ class CArchive {
   void ReadBytes(void* data, size_t n);
   // Strings longer than the rest of the archive are rejected as corrupt.
   std::string ReadString();
+  // A string that holds text (a name, a file name): one that is not UTF-8 is rejected too, as
+  // a text flow could not hold it.
+  std::string ReadText();
 
   size_t Position() const { return pos_; }
   size_t Remaining() const { return bytes_.size() - pos_; }
@@ -59,5 +63,13 @@ class CArchive {
   std::vector<uint8_t> bytes_;
   size_t pos_ = 0;
 };
+
+// Writes bytes to a file (replacing one of that name) and fsyncs it: 0, or the errno of the
+// first call that failed, the file then removed.
+int WriteSyncedFile(const std::string& path, const uint8_t* data, size_t size);
+
+// Whether the bytes are well-formed UTF-8: no overlong forms, surrogates or code points past
+// U+10FFFF (what a text flow can hold).
+bool IsUtf8(std::string_view s);
 
 }  // namespace kestrion

@@ -13,6 +13,8 @@ constexpr size_t kMaxFailures = 64;
 
 void NoteFailure(std::string message, bool temporary) {
   std::lock_guard<std::mutex> hold(g_lock);
+  for (const Failure& f : g_failures)
+    if (f.message == message && f.temporary == temporary) return;
   if (g_failures.size() < kMaxFailures) g_failures.push_back({std::move(message), temporary});
 }
 

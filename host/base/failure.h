@@ -12,6 +12,8 @@ struct Failure {
   bool temporary = false;  // the same command may succeed later (a full disk, a busy file)
 };
 
+// Notes a failure; one already noted since the last TakeFailures (a read that was retried) is
+// noted once.
 void NoteFailure(std::string message, bool temporary);
 // The failures noted since the last call, oldest first.
 std::vector<Failure> TakeFailures();

@@ -3,18 +3,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/base/archive.h"
 #include "host/base/failure.h"
+#include "host/clip/png_read.h"
 #include "host/graph/request.h"
 
 namespace fs = std::filesystem;
@@ -90,8 +96,16 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     *temporary = false;
     return false;
   }
+  // The codec encodes into memory and the file is written here, so that every failed write (a
+  // full disk) is seen; a format that can only write files of its own writes the temporary file.
+  std::vector<unsigned char> encoded;
+  OIIO::Filesystem::IOVecOutput memory(encoded);
+  OIIO::Filesystem::IOProxy* proxy = &memory;
+  ImageSpec spec = layout;
+  const bool in_memory = out->supports("ioproxy");
+  if (in_memory) spec.attribute("oiio:ioproxy", TypeDesc::PTR, &proxy);
   errno = 0;
-  bool ok = out->open(temp, layout) && out->write_image(TypeDesc::UINT8, pixels.data()) && out->close();
+  bool ok = out->open(temp, spec) && out->write_image(TypeDesc::UINT8, pixels.data()) && out->close();
   const int saved_errno = errno;
   if (!ok) {
     std::string why = out->geterror();
@@ -114,7 +128,7 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     if (::close(fd) != 0 && err == 0) err = errno;
     return err;
   };
-  int err = sync(temp, O_RDONLY);
+  int err = in_memory ? WriteSyncedFile(temp, encoded.data(), encoded.size()) : sync(temp, O_RDONLY);
   if (err == 0 && std::rename(temp.c_str(), path.c_str()) != 0) err = errno;
   if (err != 0) {
     ::unlink(temp.c_str());
@@ -129,6 +143,184 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     return false;
   }
   return true;
+}
+
+// The sizes of the OpenEXR attribute types that OpenEXR reads a fixed number of bytes of,
+// whatever size the header gives.
+constexpr std::pair<std::string_view, size_t> kExrFixedSizes[] = {
+    {"box2i", 16}, {"box2f", 16}, {"compression", 1}, {"lineOrder", 1}, {"envmap", 1}, {"deepImageState", 1},
+    {"float", 4},  {"double", 8}, {"int", 4},         {"rational", 8},  {"v2i", 8},    {"v2f", 8},
+    {"v2d", 16},   {"v3i", 12},   {"v3f", 12},        {"v3d", 24},      {"m33f", 36},  {"m33d", 72},
+    {"m44f", 64},  {"m44d", 128}, {"tiledesc", 9},    {"timecode", 8},  {"keycode", 28}, {"chromaticities", 32},
+};
+
+// Whether an OpenEXR attribute's value holds exactly what OpenEXR will read of it: a fixed-size
+// type's bytes, a channel list's entries (names of at most `longest` bytes), a preview's pixels,
+// a string vector's strings.
+bool ExrValueFits(const std::string& type, const std::vector<uint8_t>& v, size_t longest) {
+  const auto word = [&v](size_t at) {
+    return int64_t(int32_t(uint32_t(v[at]) | uint32_t(v[at + 1]) << 8 | uint32_t(v[at + 2]) << 16 |
+                           uint32_t(v[at + 3]) << 24));
+  };
+  for (const auto& [name, bytes] : kExrFixedSizes)
+    if (type == name) return v.size() == bytes;
+  if (type == "chlist") {
+    size_t at = 0;
+    while (at < v.size() && v[at] != 0) {
+      const auto end = std::find(v.begin() + long(at), v.end(), 0);
+      if (end == v.end() || size_t(end - v.begin()) - at > longest) return false;
+      at = size_t(end - v.begin()) + 1 + 16;  // type, linear flag, three reserved bytes, sampling
+    }
+    return at + 1 == v.size();
+  }
+  if (type == "preview") {
+    if (v.size() < 8 || (v.size() - 8) % 4 != 0) return false;
+    return uint64_t(uint32_t(word(0))) * uint32_t(word(4)) == (v.size() - 8) / 4;
+  }
+  if (type == "stringvector") {
+    for (size_t at = 0; at < v.size();) {
+      if (v.size() - at < 4 || word(at) < 0 || word(at) > int64_t(v.size() - at - 4)) return false;
+      at += 4 + size_t(word(at));
+    }
+  }
+  return true;
+}
+
+// OpenEXR takes the sizes in a header on trust, and would set aside what a damaged one claims.
+// So an OpenEXR file's headers are walked first, as OpenEXR will read them: every attribute must
+// fit in the file and hold what its type holds, and every data window must be within the image
+// size limit. Returns why the file cannot be read, or nothing (also for a file of another format).
+std::string CheckExrHeader(std::FILE* file) {
+  uint8_t start[8];
+  const bool exr = std::fread(start, 1, 8, file) == 8 && start[0] == 0x76 && start[1] == 0x2F &&
+                   start[2] == 0x31 && start[3] == 0x01;
+  std::fseek(file, 0, SEEK_END);
+  const long size = std::ftell(file);
+  std::fseek(file, 8, SEEK_SET);
+  std::string problem;
+  // Names and type names end with a NUL within 31 bytes (255 with the long-names flag); OpenEXR
+  // would read a longer one as two, so a header that holds one is refused here.
+  const size_t longest = start[5] & 0x04 ? 255 : 31;
+  const auto read_name = [&](std::string& name) {
+    for (int c; (c = std::fgetc(file)) != 0;) {
+      if (c == EOF || name.size() >= longest) return false;
+      name += char(c);
+    }
+    return true;
+  };
+  const bool multipart = start[5] & 0x10;
+  while (exr && problem.empty()) {
+    for (;;) {
+      std::string name, type;
+      if (!read_name(name)) problem = "its header is cut off or damaged";
+      if (!problem.empty() || name.empty()) break;
+      uint8_t word[4];
+      if (!read_name(type) || std::fread(word, 1, 4, file) != 4) problem = "its header is cut off or damaged";
+      const int64_t bytes =
+          int32_t(uint32_t(word[0]) | uint32_t(word[1]) << 8 | uint32_t(word[2]) << 16 | uint32_t(word[3]) << 24);
+      if (problem.empty() && (bytes < 0 || bytes > size - std::ftell(file)))
+        problem = "its header is damaged: the attribute \"" + name + "\" claims " + std::to_string(bytes) +
+                  " bytes, more than the file holds";
+      if (!problem.empty()) break;
+      std::vector<uint8_t> value(static_cast<size_t>(bytes));
+      if (std::fread(value.data(), 1, value.size(), file) != value.size() || !ExrValueFits(type, value, longest)) {
+        problem = "its header is damaged: the attribute \"" + name + "\" does not hold a " + type;
+        break;
+      }
+      if (name == "dataWindow" && type == "box2i") {
+        int32_t box[4];
+        std::memcpy(box, value.data(), sizeof box);
+        const int64_t width = int64_t(box[2]) - box[0] + 1, height = int64_t(box[3]) - box[1] + 1;
+        if (width <= 0 || height <= 0 || uint64_t(width) * uint64_t(height) * 4 > Image::SizeLimit()) {
+          problem = "its size " + std::to_string(width) + " x " + std::to_string(height) +
+                    " is not possible within the image size limit of " + std::to_string(Image::SizeLimit()) + " bytes";
+          break;
+        }
+      }
+    }
+    // A multi-part file's headers end with an empty one.
+    if (!multipart || !problem.empty()) break;
+    const int next = std::fgetc(file);
+    if (next == 0 || next == EOF) break;
+    std::ungetc(next, file);
+  }
+  std::rewind(file);
+  return problem;
+}
+
+// The first line of a codec library's error text (the rest repeats it in other words).
+std::string FirstLine(const std::string& text) {
+  const std::string line = text.substr(0, text.find('\n'));
+  return line.empty() ? std::string("it is damaged") : line;
+}
+
+// Reads a frame of any format but PNG through the codec library, a band of rows at a time,
+// straight into a new image (one reference, the caller's); the size is checked from the header
+// before any pixel memory is taken. Null with the reason in `why`.
+Image* ReadWithCodecLibrary(const std::string& path, std::string* why) {
+  ImageSpec config;
+  config.attribute("oiio:UnassociatedAlpha", 1);
+  ImageSpec layout;  // the file's size, channels and metadata
+  auto in = ImageInput::create(path);
+  if (!in || !in->open(path, layout, config)) {
+    *why = FirstLine(in ? in->geterror() : OIIO::geterror());
+    return nullptr;
+  }
+  if (layout.width <= 0 || layout.height <= 0 || layout.nchannels <= 0 || layout.depth != 1) {
+    *why = "its size " + std::to_string(layout.width) + " x " + std::to_string(layout.height) + " is not a frame";
+    return nullptr;
+  }
+  Image* img;
+  try {
+    img = new Image(layout.width, layout.height, 32);
+  } catch (const ImageSizeError& e) {
+    *why = e.what();
+    return nullptr;
+  }
+  // The file's own samples (every channel at its own depth) are read a band at a time; all of
+  // them may take at most four times the image size limit (four float channels).
+  if (layout.image_bytes(true) > 4 * uint64_t(Image::SizeLimit())) {
+    *why = "its samples take " + std::to_string(layout.image_bytes(true)) +
+           " bytes, more than the image size limit of " + std::to_string(Image::SizeLimit()) + " bytes allows";
+    img->Recycle();
+    return nullptr;
+  }
+  // The first four channels are read: colour from the first three, or grey from the first.
+  const int channels = std::min(layout.nchannels, 4);
+  const int alpha = layout.alpha_channel >= 0 && layout.alpha_channel < 4 ? layout.alpha_channel
+                    : channels == 2                                      ? 1
+                    : channels == 4                                      ? 3
+                                                                         : -1;
+  const bool grey = channels <= 2;
+  constexpr uint64_t kBandBytes = uint64_t(16) << 20;
+  const uint64_t row_bytes = std::max<uint64_t>(layout.scanline_bytes(true), 1);
+  const uint64_t rows_per_band = std::clamp<uint64_t>(kBandBytes / row_bytes, 1, 64);
+  const int band = layout.tile_width > 0 ? std::max(layout.tile_height, 1) : int(rows_per_band);
+  std::vector<uint8_t> rows(size_t(layout.width) * size_t(std::min(band, layout.height)) * size_t(channels));
+  for (int top = 0; top < layout.height; top += band) {
+    const int bottom = std::min(top + band, layout.height);
+    const bool read = layout.tile_width > 0
+                          ? in->read_tiles(0, 0, layout.x, layout.x + layout.width, layout.y + top, layout.y + bottom,
+                                           layout.z, layout.z + 1, 0, channels, TypeDesc::UINT8, rows.data())
+                          : in->read_scanlines(0, 0, layout.y + top, layout.y + bottom, layout.z, 0, channels,
+                                               TypeDesc::UINT8, rows.data());
+    if (!read) {
+      *why = FirstLine(in->geterror());
+      img->Recycle();
+      return nullptr;
+    }
+    for (int y = top; y < bottom; ++y) {
+      const uint8_t* src = rows.data() + size_t(y - top) * size_t(layout.width) * size_t(channels);
+      uint32_t* row = img->Row(y);
+      for (int x = 0; x < layout.width; ++x, src += channels) {
+        const uint8_t r = src[0], g = grey ? src[0] : src[1], b = grey ? src[0] : src[2];
+        const uint8_t a = alpha >= 0 ? src[alpha] : 255;
+        row[x] = uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
+      }
+    }
+  }
+  img->x_aspect = layout.get_float_attribute("PixelAspectRatio", 1.0f);
+  return img;
 }
 
 }  // namespace
@@ -147,8 +339,8 @@ void ClipParameter::Save(CArchive& ar) const {
 }
 
 Parameter* ClipParameter::Load(CArchive& ar) {
-  std::string name = ar.ReadString();
-  std::string base = ar.ReadString();
+  std::string name = ar.ReadText();
+  std::string base = ar.ReadText();
   if (t_loading_folder) base = *t_loading_folder;
   return new ClipParameter(std::move(name), std::move(base));
 }
@@ -173,7 +365,7 @@ void ClipParameter::Parse() {
   if (percent != std::string::npos) {
     size_t i = percent + 1;
     int width = 0;
-    while (i < path.size() && path[i] >= '0' && path[i] <= '9') width = width * 10 + (path[i++] - '0');
+    for (; i < path.size() && path[i] >= '0' && path[i] <= '9'; ++i) width = std::min(width * 10 + (path[i] - '0'), 99);
     if (i < path.size() && path[i] == 'd' && width < 16) {
       prefix_ = path.substr(0, percent);
       suffix_ = path.substr(i + 1);
@@ -259,50 +451,22 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
     if (abort && abort->load()) return nullptr;
   }
   const std::string path = FramePath(IsSequence() ? first_ + frame : 0);
-  ImageSpec config;
-  config.attribute("oiio:UnassociatedAlpha", 1);
-  ImageSpec layout;  // the file's size, channels and metadata
-  auto in = ImageInput::create(path);
-  if (!in || !in->open(path, layout, config)) {
-    std::error_code ec;
-    const bool exists = fs::exists(path, ec);
-    const std::string why = !exists ? std::string("no such file") : in ? in->geterror() : OIIO::geterror();
+  std::string why;
+  Image* img = nullptr;
+  if (std::FILE* file = std::fopen(path.c_str(), "rb")) {
+    if (IsPngFile(file))
+      img = ReadPng(file, &why);
+    else if ((why = CheckExrHeader(file)).empty())
+      img = ReadWithCodecLibrary(path, &why);
+    std::fclose(file);
+  } else {
+    why = errno == ENOENT ? std::string("no such file") : std::strerror(errno);
+  }
+  if (!img) {
     NoteFailure("cannot read '" + path + "': " + why, false);
     return nullptr;
   }
-  const int64_t pixels = int64_t(layout.width) * int64_t(layout.height);
-  if (layout.width <= 0 || layout.height <= 0 || layout.nchannels <= 0 || uint64_t(pixels) * 4 > Image::SizeLimit()) {
-    NoteFailure("cannot read '" + path + "': its size " + std::to_string(layout.width) + " x " +
-                    std::to_string(layout.height) + " is not possible",
-                false);
-    return nullptr;
-  }
-  const int channels = layout.nchannels;
-  std::vector<uint8_t> data(size_t(pixels) * size_t(channels));
-  if (!in->read_image(0, 0, 0, channels, TypeDesc::UINT8, data.data())) {
-    NoteFailure("cannot read '" + path + "': " + in->geterror(), false);
-    return nullptr;
-  }
-  Image* img;
-  try {
-    img = NewImage(req, layout.width, layout.height, 32, nullptr);
-  } catch (const ImageSizeError& e) {
-    NoteFailure("cannot read '" + path + "': " + e.what(), false);
-    return nullptr;
-  }
-  const int alpha = layout.alpha_channel >= 0 ? layout.alpha_channel : (channels == 2 ? 1 : channels >= 4 ? 3 : -1);
-  const bool grey = channels <= 2;
-  for (int y = 0; y < layout.height; ++y) {
-    const uint8_t* src = data.data() + size_t(y) * size_t(layout.width) * size_t(channels);
-    uint32_t* row = img->Row(y);
-    for (int x = 0; x < layout.width; ++x, src += channels) {
-      const uint8_t r = src[0], g = grey ? src[0] : src[1], b = grey ? src[0] : src[2];
-      const uint8_t a = alpha >= 0 ? src[alpha] : 255;
-      row[x] = uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
-    }
-  }
-  img->x_aspect = layout.get_float_attribute("PixelAspectRatio", 1.0f);
-  img->y_aspect = 1.0f;
+  if (req) req->Own(img);
   return img;
 }
 
@@ -408,6 +572,12 @@ std::optional<Failure> FrameWriter::Wait(uint64_t ticket) {
   return std::nullopt;
 }
 
+void FrameWriter::ClearFailure() {
+  std::lock_guard<std::mutex> hold(lock_);
+  failure_.reset();
+  failed_ticket_ = 0;
+}
+
 void FrameWriter::Run() {
   std::unique_lock<std::mutex> hold(lock_);
   for (;;) {
@@ -440,6 +610,13 @@ ClipFolderScope::~ClipFolderScope() {
 void ClipParameter::SetCompression(const std::string& extension, int level) {
   std::lock_guard<std::mutex> hold(g_compression_lock);
   CompressionTable()[FormatKey(extension)] = level;
+}
+
+bool ClipParameter::IsFormatKey(const std::string& extension) {
+  const std::string name = !extension.empty() && extension[0] == '.' ? extension.substr(1) : extension;
+  return !name.empty() && name.size() <= 15 && std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+  });
 }
 
 void ClipParameter::SetCompression(std::map<std::string, int> table) {

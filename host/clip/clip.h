@@ -57,6 +57,9 @@ class FrameWriter {
   uint64_t Queued() const;
   // Waits until every write up to a ticket is done or dropped; the failure among them, if any.
   std::optional<Failure> Wait(uint64_t ticket);
+  // Forgets a failure once it has been told, so that the writes queued after it go ahead (a
+  // render that goes on past a failed frame).
+  void ClearFailure();
 
  private:
   void Run();
@@ -110,6 +113,9 @@ class ClipParameter final : public Parameter {
   // Codec settings of writes, by format ("png": zlib level, "jpg": quality); an extension may
   // be given in any case, with its dot, and in its long or short spelling ("tif", "tiff").
   static void SetCompression(const std::string& extension, int level);
+  // Whether a text can name a format there: "png", "EXR" or ".tif" (letters and digits, 15 at
+  // most, after an optional dot).
+  static bool IsFormatKey(const std::string& extension);
   static std::map<std::string, int> Compression();
   // Puts back a whole table that Compression() gave.
   static void SetCompression(std::map<std::string, int> table);

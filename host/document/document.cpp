@@ -532,14 +532,15 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
     for (uint32_t i = 0; i < codecs; ++i) {
       std::string extension = ar.ReadString();
       const int level = ar.ReadInt();
-      if (extension.empty() || extension.size() > 16 || level < 0 || level > 100)
+      if (!ClipParameter::IsFormatKey(extension) || level < 0 || level > 100)
         return fail("the document is corrupt: a codec setting is out of range");
       compression.emplace_back(std::move(extension), level);
     }
     const auto sane_size = [](int v) { return v > 0 && v <= 1 << 20; };
     const auto sane_aspect = [](double a) { return std::isfinite(a) && a > 0.0; };
     if (!std::isfinite(doc->current_time) || !std::isfinite(doc->render_range.start) ||
-        !std::isfinite(doc->render_range.end) || general.proxy < 1 || general.proxy > 1024 ||
+        !std::isfinite(doc->render_range.end) || doc->render_range.start > doc->render_range.end ||
+        general.proxy < 1 || general.proxy > 1024 ||
         !sane_size(video.width) || !sane_size(video.height) || !sane_aspect(video.aspect_x) ||
         !sane_aspect(video.aspect_y) || !sane_size(preview.width) || !sane_size(preview.height))
       return fail("the document is corrupt: its settings are out of range");
@@ -595,7 +596,9 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
         return fail("the document is corrupt: input '" + in->Name() + "' of tool '" + op->Name() +
                     "' takes its value from output " + FourCCText(pending.output_id) + " of '" + pending.tool +
                     "', which it does not have");
-      if (!TypesConnect(out->Type(), in->Type()) || doc->IsUpstream(op.get(), source))
+      const bool modifier_class = source->Class() && source->Class()->ClassType() == classtype::Modifier;
+      if (!TypesConnect(out->Type(), in->Type()) || doc->IsUpstream(op.get(), source) ||
+          (pending.modifier && !modifier_class))
         return fail("the document is corrupt: the connection of '" + op->Name() + "." + in->Name() + "' to '" +
                     pending.tool + "' is not possible");
       if (pending.modifier)

@@ -21,7 +21,7 @@ struct HostError {
   std::string message;
 };
 
-class CPipelineDoc : public ToolOwner {
+class CPipelineDoc final : public ToolOwner {
  public:
   CPipelineDoc();
   ~CPipelineDoc();

@@ -340,7 +340,10 @@ class TextFlowReader {
         if (value.contains("fit")) PPreview.fit_to_box = Number(value["fit"], "\"preferences\".\"preview\".\"fit\"") != 0;
       } else if (key == "compression") {
         if (!value.is_object()) throw FlowError{"\"preferences\".\"compression\" must map extensions to levels"};
+        if (value.size() > 64) throw FlowError{"\"preferences\".\"compression\" names more than 64 formats"};
         for (const auto& [ext, level] : value.items()) {
+          if (!ClipParameter::IsFormatKey(ext))
+            throw FlowError{"\"preferences\".\"compression\"." + Quoted(ext) + " is not a file extension such as \"png\""};
           const double l = Number(level, "\"preferences\".\"compression\"." + Quoted(ext));
           if (l < 0 || l > 100 || l != std::floor(l))
             throw FlowError{"\"preferences\".\"compression\"." + Quoted(ext) + " must be a whole number from 0 to 100"};
@@ -375,6 +378,7 @@ class TextFlowReader {
     const std::string class_name = entry["class"].get<std::string>();
     Registry* reg = ClassRegistry->FindByName(class_name);
     if (!reg) throw FlowError{where + ": unknown class " + Quoted(class_name) + " (valid: " + ValidClasses() + ")"};
+    if (name.empty()) throw FlowError{"a tool has an empty name"};
     if (doc_.FindTool(name)) throw FlowError{where + ": the name is used twice"};
 
     std::pair<int, int> position{0, 0};
@@ -555,7 +559,7 @@ class TextFlowReader {
         if (!v.is_number() && !v.is_boolean()) throw FlowError{where + " takes a number" + ListHint(in)};
         return new kestrion::Number(Number(v, where));
       case vtype::Point:
-        if (!v.is_array() || v.size() != 2 || !v[0].is_number() || !v[1].is_number())
+        if (!v.is_array() || v.size() != 2 || !FitsFloat(v[0]) || !FitsFloat(v[1]))
           throw FlowError{where + " takes a point [x, y]"};
         return new Point(v[0].get<float>(), v[1].get<float>());
       case vtype::Text:
@@ -583,6 +587,9 @@ class TextFlowReader {
         throw FlowError{where + " has the value type " + Quoted(FourCCText(in->Type())) + ", which a text flow cannot set"};
     }
   }
+
+  // A point's coordinates are floats.
+  static bool FitsFloat(const Json& v) { return v.is_number() && std::fabs(v.get<double>()) <= FLT_MAX; }
 
   static std::string ListHint(const Input* in) {
     const auto entries = in->Tags().GetStrings(in::ListEntry);

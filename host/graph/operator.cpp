@@ -1,6 +1,7 @@
 #include "host/graph/operator.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -73,8 +74,20 @@ void Input::SetAttrs(std::initializer_list<Tag> tags) {
   for (const Tag& t : tags) tags_.Set(t);
 }
 
-double Input::Lowest() const { return tags_.GetDouble(in::Lowest, -HUGE_VAL); }
-double Input::Highest() const { return tags_.GetDouble(in::Highest, HUGE_VAL); }
+// Unless the tool gives other limits, a check box is 0 or 1, and a drop-down list's value (the
+// index of an entry, or an unknown one that the tool ignores) stays within a 32-bit whole number,
+// which tools turn it into; other inputs go as far as their limits say.
+namespace {
+double ChoiceLimit(const TagList& tags, double checkbox, double list, double other) {
+  const uint32_t control = tags.GetInt(in::Control);
+  if (control == control::CheckBox) return checkbox;
+  if (control == control::DropDown && !tags.GetStrings(in::ListEntry).empty()) return list;
+  return other;
+}
+}  // namespace
+
+double Input::Lowest() const { return tags_.GetDouble(in::Lowest, ChoiceLimit(tags_, 0.0, INT32_MIN, -HUGE_VAL)); }
+double Input::Highest() const { return tags_.GetDouble(in::Highest, ChoiceLimit(tags_, 1.0, INT32_MAX, HUGE_VAL)); }
 
 Parameter* Input::ValueAt(double time) const {
   if (state_.animation && !state_.animation->Empty()) {
@@ -182,7 +195,7 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
   if (tags) SetAttrsTagList(*tags);
   if (!ar) return;
   op_flags |= opflag::Restored;
-  name_ = ar->ReadString();
+  name_ = ar->ReadText();
   flow_x_ = ar->ReadInt();
   flow_y_ = ar->ReadInt();
   const uint32_t count = ar->ReadWord();
@@ -197,12 +210,19 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
       throw ArchiveError("the document is corrupt: input " + FourCCText(id) + " of tool '" + name_ +
                          "' has unknown saved parts");
     if (parts & kSavedConstant) saved->constant = Ref<Parameter>::Adopt(LoadParameter(saved->type, *ar));
-    if (parts & kSavedAnimation) saved->animation = std::make_unique<Spline>(Spline::Load(*ar));
+    if (parts & kSavedAnimation) {
+      saved->animation = std::make_unique<Spline>(Spline::Load(*ar));
+      // A point's keys hold floats.
+      for (const KeyPoint& k : saved->animation->Keys())
+        if (saved->type == vtype::Point && std::max(std::fabs(k.value[0]), std::fabs(k.value[1])) > FLT_MAX)
+          throw ArchiveError("the document is corrupt: input " + FourCCText(id) + " of tool '" + name_ +
+                             "' has a key past the range of a point");
+    }
     for (uint32_t part : {kSavedLink, kSavedModifier}) {
       if (!(parts & part)) continue;
       PendingConnection pending;
       pending.input_id = id;
-      pending.tool = ar->ReadString();
+      pending.tool = ar->ReadText();
       pending.output_id = ar->ReadWord();
       pending.modifier = part == kSavedModifier;
       pending_connections_.push_back(std::move(pending));
@@ -357,6 +377,9 @@ void Operator::ApplySavedValue(Input* in) {
   auto it = saved_inputs_.find(in->Id());
   if (it == saved_inputs_.end()) return;
   SavedInput& saved = *it->second;
+  // A saved number is held to the input's limits, as a number set by hand is.
+  if (auto* n = dynamic_cast<Number*>(saved.constant.get()); n && in->Type() == vtype::Number)
+    n->value = std::clamp(n->value, in->Lowest(), in->Highest());
   if (saved.constant && saved.constant->Type() == in->Type()) in->state_.constant = std::move(saved.constant);
   if (saved.animation && (in->Type() == vtype::Number || in->Type() == vtype::Point))
     in->state_.animation = std::move(saved.animation);

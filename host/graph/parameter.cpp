@@ -1,5 +1,6 @@
 #include "host/graph/parameter.h"
 
+#include <cmath>
 #include <map>
 #include <mutex>
 #include <string>
@@ -55,15 +56,19 @@ void RegisterParameterType(uint32_t type, ParameterLoader loader) {
 
 Parameter* LoadParameter(uint32_t type, CArchive& ar) {
   switch (type) {
-    case vtype::Number:
-      return new Number(ar.ReadDouble());
+    case vtype::Number: {
+      const double v = ar.ReadDouble();
+      if (!std::isfinite(v)) throw ArchiveError("the document is corrupt: a saved number is not finite");
+      return new Number(v);
+    }
     case vtype::Point: {
       const float x = ar.ReadFloat();
       const float y = ar.ReadFloat();
+      if (!std::isfinite(x) || !std::isfinite(y)) throw ArchiveError("the document is corrupt: a saved point is not finite");
       return new Point(x, y);
     }
     case vtype::Text:
-      return new Text(ar.ReadString());
+      return new Text(ar.ReadText());
     case vtype::LookUpTable: {
       const uint32_t n = ar.ReadWord();
       if (n > ar.Remaining() / 4) throw ArchiveError("the document is corrupt: a table claims " + std::to_string(n) + " entries");

@@ -1,7 +1,13 @@
 // Clips on disk: the ways a clip is named, the frames a sequence has, frame file names, frames
 // written and read back unchanged, and writes queued on a frame writer.
+#include <OpenImageIO/imageio.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <zlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 
 #include <initializer_list>
 #include <optional>
@@ -228,6 +234,10 @@ TEST_F(ClipTest, QueuedWritesRunInOrderUntilOneFails) {
     EXPECT_TRUE(failure->temporary);
   }
   EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
+  // Once the failure is told and cleared, later writes go ahead.
+  writer.ClearFailure();
+  EXPECT_FALSE(writer.Wait(queue(6, false)));
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3, 6}));
 }
 
 // Compression levels are kept per format, whichever spelling of its extension names it.
@@ -241,6 +251,134 @@ TEST_F(ClipTest, CompressionKeysNameTheFormat) {
   EXPECT_EQ(table.at("jpg"), 90);
   EXPECT_EQ(table.at("png"), 6);
   EXPECT_EQ(table.count("tif") + table.count("jpeg"), 0u);
+}
+
+// A frame's file as written here, with `patch` applied to its bytes.
+std::string WrittenFrame(const std::string& path, int width, int height) {
+  ClipParameter clip(path);
+  EXPECT_EQ(clip.WriteFrame(0, Flat(width, height, Bgra(1, 2, 3, 4)).get(), nullptr), 1u) << clip.LastError();
+  return ReadBytes(path);
+}
+
+void PutWord(std::string& bytes, size_t at, uint32_t v, int size) {
+  for (int i = 0; i < size; ++i) bytes[at + size_t(i)] = char(v >> (8 * i));
+}
+
+// A little-endian TIFF with its width and height set in its first directory.
+std::string TiffOfSize(std::string tiff, uint32_t width, uint32_t height) {
+  const auto word = [&](size_t at, int size) {
+    uint32_t v = 0;
+    for (int i = size - 1; i >= 0; --i) v = v << 8 | uint8_t(tiff[at + size_t(i)]);
+    return v;
+  };
+  const size_t ifd = word(4, 4);
+  for (uint32_t i = 0, n = word(ifd, 2); i < n; ++i) {
+    const size_t entry = ifd + 2 + 12 * i;
+    const uint32_t tag = word(entry, 2), type = word(entry + 2, 2);
+    if (tag == 256 || tag == 257) PutWord(tiff, entry + 8, tag == 256 ? width : height, type == 3 ? 2 : 4);
+  }
+  return tiff;
+}
+
+// An OpenEXR file with the four numbers of a box attribute, or the size of an attribute, set.
+std::string ExrWith(std::string exr, const std::string& attribute, std::vector<int32_t> values) {
+  const size_t at = exr.find(attribute + '\0');
+  const size_t size_at = exr.find('\0', at + attribute.size() + 1) + 1;
+  if (values.size() == 1) PutWord(exr, size_at, uint32_t(values[0]), 4);
+  for (size_t i = 0; values.size() == 4 && i < 4; ++i) PutWord(exr, size_at + 4 + 4 * i, uint32_t(values[i]), 4);
+  return exr;
+}
+
+// A PNG whose header claims a size and whose data holds one pixel.
+std::string PngHeaderOnly(uint32_t width, uint32_t height) {
+  const std::string one_pixel = Png(1, 8, 6, std::string(4, '\0'), "");
+  const size_t data = one_pixel.find("IDAT") - 4;
+  return "\x89PNG\r\n\x1a\n" +
+         Chunk("IHDR", BigEndian(width, 4) + BigEndian(height, 4) + "\x08\x06" + std::string(3, '\0')) +
+         one_pixel.substr(data);
+}
+
+struct DamagedFrame {
+  const char* name;
+  std::string bytes;
+  const char* told;  // what the one message says
+};
+
+std::vector<DamagedFrame> DamagedFrames(const test_tools::TempFolder& dir) {
+  const std::string png = WrittenFrame(dir / "small.png", 64, 64);
+  const std::string tiff = WrittenFrame(dir / "small.tif", 2, 2);
+  const std::string exr = WrittenFrame(dir / "small.exr", 2, 2);
+  return {
+      {"huge.png", PngHeaderOnly(100000, 100000), "100000 x 100000"},
+      {"huge.tif", TiffOfSize(tiff, 60000, 60000), "60000 x 60000"},
+      {"huge.exr", ExrWith(exr, "dataWindow", {0, 0, 99999, 99999}), "100000 x 100000"},
+      {"attribute.exr", ExrWith(exr, "compression", {0x7FFFFF00}), "claims 2147483392 bytes"},
+      // Found by fuzzing: OpenEXR reads a channel list past its size and then trusts what follows.
+      {"channels.exr", ExrWith(exr, "channels", {1}), "does not hold a chlist"},
+      {"cut.png", png.substr(0, png.size() / 2), "the file ends early"},
+      {"empty.png", "", "Not a PNG file"},
+  };
+}
+
+// A frame that is damaged, or claims a size past the image size limit, fails with one message
+// of one line naming the file, and the codec says nothing of its own on the terminal.
+TEST_F(ClipTest, DamagedAndOversizedFramesAreToldInOneMessage) {
+  for (const DamagedFrame& frame : DamagedFrames(dir_)) {
+    SCOPED_TRACE(frame.name);
+    WriteBytes(dir_ / frame.name, frame.bytes);
+    TakeFailures();
+    testing::internal::CaptureStderr();
+    ClipParameter clip(dir_ / frame.name);
+    EXPECT_EQ(clip.ReadFrame(0, nullptr, nullptr), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    const std::vector<Failure> failures = TakeFailures();
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_NE(failures[0].message.find(dir_ / frame.name), std::string::npos) << failures[0].message;
+    EXPECT_NE(failures[0].message.find(frame.told), std::string::npos) << failures[0].message;
+    EXPECT_EQ(failures[0].message.find('\n'), std::string::npos) << failures[0].message;
+  }
+}
+
+// Reading those frames never takes more memory than the image size limit and a small margin:
+// in a child process whose address space allows no more than that, each is still refused with
+// its own message (a larger allocation would fail there and change the outcome). A header
+// that claims a frame just within the limit gets its frame and then fails on the missing data.
+TEST_F(ClipTest, OversizedHeadersTakeNoMoreThanTheSizeLimit) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer's shadow memory leaves no address-space limit to test against";
+#else
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  constexpr size_t kLimit = size_t(64) << 20, kMargin = size_t(32) << 20;
+  std::vector<DamagedFrame> frames = DamagedFrames(dir_);
+  frames.push_back({"limit.png", PngHeaderOnly(4096, 4096), "Not enough image data"});
+  for (const DamagedFrame& frame : frames) WriteBytes(dir_ / frame.name, frame.bytes);
+  const auto read_all_within_the_limit = [&] {
+    OIIO::attribute("threads", 1);
+    OIIO::attribute("exr_threads", -1);
+    Image::SetSizeLimit(kLimit);
+    for (const char* warm_up : {"small.png", "small.tif", "small.exr"})
+      ClipParameter(dir_ / warm_up).ReadFrame(0, nullptr, nullptr)->Recycle();
+    size_t in_use = 0;
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+      if (line.rfind("VmSize:", 0) == 0) in_use = std::stoul(line.substr(7)) * 1024;
+    const rlimit most{in_use + kLimit + kMargin, in_use + kLimit + kMargin};
+    if (in_use == 0 || setrlimit(RLIMIT_AS, &most) != 0) std::_Exit(3);
+    int wrong = 0;
+    for (const DamagedFrame& frame : frames) {
+      TakeFailures();
+      const bool refused = ClipParameter(dir_ / frame.name).ReadFrame(0, nullptr, nullptr) == nullptr;
+      const std::vector<Failure> failures = TakeFailures();
+      if (!refused || failures.empty() || failures[0].message.find(frame.told) == std::string::npos) {
+        std::fprintf(stderr, "%s: %s\n", frame.name, failures.empty() ? "read" : failures[0].message.c_str());
+        ++wrong;
+      }
+    }
+    std::fflush(stderr);
+    std::_Exit(wrong == 0 ? 0 : 1);
+  };
+  EXPECT_EXIT(read_all_within_the_limit(), testing::ExitedWithCode(0), "");
+#endif
 }
 
 }  // namespace

@@ -257,6 +257,12 @@ TEST_F(FlowFileTest, AWrongFlowIsRefusedWithOneMessage) {
       {"reversed range", R"({"kestrion": 1, "range": [8, 1]})", {R"("range" must be [first, last])"}},
       {"proxy out of range", R"({"kestrion": 1, "preferences": {"proxy": 0}})",
        {R"("proxy" must be a whole number from 1 to 1024)"}},
+      // Found by fuzzing: each loaded before, and then failed on its way through a document.
+      {"empty tool name", flow(R"("": {"class": "Saver"})"), {"a tool has an empty name"}},
+      {"point past a float", flow(R"("Merge1": {"class": "Merge", "inputs": {"Center": [1e39, 0.5]}})"),
+       {R"(tool "Merge1", input "Center" takes a point [x, y])"}},
+      {"codec key that is no extension", R"({"kestrion": 1, "preferences": {"compression": {"p'g": 6}}})",
+       {R"("p'g" is not a file extension)"}},
   };
   const int proxy = PGeneral.proxy, width = PVidMode.width, png = ClipParameter::Compression()["png"];
   for (const auto& c : cases) {
