@@ -74,20 +74,20 @@ void Input::SetAttrs(std::initializer_list<Tag> tags) {
   for (const Tag& t : tags) tags_.Set(t);
 }
 
-// Unless the tool gives other limits, a check box is 0 or 1, and a drop-down list's value (the
-// index of an entry, or an unknown one that the tool ignores) stays within a 32-bit whole number,
-// which tools turn it into; other inputs go as far as their limits say.
+// Unless the tool gives other limits, a check box's or a drop-down list's value stays within a
+// 32-bit whole number, which tools turn it into (tools give meanings to switch values other than
+// 0 and 1, and ignore unknown entries); other inputs go as far as their limits say.
 namespace {
-double ChoiceLimit(const TagList& tags, double checkbox, double list, double other) {
+double ChoiceLimit(const TagList& tags, double choice, double other) {
   const uint32_t control = tags.GetInt(in::Control);
-  if (control == control::CheckBox) return checkbox;
-  if (control == control::DropDown && !tags.GetStrings(in::ListEntry).empty()) return list;
+  if (control == control::CheckBox) return choice;
+  if (control == control::DropDown && !tags.GetStrings(in::ListEntry).empty()) return choice;
   return other;
 }
 }  // namespace
 
-double Input::Lowest() const { return tags_.GetDouble(in::Lowest, ChoiceLimit(tags_, 0.0, INT32_MIN, -HUGE_VAL)); }
-double Input::Highest() const { return tags_.GetDouble(in::Highest, ChoiceLimit(tags_, 1.0, INT32_MAX, HUGE_VAL)); }
+double Input::Lowest() const { return tags_.GetDouble(in::Lowest, ChoiceLimit(tags_, INT32_MIN, -HUGE_VAL)); }
+double Input::Highest() const { return tags_.GetDouble(in::Highest, ChoiceLimit(tags_, INT32_MAX, HUGE_VAL)); }
 
 Parameter* Input::ValueAt(double time) const {
   if (state_.animation && !state_.animation->Empty()) {
