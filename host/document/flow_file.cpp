@@ -220,7 +220,8 @@ class TextFlowReader {
       position = ReadPosition(entry["position"], where + ": \"position\" must be [x, y] in whole numbers");
     Object* obj = nullptr;
     if (entry.contains("data")) {
-      // The tool's own fields follow a base record that holds nothing but the name and place.
+      // The tool's own fields follow a base record that holds nothing but the name and place
+      // (no inputs, no attributes).
       std::vector<uint8_t> fields;
       if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
         throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
@@ -228,6 +229,7 @@ class TextFlowReader {
       record.WriteString(name);
       record.WriteInt(position.first);
       record.WriteInt(position.second);
+      record.WriteWord(0);
       record.WriteWord(0);
       record.WriteBytes(fields.data(), fields.size());
       record.WriteWord(0);
@@ -587,12 +589,17 @@ class TextFlowWriter {
     return nullptr;
   }
 
-  // The bytes a tool's record holds between the base record and its end, as hexadecimal.
+  // The bytes a tool's record holds between the base record and its end, as hexadecimal. The
+  // base record ends with the attributes the tool kept: a count, then two words each.
   static std::string OwnFields(Operator* op) {
     CArchive whole, base;
     op->Save(&whole, nullptr);
     op->Operator::Save(&base, nullptr);
-    const size_t begin = 4 + base.Bytes().size(), end = whole.Bytes().size() - 8;
+    const size_t kept_at = base.Bytes().size();  // after the class id and the count word
+    if (whole.Bytes().size() < kept_at + 8) return {};
+    uint32_t kept = 0;
+    std::memcpy(&kept, whole.Bytes().data() + kept_at, 4);
+    const size_t begin = kept_at + 4 + 8 * size_t(kept), end = whole.Bytes().size() - 8;
     if (end <= begin) return {};
     return Hex(whole.Bytes().data() + begin, end - begin);
   }
