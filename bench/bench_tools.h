@@ -1,5 +1,6 @@
 // How the benchmarks drive a tool: one whole Process call on a request per run, as the
-// renderer makes it (the output frame is allocated and released every time), on 1920 x 1080
+// renderer makes it (the output frame is allocated and released every time; the numbers a case
+// does not set are the inputs' defaults), on 1920 x 1080
 // noise with the worker threads the argument gives; the cases that more than one benchmark
 // program measures; the frame copy that the tools are read against; and the main of a program
 // that needs the tool module.
@@ -52,6 +53,8 @@ inline void RunTool(benchmark::State& state, const ToolCase& c) {
   for (auto _ : state) {
     Request req(op, 1.0, 0);
     req.status = 0;
+    for (const auto& in : op->Inputs())
+      if (in->Type() == vtype::Number) req.SetInputData(in.get(), in->CurrentValue());
     for (const auto& [label, value] : c.numbers) req.SetInputData(op->FindInput(0, label.c_str()), new Number(value));
     Background()->Use();
     req.SetInputData(op->FindInput(0, "Image"), Background().get());
@@ -111,6 +114,10 @@ inline const ToolCase kBooleansAnd{"BoolImg", {{"Operation", 3}, {"Blend", 1.0}}
 inline const ToolCase kColorGain{"ColorGain", {{"Gain Red", 1.2}, {"Gamma Green", 1.4}, {"Saturation Blue", 0.8}}, false};
 inline const ToolCase kColorSpaceToHLS{"ColorSpace", {{"Color Space Conversion", 1}}, false};
 inline const ToolCase kColorSpaceToYUV{"ColorSpace", {{"Color Space Conversion", 3}}, false};
+// The matte tools at their defaults and with a matte blur of 10 (a box radius of 60 pixels here).
+inline const ToolCase kKeyerDefaults{"Keyer", {}, false};
+inline const ToolCase kKeyerBlur10{"Keyer", {{"Matte Blur", 10.0}}, false};
+inline const ToolCase kMatteControlBlur10{"MatteControl", {{"Matte Blur", 10.0}}, false};
 
 // Loads the tool module, then runs the benchmarks the command line selects.
 inline int RunWithToolModule(int argc, char** argv, benchmark::BenchmarkReporter* reporter = nullptr) {

@@ -44,7 +44,9 @@ struct KeyerRender {
   bool pre_stages = false, post_stages = false;  // whether this pass runs them on its rows
   int width = 0;
   long bands = 1;
-  KeyRanges ranges;
+  // The ranges as bounds on the pixel's differences from its luminance, R - Y, G - Y, B - Y,
+  // and on Y itself: each colour-difference byte grows with its difference.
+  KeyRanges differences;
   AlphaMap pre_map, post_map;  // pre-matte contrast; matte contrast then gamma
   bool pre_mapped = false, post_mapped = false;
   RowStage suppress = nullptr;  // the alpha scaled by min(R - X + 255, 255) >> 8
@@ -54,9 +56,36 @@ struct KeyerRender {
   AlphaBlur pre_blur, matte_blur;
 };
 
+// The differences d (-255 .. 255) whose colour-difference bytes 128 + q(d, k) lie in each
+// colour's range: one interval per colour, as q never falls (empty where none does).
+KeyRanges DifferenceBounds(const KeyRanges& ranges) {
+  constexpr int kScale[KeyLuminance] = {kRedDifferenceScale, kGreenDifferenceScale, kBlueDifferenceScale};
+  KeyRanges d;
+  for (int c = 0; c < KeyLuminance; ++c) {
+    d.low[c] = 256;
+    d.high[c] = -256;
+    for (int32_t v = 255; v >= -255; --v)
+      if (const int32_t byte = 128 + ScaledDifference(v, kScale[c]); byte >= ranges.low[c] && byte <= ranges.high[c])
+        d.low[c] = v;
+    for (int32_t v = -255; v <= 255; ++v)
+      if (const int32_t byte = 128 + ScaledDifference(v, kScale[c]); byte >= ranges.low[c] && byte <= ranges.high[c])
+        d.high[c] = v;
+  }
+  d.low[KeyLuminance] = ranges.low[KeyLuminance];
+  d.high[KeyLuminance] = ranges.high[KeyLuminance];
+  return d;
+}
+
 // 0 inside every range, else 255.
-void KeyRow(const KeyRanges& ranges, const uint32_t* in, uint8_t* __restrict alpha, int count) {
-  for (int x = 0; x < count; ++x) alpha[x] = InRanges(ranges, DifferenceBytesOf(in[x])) ? 0 : 255;
+void KeyRow(const KeyRanges& d, const uint32_t* in, uint8_t* __restrict alpha, int count) {
+  for (int x = 0; x < count; ++x) {
+    const int32_t b = int32_t(in[x] & 255), g = int32_t(in[x] >> 8 & 255), r = int32_t(in[x] >> 16 & 255);
+    const int32_t y = Luminance(r, g, b);
+    const int32_t v[kKeyChannels] = {r - y, g - y, b - y, y};
+    bool inside = true;
+    for (int c = 0; c < kKeyChannels; ++c) inside &= (v[c] >= d.low[c]) & (v[c] <= d.high[c]);
+    alpha[x] = inside ? 0 : 255;
+  }
 }
 
 // Backing suppression: X is blue for a blue backing, else green; A = (A * min(R - X + 255, 255))
@@ -173,7 +202,7 @@ class Keyer final : public RangeKeyer {
     const int w = k.src->Width(), h = k.src->Height();
     k.width = w;
     k.bands = module::RowBands(h);
-    k.ranges = RangesOf(req);
+    k.differences = DifferenceBounds(RangesOf(req));
     const int colour = backing == 0 ? BlueBacking : backing == 1 ? GreenBacking : OtherBacking;
     k.suppress = kSuppress[colour];
     k.pre_mapped = NonZero(pre_contrast);
@@ -221,7 +250,7 @@ class Keyer final : public RangeKeyer {
       for (int x = 0; x < k.width; x += kPiece) {
         const int count = std::min(kPiece, k.width - x);
         uint8_t* alpha = to_mask ? k.to->MaskRow(y) + x : piece;
-        KeyRow(k.ranges, k.src->Row(y) + x, alpha, count);
+        KeyRow(k.differences, k.src->Row(y) + x, alpha, count);
         Stages(k, y, x, alpha, count);
       }
     });

@@ -218,6 +218,56 @@ void SlideBox(const Image& src, int y, int64_t m, Sum* col) {
   SlideRow(col, RowOf<Px>(src, std::min(last, y + m + 1)), RowOf<Px>(src, std::max<int64_t>(0, y - m)), src.Width());
 }
 
+template <class Px>
+void ThreeByThree(const Image& src, int y, int32_t w_small, int32_t w_big, int32_t* small, int32_t* big, uint8_t* alpha) {
+  const int w = src.Width(), last = src.Height() - 1;
+  const Px* above = RowOf<Px>(src, std::max(0, y - 1));
+  const Px* middle = RowOf<Px>(src, y);
+  const Px* below = RowOf<Px>(src, std::min(last, y + 1));
+  for (int c = 0; c < w; ++c) {
+    small[c + 1] = AlphaOf(middle[c]);
+    big[c + 1] = AlphaOf(above[c]) + AlphaOf(middle[c]) + AlphaOf(below[c]);
+  }
+  // Column 0 and the column before it take column 1's sums; the column after the last repeats it.
+  const int second = std::min(1, w - 1) + 1;
+  small[0] = small[1] = small[second];
+  big[0] = big[1] = big[second];
+  small[w + 1] = small[w];
+  big[w + 1] = big[w];
+  for (int x = 0; x < w; ++x) {
+    const int32_t qb = (big[x] + big[x + 1] + big[x + 2]) * 4 / 9, qs = small[x + 1] * 4;
+    alpha[x] = uint8_t(std::min(255, (qb * w_big + qs * w_small) >> 12));
+  }
+}
+
+// out[j] = base + in[0] + ... + in[j], wrapping at 2^32: four runs summed at once, each then
+// carried into by the runs before it.
+void RunningSums(const int32_t* in, uint32_t* __restrict out, int count, uint32_t base) {
+  const int quarter = count / 4;
+  uint32_t total[4] = {};
+  for (int j = 0; j < quarter; ++j)
+    for (int r = 0; r < 4; ++r) out[r * quarter + j] = total[r] += uint32_t(in[r * quarter + j]);
+  for (int j = 4 * quarter; j < count; ++j) out[j] = total[3] += uint32_t(in[j]);
+  uint32_t carry = base;
+  for (int r = 0; r < 4; ++r) {
+    const int end = r == 3 ? count : (r + 1) * quarter;
+    for (int j = r * quarter; j < end; ++j) out[j] += carry;
+    carry += total[r];
+  }
+}
+
+// Prefix sums along the padded row of a box's column sums: index i holds column i - m, column 1
+// (0 in a one-column image) for every column up to 0, the last column from the last on.
+void PaddedPrefix(const int32_t* col, int w, int m, uint32_t* prefix) {
+  const uint32_t second = uint32_t(col[std::min(1, w - 1)]), last = uint32_t(col[w - 1]);
+  prefix[0] = 0;
+  for (int i = 0; i <= m; ++i) prefix[i + 1] = uint32_t(i + 1) * second;
+  const int middle = std::max(w - 2, 0);
+  RunningSums(col + 1, prefix + m + 2, middle, prefix[m + 1]);
+  const uint32_t before = prefix[m + 1 + middle];
+  for (int i = m + 1 + middle; i < w + 2 * m; ++i) prefix[i + 1] = before + uint32_t(i - m - middle) * last;
+}
+
 // floor(num / den) for 0 <= num < 2^31 and den * 1021 < 2^31: the single-precision estimate is
 // within 1 of the quotient (its error is below 2^-12), and the remainder puts it right.
 inline int32_t Quotient(int32_t num, int32_t den, float reciprocal) {
@@ -258,8 +308,8 @@ void AlphaBlur::Prepare(float amount, int width, int height) {
   const size_t w = size_t(std::max(width, 0));
   for (Scratch& s : scratch_) {
     if (narrow_) {
-      s.small.resize(w);
-      s.big.resize(w);
+      s.small.resize(w + 2);
+      s.big.resize(w + 2);
       s.small_prefix.resize(w + 2 * size_t(n_) + 4);
       s.big_prefix.resize(w + 2 * size_t(n_) + 4);
     } else {
@@ -306,6 +356,14 @@ void AlphaBlur::SlideColumns(const Image& src, int y, Scratch& s) const {
   }
 }
 
+void AlphaBlur::ThreeByThreeRow(const Image& src, int y, Scratch& s) const {
+  if (src.Depth() == 8) {
+    ThreeByThree<uint8_t>(src, y, w_small_, w_big_, s.small.data(), s.big.data(), s.alpha.data());
+  } else {
+    ThreeByThree<uint32_t>(src, y, w_small_, w_big_, s.small.data(), s.big.data(), s.alpha.data());
+  }
+}
+
 void AlphaBlur::BlurRow(Scratch& s) const {
   const int w = width_, n = n_, m = n + 1;
   uint8_t* alpha = s.alpha.data();
@@ -324,35 +382,11 @@ void AlphaBlur::BlurRow(Scratch& s) const {
     }
     return;
   }
-  // Prefix sums along the padded row: index i holds column i - m, column 1 (0 in a one-column
-  // image) for every column up to 0, the last column from the last on. They wrap at 2^32, and
-  // their differences, the box sums, stay below 2^31.
-  const int32_t* small = s.small.data();
-  const int32_t* big = s.big.data();
+  // The prefix sums wrap at 2^32; their differences, the box sums, stay below 2^31.
   uint32_t* ps = s.small_prefix.data();
   uint32_t* pb = s.big_prefix.data();
-  const int padded = w + 2 * m;
-  uint32_t sum_s = 0, sum_b = 0;
-  ps[0] = pb[0] = 0;
-  int i = 0;
-  for (const int second = std::min(1, w - 1); i <= m; ++i) {
-    sum_s += uint32_t(small[second]);
-    sum_b += uint32_t(big[second]);
-    ps[i + 1] = sum_s;
-    pb[i + 1] = sum_b;
-  }
-  for (; i < m + w - 1; ++i) {
-    sum_s += uint32_t(small[i - m]);
-    sum_b += uint32_t(big[i - m]);
-    ps[i + 1] = sum_s;
-    pb[i + 1] = sum_b;
-  }
-  for (; i < padded; ++i) {
-    sum_s += uint32_t(small[w - 1]);
-    sum_b += uint32_t(big[w - 1]);
-    ps[i + 1] = sum_s;
-    pb[i + 1] = sum_b;
-  }
+  PaddedPrefix(s.small.data(), w, m, ps);
+  PaddedPrefix(s.big.data(), w, m, pb);
   const int32_t small_area = int32_t(small_area_), big_area = int32_t(big_area_);
   const float small_reciprocal = small_reciprocal_, big_reciprocal = big_reciprocal_;
   const int32_t w_small = w_small_, w_big = w_big_;

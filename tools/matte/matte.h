@@ -146,6 +146,13 @@ class AlphaBlur {
     const module::RowSpan rows = module::BandRows(height_, bands_, band);
     if (rows.begin >= rows.end) return;
     Scratch& s = scratch_[size_t(band)];
+    if (n_ == 0) {
+      module::ForEachRow(op, rows, [&](int y) {
+        ThreeByThreeRow(src, y, s);
+        row(y, s.alpha.data());
+      });
+      return;
+    }
     StartColumns(src, rows.begin, s);
     module::ForEachRow(op, rows, [&](int y) {
       BlurRow(s);
@@ -160,8 +167,9 @@ class AlphaBlur {
   int32_t BigWeight() const { return w_big_; }
 
  private:
-  // One band's running sums: the column sums of the small and big boxes, and for each the
-  // prefix sums along the padded row (narrow) or along the row (wide), and the output row.
+  // One band's running sums and the output row: the column sums of the small and the big box
+  // (for n = 0, the pixel's and the 3-row sums, padded by a column on each side), and their
+  // prefix sums along the padded row (narrow) or along the row (wide).
   struct Scratch {
     std::vector<int32_t> small, big;
     std::vector<uint32_t> small_prefix, big_prefix;
@@ -171,6 +179,8 @@ class AlphaBlur {
   void StartColumns(const Image& src, int y, Scratch& s) const;
   void SlideColumns(const Image& src, int y, Scratch& s) const;
   void BlurRow(Scratch& s) const;
+  // n = 0: the boxes are the pixel and its 3 x 3 neighbourhood, summed directly.
+  void ThreeByThreeRow(const Image& src, int y, Scratch& s) const;
 
   int width_ = 0, height_ = 0;
   long bands_ = 1;

@@ -26,11 +26,12 @@ using GarbageKernel = void (*)(const ControlRender& k, int y, int x, uint8_t* al
 // Everything the rows need, worked out once per render in Process.
 struct ControlRender {
   const Image* src = nullptr;
+  Image* mask = nullptr;  // the input's alpha alone, which the blur reads a quarter as much of
   Image* out = nullptr;
   const Image* garbage = nullptr;  // the mask, when it applies
   GarbageKernel apply_garbage = nullptr;
   std::vector<uint8_t> empty_row;  // mask rows past the mask's last row read as 0
-  bool blurs = false;
+  bool blurs = false, blurring = false;  // a blur runs; the blur pass is running
   int width = 0;
   long bands = 1;
   AlphaMap map;  // contrast, gamma, inversion
@@ -134,18 +135,32 @@ class MatteControl final : public ThreadedOperator {
 
     k.out = NewImage(req, k.src);
     k.blurs = Positive(blur);
-    if (k.blurs) k.blur.Prepare(blur, w, h);
-    DoMultiProcess(req, k.blurs ? k.blur.Bands() : k.bands);
+    k.mask = k.blurs ? NewImage(req, w, h, 8, k.src) : nullptr;
+    k.blurring = false;
+    DoMultiProcess(req, k.bands);
+    if (k.blurs) {
+      k.blur.Prepare(blur, w, h);
+      k.blurring = true;
+      DoMultiProcess(req, k.blur.Bands());
+      req->Release(k.mask);
+      k.mask = nullptr;
+    }
     return req->SetOutputData(image_out_, k.out);
   }
 
+  // The rows of the input's alpha into the mask, or, once it is there, the blur's; without a
+  // blur, the input's alpha straight through the stages.
   void ProcessChunk(Request*, long band) override {
     const ControlRender& k = render_;
-    if (k.blurs) {
-      k.blur.Band(*this, *k.src, band, [&](int y, uint8_t* alpha) { Finish(k, y, 0, alpha, k.width); });
+    if (k.blurring) {
+      k.blur.Band(*this, *k.mask, band, [&](int y, uint8_t* alpha) { Finish(k, y, 0, alpha, k.width); });
       return;
     }
     module::ForEachRow(*this, module::BandRows(k.src->Height(), k.bands, band), [&](int y) {
+      if (k.blurs) {
+        AlphaOfRow(k.src->Row(y), k.mask->MaskRow(y), k.width);
+        return;
+      }
       uint8_t piece[kPiece];
       for (int x = 0; x < k.width; x += kPiece) {
         const int count = std::min(kPiece, k.width - x);
