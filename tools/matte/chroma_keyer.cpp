@@ -27,11 +27,6 @@ enum ChromaInput {
 // Everything the passes need, worked out once per render in Process.
 struct ChromaRender {
   const Image* src = nullptr;
-  Image* mask = nullptr;  // the keyed matte, when a blur follows
-  Image* out = nullptr;
-  bool blurs = false, blurring = false;  // a blur follows the keying; the blur pass is running
-  int width = 0;
-  long bands = 1;
   KeyRanges ranges;
   // Per channel of the colour-difference form: the range's centre, and below and above it the
   // rate k and the distance from which (distance * k) >> 8 reaches 255, beyond which the
@@ -43,7 +38,6 @@ struct ChromaRender {
   bool halo = false;
   AlphaMap halo_table;          // T[i] = trunc(255 * y^(5h)), y stepping in double precision
   int32_t weight[3] = {};       // wR, wG, wB: the colour's share against grey, in 1/4096
-  AlphaBlur blur;
 };
 
 // A centre this far out is at least 65281 from every byte, as far as the distance can matter.
@@ -98,12 +92,12 @@ void ChromaHaloRow(const ChromaRender& k, const uint32_t* in, const uint8_t* alp
 }
 
 // Matte contrast and gamma, then the halo or the colour joined to the matte, into the output.
-void Finish(const ChromaRender& k, int y, int x, uint8_t* alpha, int count) {
+void Finish(const ChromaRender& k, const uint32_t* in, uint8_t* alpha, uint32_t* out, int count) {
   if (k.mapped) MapRow(k.map, alpha, count);
   if (k.halo) {
-    ChromaHaloRow(k, k.src->Row(y) + x, alpha, k.out->Row(y) + x, count);
+    ChromaHaloRow(k, in, alpha, out, count);
   } else {
-    JoinRow(k.src->Row(y) + x, alpha, k.out->Row(y) + x, count);
+    JoinRow(in, alpha, out, count);
   }
 }
 
@@ -129,13 +123,7 @@ class ChromaKeyer final : public RangeKeyer {
       {"Image",          vtype::Image,  ImageInputId(1), {}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
-    ranges_ = in_;
-    reset_ = in_[ResetButton];
-    image_ = in_[ImageIn];
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(3, 0);
-    if (ar) module::SkipRecordEnd(ar);
+    Declare(ar, table, in_, ResetButton, ImageIn);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
@@ -150,9 +138,6 @@ class ChromaKeyer final : public RangeKeyer {
 
     ChromaRender& k = render_;
     k.src = ColourImage(req, given);
-    const int w = k.src->Width(), h = k.src->Height();
-    k.width = w;
-    k.bands = module::RowBands(h);
     k.ranges = RangesOf(req);
     PrepareSoftKey(soft);
     k.map = IdentityMap();
@@ -161,41 +146,14 @@ class ChromaKeyer final : public RangeKeyer {
     k.mapped = NonZero(contrast) || !IsOne(gamma);
     k.halo = Positive(halo);
     if (k.halo) PrepareHalo(halo);
-
-    k.out = NewImage(req, k.src);
-    k.blurs = Positive(blur);
-    k.mask = k.blurs ? NewImage(req, w, h, 8, k.src) : nullptr;
-    k.blurring = false;
-    DoMultiProcess(req, k.bands);
-    if (k.blurs) {
-      k.blur.Prepare(blur, w, h);
-      k.blurring = true;
-      DoMultiProcess(req, k.blur.Bands());
-      req->Release(k.mask);
-      k.mask = nullptr;
-    }
-    return req->SetOutputData(image_out_, k.out);
+    return req->SetOutputData(image_out_, passes_.Run(*this, req, *k.src, {&blur, Positive(blur) ? 1u : 0u}));
   }
 
-  // The keying rows, or, once the matte is keyed into the mask, the blur's.
   void ProcessChunk(Request*, long band) override {
     const ChromaRender& k = render_;
-    if (k.blurring) {
-      k.blur.Band(*this, *k.mask, band, [&](int y, uint8_t* alpha) { Finish(k, y, 0, alpha, k.width); });
-      return;
-    }
-    module::ForEachRow(*this, module::BandRows(k.src->Height(), k.bands, band), [&](int y) {
-      if (k.blurs) {
-        SoftKeyRow(k, k.src->Row(y), k.mask->MaskRow(y), k.width);
-        return;
-      }
-      uint8_t piece[kPiece];
-      for (int x = 0; x < k.width; x += kPiece) {
-        const int count = std::min(kPiece, k.width - x);
-        SoftKeyRow(k, k.src->Row(y) + x, piece, count);
-        Finish(k, y, x, piece, count);
-      }
-    });
+    passes_.Chunk(
+        *this, band, [&](int y, int x, uint8_t* alpha, int count) { SoftKeyRow(k, k.src->Row(y) + x, alpha, count); },
+        [&](int y, int x, uint8_t* alpha, uint32_t* out, int count) { Finish(k, k.src->Row(y) + x, alpha, out, count); });
   }
 
  private:
@@ -240,8 +198,8 @@ class ChromaKeyer final : public RangeKeyer {
   }
 
   Input* in_[kInputCount];
-  Output* image_out_;
   ChromaRender render_;
+  MattePasses passes_;
 };
 
 }  // namespace

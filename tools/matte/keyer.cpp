@@ -5,7 +5,6 @@
 // of the edges. The matte moves between the stages as mask images, one pass per blur; the
 // stages between the blurs run on each row as it comes out. Pick and Reset set the ranges.
 #include <algorithm>
-#include <cstring>
 
 #include "module/image_model.h"
 #include "module/operator_contract.h"
@@ -29,31 +28,22 @@ enum KeyerInput {
 // takes no spill out.
 enum BackingColour { BlueBacking, GreenBacking, OtherBacking };
 
-// The passes of a render: keying, then each blur that is on.
-enum class Pass { Key, PreBlur, MatteBlur };
-
 struct KeyerRender;
 using RowStage = void (*)(const KeyerRender& k, const uint32_t* in, uint8_t* alpha, uint32_t* out, int count);
 
 // Everything the passes need, worked out once per render in Process.
 struct KeyerRender {
   const Image* src = nullptr;
-  const Image* from = nullptr;  // the matte a blur pass reads
-  Image* to = nullptr;          // the mask or the output the pass writes
-  Pass pass = Pass::Key;
-  bool pre_stages = false, post_stages = false;  // whether this pass runs them on its rows
-  int width = 0;
-  long bands = 1;
   // The ranges as bounds on the pixel's differences from its luminance, R - Y, G - Y, B - Y,
   // and on Y itself: each colour-difference byte grows with its difference.
   KeyRanges differences;
+  int pre_pass = 0;            // the pass after which the pre-matte stages run (1 after its blur)
   AlphaMap pre_map, post_map;  // pre-matte contrast; matte contrast then gamma
   bool pre_mapped = false, post_mapped = false;
   RowStage suppress = nullptr;  // the alpha scaled by min(R - X + 255, 255) >> 8
   RowStage finish = nullptr;    // halo, or the colour joined to the matte
   int32_t halo_k = 0;           // trunc(halo * 4096)
   AlphaMap halo_table;          // gamma table of Halo Gamma
-  AlphaBlur pre_blur, matte_blur;
 };
 
 // The differences d (-255 .. 255) whose colour-difference bytes 128 + q(d, k) lie in each
@@ -130,23 +120,6 @@ void JoinStage(const KeyerRender&, const uint32_t* in, uint8_t* alpha, uint32_t*
 constexpr RowStage kSuppress[3] = {SuppressRow<BlueBacking>, SuppressRow<GreenBacking>, SuppressRow<OtherBacking>};
 constexpr RowStage kHalo[3] = {HaloRow<BlueBacking>, HaloRow<GreenBacking>, HaloRow<OtherBacking>};
 
-// The stages this pass runs on `count` pixels of row y from column x: the pre-matte contrast
-// and the suppression, then either the matte's contrast, gamma and halo into the output or the
-// matte into the next mask.
-void Stages(const KeyerRender& k, int y, int x, uint8_t* alpha, int count) {
-  const uint32_t* in = k.src->Row(y) + x;
-  if (k.pre_stages) {
-    if (k.pre_mapped) MapRow(k.pre_map, alpha, count);
-    k.suppress(k, in, alpha, nullptr, count);
-  }
-  if (k.post_stages) {
-    if (k.post_mapped) MapRow(k.post_map, alpha, count);
-    k.finish(k, in, alpha, k.to->Row(y) + x, count);
-  } else if (alpha != k.to->MaskRow(y) + x) {
-    std::memcpy(k.to->MaskRow(y) + x, alpha, size_t(count));
-  }
-}
-
 class Keyer final : public RangeKeyer {
  public:
   Keyer(Registry* reg, CArchive* ar, TagList* tags)
@@ -177,13 +150,7 @@ class Keyer final : public RangeKeyer {
       {"Image",              vtype::Image,  ImageInputId(1), {}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
-    ranges_ = in_;
-    reset_ = in_[ResetButton];
-    image_ = in_[ImageIn];
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(3, 0);
-    if (ar) module::SkipRecordEnd(ar);
+    Declare(ar, table, in_, ResetButton, ImageIn);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
@@ -199,9 +166,6 @@ class Keyer final : public RangeKeyer {
 
     KeyerRender& k = render_;
     k.src = ColourImage(req, given);
-    const int w = k.src->Width(), h = k.src->Height();
-    k.width = w;
-    k.bands = module::RowBands(h);
     k.differences = DifferenceBounds(RangesOf(req));
     const int colour = backing == 0 ? BlueBacking : backing == 1 ? GreenBacking : OtherBacking;
     k.suppress = kSuppress[colour];
@@ -217,62 +181,35 @@ class Keyer final : public RangeKeyer {
       k.halo_k = module::TruncToInt(double(halo) * 4096.0);
       k.halo_table = GammaMap(halo_gamma);
     }
-    const bool pre = Positive(pre_blur), post = Positive(matte_blur);
-    Image* out = NewImage(req, k.src);
-    const auto mask = [&] { return NewImage(req, w, h, 8, k.src); };
-
-    k.pass = Pass::Key;
-    k.to = pre || post ? mask() : out;
-    k.pre_stages = !pre;
-    k.post_stages = !pre && !post;
-    DoMultiProcess(req, k.bands);
-    if (pre) {
-      k.pre_blur.Prepare(pre_blur, w, h);
-      RunBlur(req, Pass::PreBlur, post ? mask() : out, true, !post);
-    }
-    if (post) {
-      k.matte_blur.Prepare(matte_blur, w, h);
-      RunBlur(req, Pass::MatteBlur, out, false, true);
-    }
-    return req->SetOutputData(image_out_, out);
+    float blurs[2];
+    size_t count = 0;
+    if (Positive(pre_blur)) blurs[count++] = pre_blur;
+    k.pre_pass = int(count);
+    if (Positive(matte_blur)) blurs[count++] = matte_blur;
+    return req->SetOutputData(image_out_, passes_.Run(*this, req, *k.src, {blurs, count}));
   }
 
+  // Keying makes the matte; the pre-matte contrast and the suppression follow the pre-matte
+  // blur (or the keying, without one); the matte's contrast, gamma and halo finish it.
   void ProcessChunk(Request*, long band) override {
     const KeyerRender& k = render_;
-    if (k.pass == Pass::PreBlur || k.pass == Pass::MatteBlur) {
-      const AlphaBlur& blur = k.pass == Pass::PreBlur ? k.pre_blur : k.matte_blur;
-      blur.Band(*this, *k.from, band, [&](int y, uint8_t* alpha) { Stages(k, y, 0, alpha, k.width); });
-      return;
-    }
-    const bool to_mask = k.to->Depth() == 8;
-    module::ForEachRow(*this, module::BandRows(k.src->Height(), k.bands, band), [&](int y) {
-      uint8_t piece[kPiece];
-      for (int x = 0; x < k.width; x += kPiece) {
-        const int count = std::min(kPiece, k.width - x);
-        uint8_t* alpha = to_mask ? k.to->MaskRow(y) + x : piece;
-        KeyRow(k.differences, k.src->Row(y) + x, alpha, count);
-        Stages(k, y, x, alpha, count);
-      }
-    });
+    passes_.Chunk(
+        *this, band, [&](int y, int x, uint8_t* alpha, int count) { KeyRow(k.differences, k.src->Row(y) + x, alpha, count); },
+        [&](int pass, int y, int x, uint8_t* alpha, int count) {
+          if (pass != k.pre_pass) return;
+          if (k.pre_mapped) MapRow(k.pre_map, alpha, count);
+          k.suppress(k, k.src->Row(y) + x, alpha, nullptr, count);
+        },
+        [&](int y, int x, uint8_t* alpha, uint32_t* out, int count) {
+          if (k.post_mapped) MapRow(k.post_map, alpha, count);
+          k.finish(k, k.src->Row(y) + x, alpha, out, count);
+        });
   }
 
  private:
-  // A blur pass from the matte the last pass wrote into `to`; that matte is released after it.
-  void RunBlur(Request* req, Pass pass, Image* to, bool pre_stages, bool post_stages) {
-    KeyerRender& k = render_;
-    k.pass = pass;
-    k.from = k.to;
-    k.to = to;
-    k.pre_stages = pre_stages;
-    k.post_stages = post_stages;
-    DoMultiProcess(req, (pass == Pass::PreBlur ? k.pre_blur : k.matte_blur).Bands());
-    req->Release(const_cast<Image*>(k.from));
-    k.from = nullptr;
-  }
-
   Input* in_[kInputCount];
-  Output* image_out_;
   KeyerRender render_;
+  MattePasses passes_;
 };
 
 }  // namespace

@@ -30,17 +30,11 @@ using KeyKernel = void (*)(const LumaRender& k, const uint32_t* in, uint8_t* alp
 // Everything the passes need, worked out once per render in Process.
 struct LumaRender {
   const Image* src = nullptr;
-  Image* mask = nullptr;  // the keyed matte, when a blur follows
-  Image* out = nullptr;
-  bool blurs = false, blurring = false;
-  int width = 0;
-  long bands = 1;
   KeyKernel key = nullptr;
   int32_t low = 0, high = 0;  // trunc(Low * 255), trunc(High * 255), held to -65536 .. 65536
   int32_t rate = 0;           // 65280 / (high - low) where high is above low, else 0
   AlphaMap map;               // contrast, gamma, inversion
   bool mapped = false;
-  AlphaBlur blur;
 };
 
 // v <= low: 0; v >= high: 255; between: ((v - low) * rate) >> 8, its low byte kept.
@@ -63,11 +57,6 @@ void LumaKeyRow(const LumaRender& k, const uint32_t* in, uint8_t* __restrict alp
 
 constexpr KeyKernel kKeys[5] = {LumaKeyRow<BlueChannel>, LumaKeyRow<GreenChannel>, LumaKeyRow<RedChannel>,
                                 LumaKeyRow<AlphaChannel>, LumaKeyRow<LuminanceChannel>};
-
-void Finish(const LumaRender& k, int y, int x, uint8_t* alpha, int count) {
-  if (k.mapped) MapRow(k.map, alpha, count);
-  JoinRow(k.src->Row(y) + x, alpha, k.out->Row(y) + x, count);
-}
 
 class LumaKeyer final : public ThreadedOperator {
  public:
@@ -120,9 +109,6 @@ class LumaKeyer final : public ThreadedOperator {
 
     LumaRender& k = render_;
     k.src = ColourImage(req, given);
-    const int w = k.src->Width(), h = k.src->Height();
-    k.width = w;
-    k.bands = module::RowBands(h);
     k.key = kKeys[channel >= BlueChannel && channel <= AlphaChannel ? channel : LuminanceChannel];
     // The ramp only runs where high is above low, and then high - low is at most 65280 for any
     // rate above 0, so holding the ends changes no comparison with a byte and no ramp value.
@@ -138,40 +124,18 @@ class LumaKeyer final : public ThreadedOperator {
     if (inverts) k.map = Then(k.map, InvertMap());
     k.mapped = contrast != 0.0 || gamma != 1.0 || inverts;
 
-    k.out = NewImage(req, k.src);
-    k.blurs = blur > 0.0;
-    k.mask = k.blurs ? NewImage(req, w, h, 8, k.src) : nullptr;
-    k.blurring = false;
-    DoMultiProcess(req, k.bands);
-    if (k.blurs) {
-      k.blur.Prepare(float(blur), w, h);
-      k.blurring = true;
-      DoMultiProcess(req, k.blur.Bands());
-      req->Release(k.mask);
-      k.mask = nullptr;
-    }
-    return req->SetOutputData(image_out_, k.out);
+    const float amount = float(blur);
+    return req->SetOutputData(image_out_, passes_.Run(*this, req, *k.src, {&amount, blur > 0.0 ? 1u : 0u}));
   }
 
-  // The keying rows, or, once the matte is keyed into the mask, the blur's.
   void ProcessChunk(Request*, long band) override {
     const LumaRender& k = render_;
-    if (k.blurring) {
-      k.blur.Band(*this, *k.mask, band, [&](int y, uint8_t* alpha) { Finish(k, y, 0, alpha, k.width); });
-      return;
-    }
-    module::ForEachRow(*this, module::BandRows(k.src->Height(), k.bands, band), [&](int y) {
-      if (k.blurs) {
-        k.key(k, k.src->Row(y), k.mask->MaskRow(y), k.width);
-        return;
-      }
-      uint8_t piece[kPiece];
-      for (int x = 0; x < k.width; x += kPiece) {
-        const int count = std::min(kPiece, k.width - x);
-        k.key(k, k.src->Row(y) + x, piece, count);
-        Finish(k, y, x, piece, count);
-      }
-    });
+    passes_.Chunk(
+        *this, band, [&](int y, int x, uint8_t* alpha, int count) { k.key(k, k.src->Row(y) + x, alpha, count); },
+        [&](int y, int x, uint8_t* alpha, uint32_t* out, int count) {
+          if (k.mapped) MapRow(k.map, alpha, count);
+          JoinRow(k.src->Row(y) + x, alpha, out, count);
+        });
   }
 
  private:
@@ -179,6 +143,7 @@ class LumaKeyer final : public ThreadedOperator {
   Output* image_out_;
   uint32_t invert_meaning_ = 1;
   LumaRender render_;
+  MattePasses passes_;
 };
 
 }  // namespace

@@ -397,4 +397,25 @@ void AlphaBlur::BlurRow(Scratch& s) const {
   }
 }
 
+Image* MattePasses::Run(ThreadedOperator& op, Request* req, const Image& src, std::span<const float> blurs) {
+  width_ = src.Width();
+  height_ = src.Height();
+  bands_ = module::RowBands(height_);
+  blur_count_ = std::min(blurs.size(), std::size(blurs_));
+  out_ = NewImage(req, &src);
+  pass_ = 0;
+  for (size_t k = 0; k < blur_count_; ++k) masks_[k] = nullptr;
+  if (blur_count_ > 0) masks_[0] = NewImage(req, width_, height_, 8, &src);
+  op.DoMultiProcess(req, bands_);
+  for (size_t k = 0; k < blur_count_; ++k) {
+    blurs_[k].Prepare(blurs[k], width_, height_);
+    if (k + 1 < blur_count_) masks_[k + 1] = NewImage(req, width_, height_, 8, &src);
+    pass_ = int(k) + 1;
+    op.DoMultiProcess(req, blurs_[k].Bands());
+    req->Release(masks_[k]);
+    masks_[k] = nullptr;
+  }
+  return out_;
+}
+
 }  // namespace kestrion::tools::matte

@@ -5,7 +5,9 @@
 // (a mask image, or a piece of a row on the stack); the last stage joins it to the input's colour.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <span>
 #include <cstdint>
 #include <vector>
 
@@ -104,17 +106,30 @@ class RangeKeyer : public ThreadedOperator {
   void NotifyChanged(Input* in, Parameter* value, double time) override;
 
  protected:
-  // Set by the tool's constructor: its eight range inputs in panel order, the button and the
-  // image input.
-  Input* const* ranges_ = nullptr;
-  Input* reset_ = nullptr;
-  Input* image_ = nullptr;
+  // Declares the tool's inputs from its table (the ranges first; `reset` and `image` index the
+  // button and the image input) and its image output, sets the threaded base's settings and,
+  // loading, reads the end of the record.
+  template <size_t N>
+  void Declare(CArchive* ar, const module::InputDecl (&table)[N], Input* (&inputs)[N], size_t reset, size_t image) {
+    module::DeclareInputs(this, table, inputs);
+    ranges_ = inputs;
+    reset_ = inputs[reset];
+    image_ = inputs[image];
+    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    SetThreadSettings(3, 0);
+    if (ar) module::SkipRecordEnd(ar);
+  }
   KeyRanges RangesOf(Request* req) const;
+
+  Output* image_out_ = nullptr;
 
  private:
   void Pick(const float (&rect)[4]);
   void Reset(double time);
 
+  Input* const* ranges_ = nullptr;
+  Input* reset_ = nullptr;
+  Input* image_ = nullptr;
   const char* pick_step_;
   const char* reset_step_;
   // Set by the first pixel a pick examines, cleared by Reset; never saved.
@@ -192,6 +207,62 @@ class AlphaBlur {
   float small_reciprocal_ = 1.0f, big_reciprocal_ = 1.0f;
   // One per band, each used by one worker thread at a time.
   mutable std::vector<Scratch> scratch_;
+};
+
+// The passes of a matte tool's render: the matte made row by row from the input; then each
+// blur on a pass of its own, from a mask the pass before filled (released once read); then the
+// tool's finishing stages into the output. Without a blur, one pass makes and finishes each
+// row in pieces on the stack. At most the output and two masks are alive at once.
+class MattePasses {
+ public:
+  // Runs the render's passes on `op`'s worker threads and returns the output: one blur for each
+  // amount of `blurs` (at most two, all positive), in order.
+  Image* Run(ThreadedOperator& op, Request* req, const Image& src, std::span<const float> blurs);
+
+  // The chunk slot of the pass under way. make(y, x, alpha, count) makes `count` bytes of row
+  // y's matte from column x; after(pass, y, x, alpha, count) may change them once made (pass 0)
+  // or blurred (pass k after blur k); finish(y, x, alpha, out, count) writes them into the
+  // output's row y from column x, `out`.
+  template <class Make, class After, class Finish>
+  void Chunk(const Operator& op, long band, Make&& make, After&& after, Finish&& finish) const {
+    const int last = int(blur_count_);
+    const auto onward = [&](int pass, int y, int x, uint8_t* alpha, int count) {
+      after(pass, y, x, alpha, count);
+      if (pass == last) {
+        finish(y, x, alpha, out_->Row(y) + x, count);
+      } else if (pass > 0) {
+        std::copy(alpha, alpha + count, masks_[pass]->MaskRow(y) + x);
+      }
+    };
+    if (pass_ > 0) {
+      blurs_[pass_ - 1].Band(op, *masks_[pass_ - 1], band, [&](int y, uint8_t* alpha) { onward(pass_, y, 0, alpha, width_); });
+      return;
+    }
+    module::ForEachRow(op, module::BandRows(height_, bands_, band), [&](int y) {
+      uint8_t piece[kPiece];
+      for (int x = 0; x < width_; x += kPiece) {
+        const int count = std::min(kPiece, width_ - x);
+        uint8_t* alpha = last > 0 ? masks_[0]->MaskRow(y) + x : piece;
+        make(y, x, alpha, count);
+        onward(0, y, x, alpha, count);
+      }
+    });
+  }
+
+  // The same, for a tool that changes nothing between the passes.
+  template <class Make, class Finish>
+  void Chunk(const Operator& op, long band, Make&& make, Finish&& finish) const {
+    Chunk(op, band, make, [](int, int, int, uint8_t*, int) {}, finish);
+  }
+
+ private:
+  int width_ = 0, height_ = 0;
+  long bands_ = 1;
+  int pass_ = 0;
+  size_t blur_count_ = 0;
+  AlphaBlur blurs_[2];
+  Image* masks_[2] = {};  // the matte the first and the second blur read
+  Image* out_ = nullptr;
 };
 
 }  // namespace matte

@@ -26,17 +26,11 @@ using GarbageKernel = void (*)(const ControlRender& k, int y, int x, uint8_t* al
 // Everything the rows need, worked out once per render in Process.
 struct ControlRender {
   const Image* src = nullptr;
-  Image* mask = nullptr;  // the input's alpha alone, which the blur reads a quarter as much of
-  Image* out = nullptr;
   const Image* garbage = nullptr;  // the mask, when it applies
   GarbageKernel apply_garbage = nullptr;
   std::vector<uint8_t> empty_row;  // mask rows past the mask's last row read as 0
-  bool blurs = false, blurring = false;  // a blur runs; the blur pass is running
-  int width = 0;
-  long bands = 1;
   AlphaMap map;  // contrast, gamma, inversion
   bool mapped = false;
-  AlphaBlur blur;
 };
 
 inline int32_t MaskValue(uint8_t v) { return v; }
@@ -74,12 +68,6 @@ constexpr GarbageKernel kGarbage[2][2][2] = {
     {{GarbageRow<MakeSolid, false, uint8_t>, GarbageRow<MakeSolid, false, uint32_t>},
      {GarbageRow<MakeSolid, true, uint8_t>, GarbageRow<MakeSolid, true, uint32_t>}},
 };
-
-void Finish(const ControlRender& k, int y, int x, uint8_t* alpha, int count) {
-  if (k.mapped) MapRow(k.map, alpha, count);
-  if (k.apply_garbage) k.apply_garbage(k, y, x, alpha, count);
-  JoinRow(k.src->Row(y) + x, alpha, k.out->Row(y) + x, count);
-}
 
 class MatteControl final : public ThreadedOperator {
  public:
@@ -119,9 +107,7 @@ class MatteControl final : public ThreadedOperator {
 
     ControlRender& k = render_;
     k.src = ColourImage(req, given);
-    const int w = k.src->Width(), h = k.src->Height();
-    k.width = w;
-    k.bands = module::RowBands(h);
+    const int w = k.src->Width();
     k.map = IdentityMap();
     if (NonZero(contrast)) k.map = ContrastMap(contrast);
     if (!IsOne(gamma)) k.map = Then(k.map, GammaMap(gamma));
@@ -133,47 +119,27 @@ class MatteControl final : public ThreadedOperator {
     k.apply_garbage = k.garbage ? kGarbage[mode][twice][k.garbage->Depth() != 8] : nullptr;
     if (k.garbage) k.empty_row.assign(size_t(k.garbage->Width()) * k.garbage->BytesPerPixel(), 0);
 
-    k.out = NewImage(req, k.src);
-    k.blurs = Positive(blur);
-    k.mask = k.blurs ? NewImage(req, w, h, 8, k.src) : nullptr;
-    k.blurring = false;
-    DoMultiProcess(req, k.bands);
-    if (k.blurs) {
-      k.blur.Prepare(blur, w, h);
-      k.blurring = true;
-      DoMultiProcess(req, k.blur.Bands());
-      req->Release(k.mask);
-      k.mask = nullptr;
-    }
-    return req->SetOutputData(image_out_, k.out);
+    return req->SetOutputData(image_out_, passes_.Run(*this, req, *k.src, {&blur, Positive(blur) ? 1u : 0u}));
   }
 
-  // The rows of the input's alpha into the mask, or, once it is there, the blur's; without a
-  // blur, the input's alpha straight through the stages.
+  // The input's alpha is the matte (the blur reads it taken out, a quarter of the bytes); the
+  // map and the garbage matte finish it.
   void ProcessChunk(Request*, long band) override {
     const ControlRender& k = render_;
-    if (k.blurring) {
-      k.blur.Band(*this, *k.mask, band, [&](int y, uint8_t* alpha) { Finish(k, y, 0, alpha, k.width); });
-      return;
-    }
-    module::ForEachRow(*this, module::BandRows(k.src->Height(), k.bands, band), [&](int y) {
-      if (k.blurs) {
-        AlphaOfRow(k.src->Row(y), k.mask->MaskRow(y), k.width);
-        return;
-      }
-      uint8_t piece[kPiece];
-      for (int x = 0; x < k.width; x += kPiece) {
-        const int count = std::min(kPiece, k.width - x);
-        AlphaOfRow(k.src->Row(y) + x, piece, count);
-        Finish(k, y, x, piece, count);
-      }
-    });
+    passes_.Chunk(
+        *this, band, [&](int y, int x, uint8_t* alpha, int count) { AlphaOfRow(k.src->Row(y) + x, alpha, count); },
+        [&](int y, int x, uint8_t* alpha, uint32_t* out, int count) {
+          if (k.mapped) MapRow(k.map, alpha, count);
+          if (k.apply_garbage) k.apply_garbage(k, y, x, alpha, count);
+          JoinRow(k.src->Row(y) + x, alpha, out, count);
+        });
   }
 
  private:
   Input* in_[kInputCount];
   Output* image_out_;
   ControlRender render_;
+  MattePasses passes_;
 };
 
 }  // namespace
