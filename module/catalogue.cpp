@@ -8,6 +8,7 @@
 #include "tools/clip/saver.h"
 #include "tools/color/color_tools.h"
 #include "tools/matte/matte.h"
+#include "tools/modifier/modifier_tools.h"
 
 namespace kestrion::module {
 namespace {
@@ -55,7 +56,7 @@ void RegisterCatalogue() {
   Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()});
   Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)},
                               &tools::NewMerge);
-  Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)});
+  Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)}, &tools::NewOffset);
   Standard<FourCC("LKey")>(threshold, "Threshold", ImageTool, {Category("Matte"), Short("LKy"), Describe("Creates a matte from a luminance or color channel"), Display("Luma Keyer"), Group(150), ToolNo(0x100000A)},
                               &tools::NewLumaKeyer);
   Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)});
@@ -76,7 +77,7 @@ void RegisterCatalogue() {
   Standard<FourCC("CrdS")>(coord_space, "CoordSpace", ImageTool, {Category("Warp"), Short("CdS"), Describe("Converts between Polar and Rectangular Co-ordinate spaces"), Display("Coordinate Space"), Group(143)});
   Standard<FourCC("Shdw")>(shadow, "Shadow", ImageTool, {Short("Sh"), Describe("Creates a shadow from Alpha"), Display("Shadow"), Group(140)});
   Standard<FourCC("PPin")>(perspective_pin, "PerspectivePin", ImageTool, {Category("Warp"), Short("PPn"), Describe("De-Perspective of images into a flat image"), Display("Perspective Positioner"), Group(141), ToolNo(0x1000012)});
-  Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)});
+  Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)}, &tools::NewCalculation);
   Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)});
   Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)});
   Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()});

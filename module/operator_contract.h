@@ -63,4 +63,13 @@ inline double NumberInput(Request* req, Input* in, int slot = 0) {
   return n ? n->value : 0.0;
 }
 
+// The title of a modifier: its name followed by " on", then the tool and input it drives.
+inline void ModifierTitle(const Operator& op, char* title) {
+  std::string driven;
+  for (const auto& out : op.Outputs())
+    for (const Input* in : out->Targets())
+      if (in->Modifier() == &op && driven.empty()) driven = " " + in->Owner()->Name() + "." + in->Name();
+  std::snprintf(title, kTitleSize, "%s on%s", op.Name().c_str(), driven.c_str());
+}
+
 }  // namespace kestrion::module
