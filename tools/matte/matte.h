@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "host/image/image.h"
