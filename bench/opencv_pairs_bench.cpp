@@ -58,6 +58,23 @@ void KeyChain(const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
   cv::blur(matte, out, cv::Size(Box, Box));
 }
 
+// The warps: Transform at 30 degrees and size 1.2, the positioners at their default corners,
+// Resize to half size.
+const ToolCase kTransformRotated{"Transform", {{"Size", 1.2}, {"Aspect", 1.0}, {"Angle", 30.0}}, false};
+const ToolCase kCornerPin{"CornerPin", {}, false};
+const ToolCase kPerspectivePin{"PerspectivePin", {}, false};
+const ToolCase kResizeHalf{"Resize", {{"Width", kWidth / 2}, {"Height", kHeight / 2}}, false};
+
+// The positioners' default corners, top left, top right, bottom left, bottom right, in pixels.
+std::vector<cv::Point2f> DefaultCorners(const cv::Mat& frame) {
+  const auto at = [&](float x, float y) { return cv::Point2f(x * float(frame.cols), y * float(frame.rows)); };
+  return {at(0.1f, 0.1f), at(0.9f, 0.0f), at(0.0f, 0.7f), at(1.0f, 0.9f)};
+}
+std::vector<cv::Point2f> FrameCorners(const cv::Mat& frame) {
+  const float w = float(frame.cols), h = float(frame.rows);
+  return {{0, 0}, {w, 0}, {0, h}, {w, h}};
+}
+
 struct Pair {
   const char* tool_name;
   const ToolCase& tool;
@@ -110,6 +127,25 @@ const Pair kPairs[] = {
     // blur of 10 it blurs it twice more, by 121 x 121 and 123 x 123 blended.
     {"BM_KeyerDefaults", kKeyerDefaults, "BM_CvKeyChain3", KeyChain<3>},
     {"BM_KeyerBlur10", kKeyerBlur10, "BM_CvKeyChain121", KeyChain<121>},
+    {"BM_TransformRotated", kTransformRotated, "BM_CvWarpAffine",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(bg.cols / 2.0f, bg.rows / 2.0f), 30.0, 1.2);
+       cv::warpAffine(bg, out, turn, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+     }},
+    {"BM_CornerPin", kCornerPin, "BM_CvWarpPerspectiveOnto",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       const cv::Mat onto = cv::getPerspectiveTransform(FrameCorners(bg), DefaultCorners(bg));
+       cv::warpPerspective(bg, out, onto, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+     }},
+    {"BM_PerspectivePin", kPerspectivePin, "BM_CvWarpPerspectiveFrom",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       const cv::Mat from = cv::getPerspectiveTransform(DefaultCorners(bg), FrameCorners(bg));
+       cv::warpPerspective(bg, out, from, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+     }},
+    {"BM_ResizeHalf", kResizeHalf, "BM_CvResizeArea",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       cv::resize(bg, out, cv::Size(bg.cols / 2, bg.rows / 2), 0, 0, cv::INTER_AREA);
+     }},
 };
 
 void RunPartner(benchmark::State& state, Partner partner) {

@@ -1,5 +1,5 @@
 // The kestrion command: lists and describes tools, renders flows, prints the values of tools'
-// outputs, and converts flows between the text and binary forms. Exit status: 0 done, 1 a
+// outputs, tracks, and converts flows between the text and binary forms. Exit status: 0 done, 1 a
 // permanent failure, 2 a wrong command line or flow, 75 a temporary failure, 128 + n stopped
 // by signal n.
 #include <CLI/CLI.hpp>
@@ -7,6 +7,7 @@
 
 #include "cli/catalogue_commands.h"
 #include "cli/flow_commands.h"
+#include "cli/track_command.h"
 #include "cli/values_command.h"
 #include "host/graph/module.h"
 
@@ -41,6 +42,13 @@ int main(int argc, char** argv) {
   values->add_option("NAME", values_options.names, "\"Tool.Output label\", or a tool for all its number and point outputs")
       ->required();
 
+  kestrion::cli::TrackOptions track_options;
+  auto* track = app.add_subcommand("track", "Run a flow's Tracker over frames and save the flow with the track");
+  track->add_option("FLOW", track_options.flow, "The flow: a .json text flow or a .kfl document")->required();
+  track->add_option("TOOL", track_options.tool, "The Tracker's name in the flow")->required();
+  track->add_option("-F,--frames", track_options.frames, "Frames START-END: the pattern is selected at START")->required();
+  track->add_option("-o,--output", track_options.out, "Where the tracked flow goes (default: over FLOW, kept as FLOW.bak)");
+
   std::string convert_in, convert_out;
   auto* convert = app.add_subcommand("convert", "Convert a flow between .json and .kfl");
   convert->add_option("IN", convert_in, "The flow to read")->required();
@@ -63,5 +71,6 @@ int main(int argc, char** argv) {
   if (describe->parsed()) return kestrion::cli::DescribeTool(tool_name, describe_json);
   if (render->parsed()) return kestrion::cli::RenderFlow(render_options);
   if (values->parsed()) return kestrion::cli::PrintValues(values_options);
+  if (track->parsed()) return kestrion::cli::TrackFlow(track_options);
   return kestrion::cli::ConvertFlow(convert_in, convert_out);
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -223,7 +224,9 @@ class TextFlowReader {
       // The tool's own fields follow a base record that holds nothing but the name and place
       // (no inputs, no attributes).
       std::vector<uint8_t> fields;
-      if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
+      if (entry["data"].is_object())
+        fields = FieldBytes(reg, entry["data"], where);
+      else if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
         throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
       CArchive record;
       record.WriteString(name);
@@ -254,6 +257,38 @@ class TextFlowReader {
     }
     op->SetFlowPos(position.first, position.second);
     return doc_.AddTool(op, name);
+  }
+
+  // The bytes of a tool's own fields from their readable form, {"name": value or [values]}.
+  static std::vector<uint8_t> FieldBytes(Registry* reg, const Json& data, const std::string& where) {
+    Ref<Object> probe = Ref<Object>::Adopt(reg->Create(nullptr, nullptr));
+    const auto* op = dynamic_cast<const Operator*>(probe.get());
+    const std::vector<DataField> layout = op ? op->DataLayout() : std::vector<DataField>();
+    if (layout.empty()) throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
+    std::vector<std::string> names;
+    for (const DataField& f : layout) names.push_back(f.name);
+    for (const auto& [key, value] : data.items())
+      if (std::find(names.begin(), names.end(), key) == names.end())
+        throw FlowError{where + ": unknown key " + Quoted(key) + " in \"data\" (valid: " + JoinQuoted(names) + ")"};
+    CArchive bytes;
+    for (const DataField& f : layout) {
+      const std::string what = where + ": \"data\"." + Quoted(f.name);
+      Json values = data.contains(f.name) ? data[f.name] : Json(std::vector<double>(size_t(f.count), f.missing));
+      if (f.count == 1 && !values.is_array()) values = Json::array({values});
+      if (!values.is_array() || values.size() != size_t(f.count))
+        throw FlowError{what + (f.count == 1 ? " must be a number" : " must be " + std::to_string(f.count) + " numbers")};
+      for (const Json& v : values) {
+        if (!v.is_number()) throw FlowError{what + " holds numbers only"};
+        const double d = v.get<double>();
+        if (f.kind == DataField::Double) {
+          bytes.WriteDouble(d);
+        } else {
+          if (d != std::floor(d) || d < INT32_MIN || d > INT32_MAX) throw FlowError{what + " holds whole numbers only"};
+          bytes.WriteInt(int32_t(d));
+        }
+      }
+    }
+    return bytes.Bytes();
   }
 
   static std::string ValidInputs(const Operator* op) {
@@ -545,8 +580,8 @@ class TextFlowWriter {
       if (!value.is_null()) inputs[Key(*op, *in)] = value;
     }
     tool["inputs"] = inputs;
-    const std::string data = OwnFields(op);
-    if (!data.empty()) tool["data"] = data;
+    const Json data = OwnFields(op);
+    if (!data.is_null()) tool["data"] = data;
     return tool;
   }
 
@@ -601,19 +636,43 @@ class TextFlowWriter {
     return nullptr;
   }
 
-  // The bytes a tool's record holds between the base record and its end, as hexadecimal. The
-  // base record ends with the attributes the tool kept: a count, then two words each.
-  static std::string OwnFields(Operator* op) {
+  // The bytes a tool's record holds between the base record and its end: by name where the
+  // tool lays its fields out, else as hexadecimal. Null when there are none. The base record
+  // ends with the attributes the tool kept: a count, then two words each.
+  static Json OwnFields(Operator* op) {
     CArchive whole, base;
     op->Save(&whole, nullptr);
     op->Operator::Save(&base, nullptr);
     const size_t kept_at = base.Bytes().size();  // after the class id and the count word
-    if (whole.Bytes().size() < kept_at + 8) return {};
+    if (whole.Bytes().size() < kept_at + 8) return nullptr;
     uint32_t kept = 0;
     std::memcpy(&kept, whole.Bytes().data() + kept_at, 4);
     const size_t begin = kept_at + 4 + 8 * size_t(kept), end = whole.Bytes().size() - 8;
-    if (end <= begin) return {};
-    return Hex(whole.Bytes().data() + begin, end - begin);
+    if (end <= begin) return nullptr;
+    const std::vector<uint8_t> bytes(whole.Bytes().begin() + long(begin), whole.Bytes().begin() + long(end));
+    if (Json named = NamedFields(op->DataLayout(), bytes); !named.is_null()) return named;
+    return Hex(bytes.data(), bytes.size());
+  }
+
+  // Fields by name, {"name": value or [values]}; null when the bytes do not fit the layout.
+  static Json NamedFields(const std::vector<DataField>& layout, const std::vector<uint8_t>& bytes) {
+    if (layout.empty()) return nullptr;
+    CArchive in(bytes);
+    Json named = Json::object();
+    try {
+      for (const DataField& f : layout) {
+        Json values = Json::array();
+        for (int i = 0; i < f.count; ++i) {
+          const double v = f.kind == DataField::Double ? in.ReadDouble() : double(in.ReadInt());
+          if (!std::isfinite(v)) return nullptr;  // JSON has no such numbers
+          values.push_back(f.kind == DataField::Double ? Json(v) : Json(int32_t(v)));
+        }
+        named[f.name] = f.count == 1 ? values[0] : values;
+      }
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+    return in.AtEnd() ? named : Json();
   }
 
   const CPipelineDoc& doc_;

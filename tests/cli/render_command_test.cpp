@@ -373,6 +373,49 @@ TEST_F(RenderCommandTest, AFrameThatCannotBeWrittenGivesStatus1) {
   EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"blocked0.json", "blocked1.json", "blocker", "grade.json", "late", "media"}));
 }
 
+// Resize and Crop between the example clip (160 x 90) and a Saver write frames of their size,
+// Resize at the proxy size in a proxy render; a size past the image limit fails its frame
+// with status 1, naming the tool and the size, and writes nothing.
+TEST_F(RenderCommandTest, ResizeAndCropWriteFramesOfTheirSize) {
+  const struct {
+    const char* tool;
+    const char* inputs;
+    const char* proxy;
+    int status, width, height;
+  } cases[] = {
+      {"Resize", R"("Width": 80, "Height": 45)", "1", 0, 80, 45},
+      {"Resize", R"("Width": 80, "Height": 45)", "2", 0, 40, 22},
+      {"Crop", R"("X Offset": 10, "Y Offset": 5, "X Size": 64, "Y Size": 32)", "1", 0, 64, 32},
+      {"Crop", R"("X Offset": 150, "Y Offset": 80, "X Size": 64, "Y Size": 32)", "2", 0, 64, 32},
+      {"Resize", R"("Width": 100000, "Height": 100000)", "1", 1, 0, 0},
+  };
+  std::vector<std::vector<std::string>> commands;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const fs::path flow = dir_.path() / ("size" + std::to_string(i) + ".json");
+    WriteBytes(flow, std::string(R"({"kestrion": 1, "range": [1, 2], "tools": {
+        "Loader1": {"class": "Loader", "inputs": {"Filename": "media/plate.####.png"}},
+        "Tool1": {"class": ")") + cases[i].tool + R"(", "inputs": {)" + cases[i].inputs + R"(, "Image": "Loader1"}},
+        "Saver1": {"class": "Saver", "inputs": {"Filename": "out)" + std::to_string(i) + R"(/f.####.png", "Image": "Tool1"}}}})");
+    commands.push_back({"render", flow.string(), "--proxy", cases[i].proxy});
+  }
+  const auto runs = RunAll(commands);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(commands[i][1] + " --proxy " + cases[i].proxy);
+    EXPECT_EQ(runs[i].status, cases[i].status) << runs[i].err;
+    const std::string out = "out" + std::to_string(i);
+    if (cases[i].status != 0) {
+      EXPECT_TRUE(Contains(runs[i].err, "tool 'Tool1' (Resize) failed to render frame 1: image size 100000 x 100000"))
+          << runs[i].err;
+      EXPECT_TRUE(dir_.Files(out).empty());
+      continue;
+    }
+    ASSERT_EQ(dir_.Files(out), Frames("f.%04d.png", {1, 2}));
+    const Picture frame = ReadPicture(dir_.path() / out / "f.0002.png");
+    EXPECT_EQ(frame.width, cases[i].width);
+    EXPECT_EQ(frame.height, cases[i].height);
+  }
+}
+
 // A stop signal ends a long render: status 128 + 15, every frame on disk complete, no
 // temporary file left.
 TEST_F(RenderCommandTest, AStopSignalEndsTheRenderCleanly) {

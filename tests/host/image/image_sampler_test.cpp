@@ -187,6 +187,36 @@ TEST_P(SamplerTest, RandomRowsGiveTheSinglePointSamples) {
   }
 }
 
+// Points given one by one: random points in and around images from 1 x 1 to 9 x 6, and far
+// outside, each exactly the single-point sample.
+TEST_P(SamplerTest, PointsGiveTheSinglePointSamples) {
+  std::mt19937 random(7);
+  const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
+  for (int count = 1; count <= 67; ++count) {
+    const int w = pick(1, 9), h = pick(1, 6);
+    const auto img = MakeFrame(w, h, GetParam(), NoiseWords(random, size_t(w * h)));
+    std::vector<int32_t> x, y;
+    for (int k = 0; k < count; ++k) {
+      x.push_back(k == 0 ? INT32_MIN : pick(-2 * 256, (w + 2) * 256));
+      y.push_back(k == 1 ? INT32_MAX : pick(-2 * 256, (h + 2) * 256));
+    }
+    for (long quality : {0L, 1L}) {
+      Vec black(static_cast<size_t>(count)), clamp(static_cast<size_t>(count)), black_one, clamp_one;
+      img->SamplePoints_Black(black.data(), count, x.data(), y.data(), quality);
+      img->SamplePoints_Clamp(clamp.data(), count, x.data(), y.data(), quality);
+      for (int k = 0; k < count; ++k) {
+        Pixel p;
+        img->DoSample_Black(&p, x[size_t(k)], y[size_t(k)], quality);
+        black_one.push_back(p.Word());
+        img->DoSample_Clamp(&p, x[size_t(k)], y[size_t(k)], quality);
+        clamp_one.push_back(p.Word());
+      }
+      EXPECT_EQ(black, black_one) << count << " points, quality " << quality;
+      EXPECT_EQ(clamp, clamp_one) << count << " points, quality " << quality;
+    }
+  }
+}
+
 TEST(Sampler, EmptyImageGivesZero) {
   Ref<Image> img = Ref<Image>::Adopt(new Image(0, 0));
   Pixel p{1, 2, 3, 4};

