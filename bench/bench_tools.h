@@ -131,6 +131,10 @@ inline const ToolCase kFilterLaplacian{"Filter", {{"FilterType", 6}}, false};
 inline const ToolCase kCustomFilter3{"UserFilter", {}, false};
 inline const ToolCase kCustomFilter7{
     "UserFilter", {}, false, {{"Matrix", filter_matrix::OfBlock(7, std::vector<int>(49, 1))}}};
+// The matte tools at their defaults and with a matte blur of 10 (a box radius of 60 pixels here).
+inline const ToolCase kKeyerDefaults{"Keyer", {}, false};
+inline const ToolCase kKeyerBlur10{"Keyer", {{"Matte Blur", 10.0}}, false};
+inline const ToolCase kMatteControlBlur10{"MatteControl", {{"Matte Blur", 10.0}}, false};
 
 // Loads the tool module, then runs the benchmarks the command line selects.
 inline int RunWithToolModule(int argc, char** argv, benchmark::BenchmarkReporter* reporter = nullptr) {

@@ -10,6 +10,7 @@
 #include "tools/color/color_tools.h"
 #include "tools/filter/filter_tools.h"
 #include "tools/matte/masks.h"
+#include "tools/matte/matte.h"
 #include "tools/modifier/modifier_tools.h"
 #include "tools/warp/warp_tools.h"
 
@@ -57,13 +58,15 @@ void RegisterCatalogue() {
                               &tools::NewTriangleMask);
   Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)},
                               &tools::NewCornerPin);
-  Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)});
+  Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)},
+                              &tools::NewKeyer);
   Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()},
                               &tools::NewTimeStretcher);
   Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)},
                               &tools::NewMerge);
   Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)}, &tools::NewOffset);
-  Standard<FourCC("LKey")>(threshold, "Threshold", ImageTool, {Category("Matte"), Short("LKy"), Describe("Creates a matte from a luminance or color channel"), Display("Luma Keyer"), Group(150), ToolNo(0x100000A)});
+  Standard<FourCC("LKey")>(threshold, "Threshold", ImageTool, {Category("Matte"), Short("LKy"), Describe("Creates a matte from a luminance or color channel"), Display("Luma Keyer"), Group(150), ToolNo(0x100000A)},
+                              &tools::NewLumaKeyer);
   Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)}, &tools::NewPath);
   Standard<FourCC("Rsze")>(resize, "Resize", ImageTool, {Category("Transform"), Short("Rsz"), Describe("Resizes the frame to a new resolution"), Group(140), ToolNo(0x100001B), MakesFrames()},
                               &tools::NewResize);
@@ -78,7 +81,8 @@ void RegisterCatalogue() {
                               &tools::NewMotionBlur);
   Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()},
                               &tools::NewCrop);
-  Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)});
+  Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)},
+                              &tools::NewMatteControl);
   RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &tools::NewLoader, FourCC("Load"), Creator,
                 {Category("Loader/Creator"), Short("LD"), Describe("Loads frames from a clip sequence or device"), Group(147), ToolNo(0x1000001), MakesFrames()});
   Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)},
@@ -112,7 +116,8 @@ void RegisterCatalogue() {
                               &tools::NewColorSpace);
   Standard<FourCC("dmix")>(dissolve, "Dissolve", ImageTool, {Category("Composite"), Short("DX"), Describe("Dissolves and mixes two image together"), Display("Dissolve"), Group(144), ToolNo(0x1000005)},
                               &tools::NewDissolve);
-  Standard<FourCC("CKey")>(chroma_key, "ChromaKey", ImageTool, {Category("Matte"), Short("CKy"), Describe("Creates a matte from a uniform colored background"), Display("Chroma Keyer"), Group(170), ToolNo(0x1000009)});
+  Standard<FourCC("CKey")>(chroma_key, "ChromaKey", ImageTool, {Category("Matte"), Short("CKy"), Describe("Creates a matte from a uniform colored background"), Display("Chroma Keyer"), Group(170), ToolNo(0x1000009)},
+                              &tools::NewChromaKeyer);
   Standard<FourCC("Save")>(saver, "Saver", Saver, {Category("Output"), Short("SV"), Describe("Saves frames to a clip sequence or device"), Group(146), ToolNo(0x1000002), MakesFrames()},
                               &tools::NewSaver);
   Standard<FourCC("Dfrm")>(deform, "Deform", ImageTool, {Category("Warp"), Short("Dfm"), Describe("Deform refracts one image using another"), ToolNo(0x1000010)});

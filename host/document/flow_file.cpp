@@ -388,7 +388,8 @@ class TextFlowReader {
     if (auto* lists = dynamic_cast<NodeListTool*>(obj); lists && entry.contains("data")) {
       ApplyNodeLists(lists, entry["data"], where);
     } else if (entry.contains("data")) {
-      // The tool's own fields follow a base record that holds nothing but the name and place.
+      // The tool's own fields follow a base record that holds nothing but the name and place
+      // (no inputs, no attributes).
       Ref<Object> probe = Ref<Object>::Adopt(obj);
       std::vector<uint8_t> fields;
       if (entry["data"].is_object())
@@ -399,6 +400,7 @@ class TextFlowReader {
       record.WriteString(name);
       record.WriteInt(position.first);
       record.WriteInt(position.second);
+      record.WriteWord(0);
       record.WriteWord(0);
       record.WriteBytes(fields.data(), fields.size());
       record.WriteWord(0);
@@ -856,12 +858,17 @@ class TextFlowWriter {
   }
 
   // The bytes a tool's record holds between the base record and its end: by name where the
-  // tool lays its fields out, else as hexadecimal. Null when there are none.
+  // tool lays its fields out, else as hexadecimal. Null when there are none. The base record
+  // ends with the attributes the tool kept: a count, then two words each.
   static Json OwnFields(Operator* op) {
     CArchive whole, base;
     op->Save(&whole, nullptr);
     op->Operator::Save(&base, nullptr);
-    const size_t begin = 4 + base.Bytes().size(), end = whole.Bytes().size() - 8;
+    const size_t kept_at = base.Bytes().size();  // after the class id and the count word
+    if (whole.Bytes().size() < kept_at + 8) return nullptr;
+    uint32_t kept = 0;
+    std::memcpy(&kept, whole.Bytes().data() + kept_at, 4);
+    const size_t begin = kept_at + 4 + 8 * size_t(kept), end = whole.Bytes().size() - 8;
     if (end <= begin) return nullptr;
     const std::vector<uint8_t> bytes(whole.Bytes().begin() + long(begin), whole.Bytes().begin() + long(end));
     if (Json named = NamedFields(op->DataLayout(), bytes); !named.is_null()) return named;

@@ -124,7 +124,12 @@ void Input::SetValue(Parameter* value, double time) {
   Ref<Parameter> v = Held(value);
   if (!v) return;
   const bool animated = state_.animation && !state_.animation->Empty();
-  if (!animated && state_.constant && state_.constant->Equals(*v)) return;  // no change, no notice
+  if (!animated && state_.constant && state_.constant->Equals(*v)) {
+    // No change and no notice; a named undo step that sets it still counts it, so that a
+    // command that sets values, changed or not, always leaves its step in the history.
+    if (owner_->tool_owner_) owner_->tool_owner_->RecordInput(this, state_);
+    return;
+  }
   InputState next = state_;
   if (animated && time != kOutsideTime) {
     next.animation->SetKey(KeyOf(*v, time));
@@ -229,6 +234,16 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
     }
     saved_inputs_[id] = std::move(saved);
   }
+  // The attributes the tool kept when it was saved: its load tag list.
+  const uint32_t kept = ar->ReadWord();
+  if (kept > ar->Remaining() / 8)
+    throw ArchiveError("the document is corrupt: tool '" + name_ + "' claims " + std::to_string(kept) + " attributes");
+  TagList attributes;
+  for (uint32_t i = 0; i < kept; ++i) {
+    const uint32_t id = ar->ReadWord();
+    attributes.Add(Tag(id, ar->ReadWord()));
+  }
+  SetAttrsTagList(attributes);
 }
 
 Operator::~Operator() = default;
@@ -241,7 +256,7 @@ void Operator::Dump() {
 void Operator::SetAttrsTagList(const TagList& tags) { Object::SetAttrsTagList(tags); }
 bool Operator::CopyAttr(uint32_t, void*) { return false; }
 
-uint32_t Operator::Save(CArchive* ar, TagList*) {
+uint32_t Operator::Save(CArchive* ar, TagList* tags) {
   if (!ar) return 0;
   ar->WriteString(name_);
   ar->WriteInt(flow_x_);
@@ -271,6 +286,15 @@ uint32_t Operator::Save(CArchive* ar, TagList*) {
       ar->WriteString(s.modifier->Name());
       ar->WriteWord(s.modifier_output ? s.modifier_output->Id() : 0);
     }
+  }
+  std::vector<const Tag*> kept;
+  if (tags)
+    for (const Tag& t : *tags)
+      if (t.kind == TagKind::Integer) kept.push_back(&t);
+  ar->WriteWord(uint32_t(kept.size()));
+  for (const Tag* t : kept) {
+    ar->WriteWord(t->id);
+    ar->WriteWord(t->integer);
   }
   return 1;
 }

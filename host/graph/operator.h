@@ -136,7 +136,8 @@ class Input {
 
   // Sets the value at a time, taking over the caller's reference. Numbers are held to the
   // lowest and highest values the input allows. On an animated input this sets a key at that
-  // time; at kOutsideTime it replaces the animation with the constant.
+  // time; at kOutsideTime it replaces the animation with the constant. A value equal to the
+  // constant changes nothing, but an open undo step still records the input.
   void SetValue(Parameter* value, double time = kOutsideTime);
   // Keys a number or point at a time, animating an input that is not animated yet (with its
   // default curve and this key alone). Numbers are held to the input's limits.
@@ -214,7 +215,8 @@ class Operator : public LockableObject {
   void SetAttrsTagList(const TagList& tags) override;
   virtual bool CopyAttr(uint32_t attr, void* value);
   // Writes the base record; a tool writes its class id first and its own fields, 0 and
-  // "EndC" after. Returns 1 on success, 0 on failure.
+  // "EndC" after. The integer tags of `tags` are kept in the record and come back as the
+  // tool's attributes when it is loaded. Returns 1 on success, 0 on failure.
   virtual uint32_t Save(CArchive* ar, TagList* tags);
   virtual void EndUndo(uint32_t keep);
   virtual void StartUndo(const char* name);

@@ -95,4 +95,11 @@ void Request::Own(Object* obj) {
   if (obj) owned_.push_back(obj);
 }
 
+void Request::Release(Object* obj) {
+  auto it = std::find(owned_.begin(), owned_.end(), obj);
+  if (it == owned_.end()) return;
+  owned_.erase(it);
+  obj->Recycle();
+}
+
 }  // namespace kestrion

@@ -49,6 +49,9 @@ class Request {
 
   // Makes the request the owner of an object it releases when it ends (NewImage uses this).
   void Own(Object* obj);
+  // Releases an object the request owns now rather than when it ends: an image a tool made
+  // for an intermediate step and no longer needs. Nothing happens for an object it does not own.
+  void Release(Object* obj);
 
   double time;
   uint32_t flags;

@@ -193,17 +193,25 @@ class Image : public Parameter {
 // The luminance of the keyers and of Saturate: (19595 R + 38470 G + 7471 B) >> 16.
 constexpr int Luminance(int red, int green, int blue) { return (19595 * red + 38470 * green + 7471 * blue) >> 16; }
 
+// A colour difference d = c - Y scaled by k / 65536 and rounded toward zero; it never falls
+// as d grows.
+constexpr int ScaledDifference(int d, int k) {
+  // A shift rounds toward minus infinity; adding 65535 to negative products first rounds
+  // toward zero instead.
+  return (d * k + ((d * k) >> 31 & 0xFFFF)) >> 16;
+}
+// The scales of the red, green and blue differences.
+constexpr int kRedDifferenceScale = 40000, kGreenDifferenceScale = 50000, kBlueDifferenceScale = 30000;
+
 // A pixel's luminance and its scaled colour differences q(R - Y, 40000), q(G - Y, 50000),
-// q(B - Y, 30000), with q(d, k) = d * k / 65536 rounded toward zero.
+// q(B - Y, 30000), q being ScaledDifference.
 struct ColourDifferences {
   int luminance, red, green, blue;
 };
 constexpr ColourDifferences ColourDifferencesOf(int red, int green, int blue) {
   const int y = Luminance(red, green, blue);
-  // A shift rounds toward minus infinity; adding 65535 to negative products first rounds
-  // toward zero instead.
-  const auto q = [](int d, int k) { return (d * k + ((d * k) >> 31 & 0xFFFF)) >> 16; };
-  return {y, q(red - y, 40000), q(green - y, 50000), q(blue - y, 30000)};
+  return {y, ScaledDifference(red - y, kRedDifferenceScale), ScaledDifference(green - y, kGreenDifferenceScale),
+          ScaledDifference(blue - y, kBlueDifferenceScale)};
 }
 
 // A new image for the request with the size, depth and attributes of `like` (cleared to zero);

@@ -97,8 +97,8 @@ TEST_F(FactoryTest, AFailedAllocationGivesNullAndNoConstruction) {
 
 TEST_F(FactoryTest, ConstructsOnTheAllocatedStorageWithTheArgumentsUnchanged) {
   Registry reg(nullptr, "Unlisted", {});
-  CArchive record;  // a base record: no name, position (0, 0), no saved inputs
-  for (int i = 0; i < 4; ++i) record.WriteWord(0);
+  CArchive record;  // a base record: no name, position (0, 0), no saved inputs, no attributes
+  for (int i = 0; i < 5; ++i) record.WriteWord(0);
   CArchive ar(record.Bytes());
   TagList tags{Tag(in::Default, 1.0)};
   Object* obj = CreateTool<BigTool>(&RecordingAllocator, &reg, &ar, &tags);

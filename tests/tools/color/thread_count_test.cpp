@@ -1,6 +1,6 @@
-// Every threaded tool (colour, compositing and warp) gives the same bytes on 1, 2, 3 and 7 worker
-// threads, and leaves the random generator at the same place: each case is rendered once per
-// thread count over 61 rows (several bands), its cached result dropped in between.
+// Every threaded tool (colour, compositing, matte and warp) gives the same bytes on 1, 2, 3 and 7
+// worker threads, and leaves the random generator at the same place: each case is rendered once
+// per thread count over 61 rows (several bands), its cached result dropped in between.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -40,6 +40,14 @@ const ToolCase kCases[] = {
   {"Merge",      {}},
   {"Merge",      {{"Size", 1.3}, {"Angle", 30}, {kAdditive, 0.5}, {"Alpha Gain", 0.8}}},
   {"Merge",      {{"Size", 1.3}, {"Angle", 30}}, true, rflag::Quick},
+  // The matte tools, with their blurs' running sums started afresh in each band.
+  {"Keyer",        {}, false},
+  {"Keyer",        {{"Red Low", .3}, {"Red High", .7}, {"Luminance High", .8}, {"Pre Matte Blur", 5}, {"Matte Blur", 20},
+                    {"Matte Halo", .5}}, false},
+  {"ChromaKey",    {{"Red Low", .3}, {"Red High", .6}, {"Soft Range", .5}, {"Matte Blur", 30}, {"Matte Halo", .3}}, false},
+  {"Threshold",    {{"Channel", 2}, {"Low", .2}, {"High", .8}, {"Matte Blur", 50}}, false},
+  {"MatteControl", {{"Matte Blur", 12}, {"Matte Contrast", .2}}, false},
+  {"MatteControl", {{"Matte Blur", 7000}}, false},  // 64-bit sums
   {"Transform",  {{"Size", 1.3}, {"Angle", 30}, {"Aspect", 1.5}}, false},
   {"Transform",  {{"Size", 0.7}, {"Angle", 200}}, false, rflag::Quick},
   {"Resize",     {{"Width", 23}, {"Height", 67}}, false, 0, 23 * 67},
