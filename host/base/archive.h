@@ -51,6 +51,11 @@ class CArchive {
   // a text flow could not hold it.
   std::string ReadText();
 
+  // The format of the records being read: documents before version 2 hold no attributes in a
+  // tool's base record. Archives made in memory are of the current format.
+  static constexpr uint32_t kCurrentFormat = 2;
+  uint32_t format = kCurrentFormat;
+
   size_t Position() const { return pos_; }
   size_t Remaining() const { return bytes_.size() - pos_; }
   bool AtEnd() const { return pos_ >= bytes_.size(); }

@@ -16,7 +16,8 @@ namespace kestrion {
 
 namespace {
 constexpr uint32_t kDocumentMagic = FourCC("KFlw");
-constexpr uint32_t kDocumentVersion = 1;
+// Version 2 added the attributes a tool keeps to its base record; version 1 documents still load.
+constexpr uint32_t kDocumentVersion = CArchive::kCurrentFormat;
 constexpr uint32_t kDocumentEnd = FourCC("EndF");
 // More codec settings than this in a document mean it is corrupt.
 constexpr uint32_t kMaxCodecSettings = 64;
@@ -513,9 +514,10 @@ std::unique_ptr<CPipelineDoc> CPipelineDoc::Load(CArchive& ar, HostError* err) {
   try {
     if (ar.ReadWord() != kDocumentMagic) return fail("not a flow document (wrong magic word)");
     const uint32_t version = ar.ReadWord();
-    if (version != kDocumentVersion)
-      return fail("flow document version " + std::to_string(version) + " is not supported (this build reads " +
+    if (version < 1 || version > kDocumentVersion)
+      return fail("flow document version " + std::to_string(version) + " is not supported (this build reads 1 to " +
                   std::to_string(kDocumentVersion) + ")");
+    ar.format = version;
     doc->current_time = ar.ReadDouble();
     doc->render_range.start = ar.ReadDouble();
     doc->render_range.end = ar.ReadDouble();

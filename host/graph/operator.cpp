@@ -235,7 +235,7 @@ Operator::Operator(Registry* reg, CArchive* ar, TagList* tags) : registry_(reg) 
     saved_inputs_[id] = std::move(saved);
   }
   // The attributes the tool kept when it was saved: its load tag list.
-  const uint32_t kept = ar->ReadWord();
+  const uint32_t kept = ar->format >= 2 ? ar->ReadWord() : 0;
   if (kept > ar->Remaining() / 8)
     throw ArchiveError("the document is corrupt: tool '" + name_ + "' claims " + std::to_string(kept) + " attributes");
   TagList attributes;

@@ -395,6 +395,20 @@ std::unique_ptr<CPipelineDoc> LoadBytes(const std::vector<uint8_t>& bytes, HostE
   return CPipelineDoc::Load(ar, &err);
 }
 
+// A document of version 1, saved before tools kept attributes in their base record, still loads
+// and saves again as the current version.
+TEST_F(DocumentTest, AVersionOneDocumentLoads) {
+  HostError err;
+  auto old = CPipelineDoc::LoadFile(KESTRION_TEST_SOURCE_DIR "/fuzz/corpus/document/grade.kfl", &err);
+  ASSERT_NE(old, nullptr) << err.message;
+  EXPECT_EQ(old->Tools().size(), 3u);
+  const std::vector<uint8_t> bytes = SaveBytes(*old);
+  EXPECT_EQ(bytes[4], 2);
+  auto again = LoadBytes(bytes, err);
+  ASSERT_NE(again, nullptr) << err.message;
+  EXPECT_EQ(SaveBytes(*again), bytes);
+}
+
 // Renders every output of a flow at a time; failures are fine, crashes are not.
 void RenderEverything(CPipelineDoc& doc, double time) {
   for (Operator* op : doc.Tools())
