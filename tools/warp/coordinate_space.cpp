@@ -1,0 +1,150 @@
+// Coordinate Space: converts a frame between rectangular and polar coordinates about its middle.
+// "Rectangular to Polar" unrolls the picture so that the output's columns are angles and its rows
+// distances from the middle; "Polar to Rectangular" wraps such a picture back around it. Pixels
+// are copied whole from the nearest source pixel; angles and distances are worked out once per
+// column and row where only one of them varies.
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "module/image_model.h"
+#include "module/operator_contract.h"
+#include "module/registry.h"
+#include "tools/warp/warp_tools.h"
+
+namespace kestrion::tools {
+
+namespace {
+
+constexpr uint32_t kClassId = FourCC("CrdS");
+constexpr double kPi = 3.141592653589793;
+
+enum CoordinateSpaceInput { Shape, ImageIn, kInputCount };
+enum Conversion { RectangularToPolar, PolarToRectangular };
+
+// The middle of the frame, in fractions of it: the centre of both conversions.
+constexpr double kCentreX = 0.5, kCentreY = 0.5;
+
+// Everything the rows need, worked out once per render in Process.
+struct PolarRender {
+  const Image* src = nullptr;
+  Image* out = nullptr;
+  int width = 0, height = 0;
+  long bands = 1;
+  int conversion = RectangularToPolar;
+  double farthest = 0;           // Polar to Rectangular: the distance to the farthest corner
+  std::vector<double> cos_angle;  // Rectangular to Polar: per output column x,
+  std::vector<double> sin_angle;  //   the angle (x / W - 0.5) 2 pi
+};
+
+// The source pixel (sx, sy) copied whole into pixel x of `out`'s row y, a mask's byte or a word.
+inline void CopyPixel(const Image& src, const Image& out, int y, int x, int sx, int sy) {
+  if (out.Depth() == 32) {
+    out.Row(y)[x] = src.Row(sy)[sx];
+  } else {
+    out.MaskRow(y)[x] = src.MaskRow(sy)[sx];
+  }
+}
+
+// Output row y, the distance y / H / sqrt(2) from the middle at every column's angle; points
+// that fall outside the source are black.
+void RectangularToPolarRow(const PolarRender& t, int y) {
+  const double rho = double(y) / t.height / std::sqrt(2.0);
+  for (int x = 0; x < t.width; ++x) {
+    const int32_t sx = module::TruncToInt((t.width - 1) * (t.cos_angle[size_t(x)] * rho + kCentreX));
+    const int32_t sy = module::TruncToInt((t.height - 1) * (t.sin_angle[size_t(x)] * rho + kCentreY));
+    if (sx < 0 || sx >= t.width || sy < 0 || sy >= t.height) {
+      if (t.out->Depth() == 32) {
+        t.out->Row(y)[x] = 0;
+      } else {
+        t.out->MaskRow(y)[x] = 0;
+      }
+    } else {
+      CopyPixel(*t.src, *t.out, y, x, sx, sy);
+    }
+  }
+}
+
+// Output row y: each pixel's distance from the middle, over the farthest corner's, picks the
+// source row and its angle, as a fraction of a turn from the left, the source column.
+void PolarToRectangularRow(const PolarRender& t, int y) {
+  const double dy = double(y) / t.height - kCentreY;
+  for (int x = 0; x < t.width; ++x) {
+    const double dx = double(x) / t.width - kCentreX;
+    const double rho = std::sqrt(dx * dx + dy * dy) / t.farthest;
+    const double turn = dx == 0 && dy == 0 ? 0.0 : (std::atan2(dy, dx) + kPi) * 0.15915494309189535;
+    CopyPixel(*t.src, *t.out, y, x, module::TruncToInt((t.width - 1) * turn), module::TruncToInt((t.height - 1) * rho));
+  }
+}
+
+class CoordinateSpace final : public ThreadedOperator {
+ public:
+  CoordinateSpace(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
+    // clang-format off
+    const module::InputDecl table[kInputCount] = {
+      {"Shape", vtype::Number, FourCC("CrdS"),  {Tag(in::Control, control::DropDown), Tag(in::ListEntry, "Rectangular to Polar"),
+                                                 Tag(in::ListEntry, "Polar to Rectangular"), Tag(in::Default, 0.0)}},
+      {"Image", vtype::Image,  ImageInputId(1), {}},
+    };
+    // clang-format on
+    module::DeclareInputs(this, table, in_);
+    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
+    SetThreadSettings(2, 0);
+    if (ar) module::SkipRecordEnd(ar);
+  }
+
+  uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
+
+  uint32_t Process(Request* req) override {
+    const int shape = module::TruncToInt(module::NumberInput(req, in_[Shape]));
+    auto* src = dynamic_cast<Image*>(req->GetInputData(in_[ImageIn]));
+    if (!src) return req->SetOutputData(image_out_, nullptr);
+    PolarRender& t = render_;
+    t.src = src;
+    t.out = NewImage(req, src);
+    t.width = src->Width();
+    t.height = src->Height();
+    t.conversion = shape;
+    // Any other shape value leaves the new frame as it was made.
+    if (shape != RectangularToPolar && shape != PolarToRectangular) return req->SetOutputData(image_out_, t.out);
+    if (shape == RectangularToPolar) {
+      t.cos_angle.resize(size_t(t.width));
+      t.sin_angle.resize(size_t(t.width));
+      for (int x = 0; x < t.width; ++x) {
+        const double angle = (double(x) / t.width - 0.5) * 6.283185307179586;
+        t.cos_angle[size_t(x)] = std::cos(angle);
+        t.sin_angle[size_t(x)] = std::sin(angle);
+      }
+    } else {
+      const double far_x = std::max(kCentreX, 1 - kCentreX), far_y = std::max(kCentreY, 1 - kCentreY);
+      t.farthest = std::sqrt(far_x * far_x + far_y * far_y);
+    }
+    t.bands = module::RowBands(t.height);
+    DoMultiProcess(req, t.bands);
+    return req->SetOutputData(image_out_, t.out);
+  }
+
+  void ProcessChunk(Request*, long band) override {
+    const PolarRender& t = render_;
+    module::ForEachRow(*this, module::BandRows(t.height, t.bands, band), [&](int y) {
+      if (t.conversion == RectangularToPolar) {
+        RectangularToPolarRow(t, y);
+      } else {
+        PolarToRectangularRow(t, y);
+      }
+    });
+  }
+
+ private:
+  Input* in_[kInputCount];
+  Output* image_out_;
+  PolarRender render_;
+};
+
+}  // namespace
+
+Object* NewCoordinateSpace(Registry* reg, CArchive* ar, TagList* tags) {
+  return module::Factory<CoordinateSpace>(reg, ar, tags);
+}
+
+}  // namespace kestrion::tools
