@@ -153,9 +153,11 @@ const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x,
   return out;
 }
 
-// The samples of SamplePoints_Black and SamplePoints_Clamp. On a 32-bit image each neighbour is
-// read at its index held to the image and, for the black edge, dropped when the index lies
-// outside, which is what WordAt gives without a branch on the position.
+// The samples of SamplePoints_Black and SamplePoints_Clamp, in blocks. A block whose points
+// all read pixels inside the image reads them straight; otherwise each neighbour is read at its
+// index held to the image and, for the black edge, dropped when the index lies outside, which
+// is what WordAt gives without a branch on the position. The bilinear mixes of a block are one
+// loop of plain 32-bit arithmetic that runs on vectors.
 template <bool kClamp>
 void SamplePoints(const Image& img, uint32_t* out, const int32_t* xs, const int32_t* ys, int count, long quality) {
   const long w = img.Width(), h = img.Height();
@@ -168,14 +170,56 @@ void SamplePoints(const Image& img, uint32_t* out, const int32_t* xs, const int3
     const uint32_t v = static_cast<const uint32_t*>(rows[std::clamp(j, 0L, h - 1)])[std::clamp(i, 0L, w - 1)];
     return kClamp || (uint64_t(i) < uint64_t(w) && uint64_t(j) < uint64_t(h)) ? v : 0u;
   };
-  if (quality == 0) {
-    for (int k = 0; k < count; ++k) out[k] = word((long(xs[k]) + 128) >> 8, (long(ys[k]) + 128) >> 8);
-    return;
-  }
-  for (int k = 0; k < count; ++k) {
-    const long i = xs[k] >> 8, j = ys[k] >> 8;
-    out[k] = Bilinear(word(i, j), word(i + 1, j), word(i, j + 1), word(i + 1, j + 1), uint32_t(xs[k] & 255),
-                      uint32_t(ys[k] & 255));
+  // The pixel a point reads first (the nearest one, or the top left of four) and how many more
+  // columns and rows past it it reads.
+  const int32_t round = quality == 0 ? 128 : 0, extra = quality == 0 ? 0 : 1;
+  constexpr int kBlock = 64;
+  int32_t i[kBlock], j[kBlock];
+  uint32_t p00[kBlock], p10[kBlock], p01[kBlock], p11[kBlock], fx[kBlock], fy[kBlock];
+  for (int first = 0; first < count; first += kBlock) {
+    const int n = std::min(kBlock, count - first);
+    int32_t low_i = INT32_MAX, high_i = INT32_MIN, low_j = INT32_MAX, high_j = INT32_MIN;
+    for (int k = 0; k < n; ++k) {
+      // (x + 128) >> 8 without overflow at the top of the range.
+      i[k] = (xs[first + k] >> 8) + (round & xs[first + k]) / 128;
+      j[k] = (ys[first + k] >> 8) + (round & ys[first + k]) / 128;
+      low_i = std::min(low_i, i[k]);
+      high_i = std::max(high_i, i[k]);
+      low_j = std::min(low_j, j[k]);
+      high_j = std::max(high_j, j[k]);
+    }
+    const bool inside = low_i >= 0 && low_j >= 0 && high_i + extra < w && high_j + extra < h;
+    uint32_t* __restrict to = out + first;
+    if (quality == 0) {
+      if (inside) {
+        for (int k = 0; k < n; ++k) to[k] = static_cast<const uint32_t*>(rows[j[k]])[i[k]];
+      } else {
+        for (int k = 0; k < n; ++k) to[k] = word(i[k], j[k]);
+      }
+      continue;
+    }
+    if (inside) {
+      for (int k = 0; k < n; ++k) {
+        const uint32_t* top = static_cast<const uint32_t*>(rows[j[k]]) + i[k];
+        const uint32_t* bottom = static_cast<const uint32_t*>(rows[j[k] + 1]) + i[k];
+        p00[k] = top[0];
+        p10[k] = top[1];
+        p01[k] = bottom[0];
+        p11[k] = bottom[1];
+      }
+    } else {
+      for (int k = 0; k < n; ++k) {
+        p00[k] = word(i[k], j[k]);
+        p10[k] = word(long(i[k]) + 1, j[k]);
+        p01[k] = word(i[k], long(j[k]) + 1);
+        p11[k] = word(long(i[k]) + 1, long(j[k]) + 1);
+      }
+    }
+    for (int k = 0; k < n; ++k) {
+      fx[k] = uint32_t(xs[first + k] & 255);
+      fy[k] = uint32_t(ys[first + k] & 255);
+    }
+    for (int k = 0; k < n; ++k) to[k] = Bilinear(p00[k], p10[k], p01[k], p11[k], fx[k], fy[k]);
   }
 }
 
