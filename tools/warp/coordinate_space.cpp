@@ -3,13 +3,16 @@
 // distances from the middle; "Polar to Rectangular" wraps such a picture back around it. Pixels
 // are copied whole from the nearest source pixel; angles and distances are worked out once per
 // column and row where only one of them varies.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
+#include "module/fast_math.h"
 #include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
+#include "module/warp_rows.h"
 #include "tools/warp/warp_tools.h"
 
 namespace kestrion::tools {
@@ -37,43 +40,67 @@ struct PolarRender {
   std::vector<double> sin_angle;  //   the angle (x / W - 0.5) 2 pi
 };
 
-// The source pixel (sx, sy) copied whole into pixel x of `out`'s row y, a mask's byte or a word.
-inline void CopyPixel(const Image& src, const Image& out, int y, int x, int sx, int sy) {
-  if (out.Depth() == 32) {
-    out.Row(y)[x] = src.Row(sy)[sx];
-  } else {
-    out.MaskRow(y)[x] = src.MaskRow(sy)[sx];
+// Pixels x0 .. x0 + count - 1 of `out`'s row y copied whole from the source pixels at
+// `points`, a mask's byte or a word; black where a point lies outside the source.
+void CopyPoints(const PolarRender& t, int y, int x0, int count, const module::SourcePoints& points) {
+  for (int k = 0; k < count; ++k) {
+    const int32_t sx = points.x[k], sy = points.y[k];
+    const bool inside = sx >= 0 && sx < t.width && sy >= 0 && sy < t.height;
+    if (t.out->Depth() == 32) {
+      t.out->Row(y)[x0 + k] = inside ? t.src->Row(sy)[sx] : 0;
+    } else {
+      t.out->MaskRow(y)[x0 + k] = inside ? t.src->MaskRow(sy)[sx] : 0;
+    }
   }
 }
 
 // Output row y, the distance y / H / sqrt(2) from the middle at every column's angle; points
 // that fall outside the source are black.
 void RectangularToPolarRow(const PolarRender& t, int y) {
-  const double rho = double(y) / t.height / std::sqrt(2.0);
-  for (int x = 0; x < t.width; ++x) {
-    const int32_t sx = module::TruncToInt((t.width - 1) * (t.cos_angle[size_t(x)] * rho + kCentreX));
-    const int32_t sy = module::TruncToInt((t.height - 1) * (t.sin_angle[size_t(x)] * rho + kCentreY));
-    if (sx < 0 || sx >= t.width || sy < 0 || sy >= t.height) {
-      if (t.out->Depth() == 32) {
-        t.out->Row(y)[x] = 0;
-      } else {
-        t.out->MaskRow(y)[x] = 0;
-      }
-    } else {
-      CopyPixel(*t.src, *t.out, y, x, sx, sy);
+  const double rho = double(y) / t.height / std::sqrt(2.0), last_x = t.width - 1, last_y = t.height - 1;
+  const double* cos_angle = t.cos_angle.data();
+  const double* sin_angle = t.sin_angle.data();
+  module::SourcePoints points;
+  for (int x0 = 0; x0 < t.width; x0 += module::kWarpRun) {
+    const int count = std::min(module::kWarpRun, t.width - x0);
+    for (int k = 0; k < count; ++k) {
+      points.x[k] = module::TruncToInt(last_x * (cos_angle[x0 + k] * rho + kCentreX));
+      points.y[k] = module::TruncToInt(last_y * (sin_angle[x0 + k] * rho + kCentreY));
     }
+    CopyPoints(t, y, x0, count, points);
   }
 }
 
+// The source column of a pixel at (dx, dy) from the middle, not both zero, for its angle a (as
+// the library gives it): (a + pi) / 2 pi of the way across from the left.
+inline int32_t ColumnOf(double last_x, double angle) {
+  return module::TruncToInt(last_x * ((angle + kPi) * 0.15915494309189535));
+}
+
 // Output row y: each pixel's distance from the middle, over the farthest corner's, picks the
-// source row and its angle, as a fraction of a turn from the left, the source column.
+// source row, and its angle the source column; the middle pixel takes column 0 of row 0. The
+// angle comes from the fast atan2 and the column from both ends of its error, or from the
+// library's atan2 where those differ.
 void PolarToRectangularRow(const PolarRender& t, int y) {
-  const double dy = double(y) / t.height - kCentreY;
-  for (int x = 0; x < t.width; ++x) {
-    const double dx = double(x) / t.width - kCentreX;
-    const double rho = std::sqrt(dx * dx + dy * dy) / t.farthest;
-    const double turn = dx == 0 && dy == 0 ? 0.0 : (std::atan2(dy, dx) + kPi) * 0.15915494309189535;
-    CopyPixel(*t.src, *t.out, y, x, module::TruncToInt((t.width - 1) * turn), module::TruncToInt((t.height - 1) * rho));
+  const double dy = double(y) / t.height - kCentreY, width = t.width, farthest = t.farthest;
+  const double last_x = t.width - 1, last_y = t.height - 1;
+  module::SourcePoints points;
+  int32_t column_high[module::kWarpRun];
+  for (int x0 = 0; x0 < t.width; x0 += module::kWarpRun) {
+    const int count = std::min(module::kWarpRun, t.width - x0);
+    for (int k = 0; k < count; ++k) {
+      const double dx = double(x0 + k) / width - kCentreX;
+      const bool middle = dx == 0 && dy == 0;
+      const module::Bracket column =
+          module::BracketOf(module::FastAtan2(dy, dx), middle ? 0.0 : module::kFastAtan2Error,
+                            [&](double angle) { return middle ? 0 : ColumnOf(last_x, angle); });
+      points.x[k] = column.low;
+      column_high[k] = column.high;
+      points.y[k] = module::TruncToInt(last_y * (std::sqrt(dx * dx + dy * dy) / farthest));
+    }
+    for (int k = 0; k < count; ++k)
+      if (points.x[k] != column_high[k]) points.x[k] = ColumnOf(last_x, std::atan2(dy, double(x0 + k) / width - kCentreX));
+    CopyPoints(t, y, x0, count, points);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "module/fast_math.h"
 #include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
@@ -39,9 +40,28 @@ struct DentRender {
   DentRowFn row = nullptr;
 };
 
-// The new distance from the centre of a pixel at distance r inside the circle.
+// The profiles that go through a sine or a cosine.
+constexpr bool UsesTrig(int type) { return type == CosineDent || type == SineDent; }
+
+// The argument of that sine or cosine for a pixel at distance r inside the circle of radius R,
+// and the C library's value of it.
 template <int kType>
-inline double NewRadius(double r, double R, double k) {
+inline double TrigArgument(double r, double R) {
+  if constexpr (kType == CosineDent) return (R - r) / R * kPi;
+  // q = r 10 - R 10, held to at most 0 as (q - |q|) / 2, which is q or 0 exactly: written so
+  // (not as a choice) the compiler runs the row on vectors.
+  const double q = r * 10 - R * 10;
+  return 0.5 * (q - std::fabs(q));
+}
+template <int kType>
+inline double LibraryTrig(double argument) {
+  return kType == CosineDent ? std::cos(argument) : std::sin(argument);
+}
+
+// The new distance from the centre of a pixel at distance r inside the circle; `trig` is the
+// value of the profile's sine or cosine, where it has one.
+template <int kType>
+inline double NewRadius(double r, double R, double k, double trig) {
   if constexpr (kType == Dent1) {
     return r + (R - r) * k;
   } else if constexpr (kType == Kaleidoscope) {
@@ -51,13 +71,53 @@ inline double NewRadius(double r, double R, double k) {
   } else if constexpr (kType == Dent3) {
     return r + std::sqrt(r) * (R - r) * k / R;
   } else if constexpr (kType == CosineDent) {
-    return r + (1 - std::cos((R - r) / R * kPi)) * k * 0.1;
+    return r + (1 - trig) * k * 0.1;
   } else if constexpr (kType == SineDent) {
-    double q = r * 10 - R * 10;
-    if (q > 0) q = 0;
-    return r + std::sin(q) * k * (r * 0.2) * -5.0;
+    return r + trig * k * (r * 0.2) * -5.0;
   } else {
     return r;
+  }
+}
+
+// The source points of pixels x0 .. x0 + count - 1 of a row at dy, all inside the circle: the
+// pixel moved along its radius to the new distance. A profile with a sine or a cosine takes it
+// from the fast form and the points from both ends of its error, and the library's where those
+// differ.
+template <int kType>
+void DentPoints(const DentRender& t, double dy, int x0, int count, module::SourcePoints& points) {
+  const double R = t.radius, k = t.k, width = t.width, cxp = t.cxp, cyp = t.cyp, xs = t.xs, ys = t.ys;
+  const auto offset = [&](int x) { return (x - cxp) / width * xs; };
+  const auto source = [&](double moved, double d, double r, double centre, double aspect) {
+    return module::TruncToInt((moved * d / r * width / aspect + centre) * 256.0);
+  };
+  bool doubt[module::kWarpRun];
+  for (int i = 0; i < count; ++i) {
+    const double dx = offset(x0 + i), r = std::sqrt(dx * dx + dy * dy);
+    if constexpr (UsesTrig(kType)) {
+      const double argument = TrigArgument<kType>(r, R);
+      const module::SinCos fast = module::FastSinCos(argument);
+      const double trig = kType == CosineDent ? fast.cos : fast.sin;
+      const module::Bracket sx = module::BracketOf(
+          trig, module::kFastTrigError, [&](double v) { return source(NewRadius<kType>(r, R, k, v), dx, r, cxp, xs); });
+      const module::Bracket sy = module::BracketOf(
+          trig, module::kFastTrigError, [&](double v) { return source(NewRadius<kType>(r, R, k, v), dy, r, cyp, ys); });
+      points.x[i] = sx.low;
+      points.y[i] = sy.low;
+      doubt[i] = !((std::fabs(argument) <= module::kFastTrigLimit) & sx.Certain() & sy.Certain());
+    } else {
+      const double moved = NewRadius<kType>(r, R, k, 0.0);
+      points.x[i] = source(moved, dx, r, cxp, xs);
+      points.y[i] = source(moved, dy, r, cyp, ys);
+    }
+  }
+  if constexpr (UsesTrig(kType)) {
+    for (int i = 0; i < count; ++i) {
+      if (!doubt[i]) continue;
+      const double dx = offset(x0 + i), r = std::sqrt(dx * dx + dy * dy);
+      const double moved = NewRadius<kType>(r, R, k, LibraryTrig<kType>(TrigArgument<kType>(r, R)));
+      points.x[i] = source(moved, dx, r, cxp, xs);
+      points.y[i] = source(moved, dy, r, cyp, ys);
+    }
   }
 }
 
@@ -74,14 +134,8 @@ void DentRow(const DentRender& t, int y) {
   module::CopyRun(*t.src, *t.out, y, 0, run.begin);
   module::CopyRun(*t.src, *t.out, y, run.end, t.width);
   module::SampleMappedRun<module::Edge::Black>(
-      *t.src, *t.out, y, run.begin, run.end, t.quality, [&](int x0, int count, module::SourcePoints& points) {
-        for (int k = 0; k < count; ++k) {
-          const double dx = offset(x0 + k), r = std::sqrt(dx * dx + dy * dy);
-          const double moved = NewRadius<kType>(r, t.radius, t.k);
-          points.x[k] = module::TruncToInt((moved * dx / r * t.width / t.xs + t.cxp) * 256.0);
-          points.y[k] = module::TruncToInt((moved * dy / r * t.width / t.ys + t.cyp) * 256.0);
-        }
-      });
+      *t.src, *t.out, y, run.begin, run.end, t.quality,
+      [&](int x0, int count, module::SourcePoints& points) { DentPoints<kType>(t, dy, x0, count, points); });
   // The centre pixel has no direction to move in and stays.
   if (dy == 0)
     for (int x = run.begin; x < run.end; ++x)

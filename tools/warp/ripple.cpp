@@ -2,14 +2,17 @@
 // distance of one of eight shapes (circles, squares, a random field, bands, a product, a star,
 // rays), the wave optionally fading with the distance. Quick renders read the undamped wave from
 // a table of 2000 steps and take the nearest pixel. Points past the frame read its edge.
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <vector>
 
 #include "host/base/random.h"
 #include "host/image/tables.h"
+#include "module/fast_math.h"
 #include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
@@ -53,7 +56,7 @@ struct RippleRender {
   double phase = 0;       // P', radians
   double dampening = 0;   // D
   RippleRowFn row = nullptr;
-  std::vector<float> fx;  // per column: its offset from the centre in frame widths, times xs
+  std::vector<double> fx;  // per column: its offset from the centre in frame widths, times xs (a float)
   std::array<float, kUnit> wave{};     // quick renders: the scale s of distances 0 .. 1999
   uint32_t first_state = 0;            // Random: the generator's state before the first draw
   std::vector<uint64_t> draws_before;  // Random: the draws of the rows above each row
@@ -91,33 +94,78 @@ inline int32_t Distance(float fx, float fy, uint32_t& state) {
   }
 }
 
-// Output row y: each pixel's offset from the centre scaled by s = 1 + a sin(F' d + P'), the
-// centre pixel itself by 1, and the source read there, clamped to the frame.
+// The scale s = 1 + a sin(F' d + P') of a pixel at offset (fx, fy) and distance d, with the C
+// library's sine, and the source point it gives, in 1/256 pixel: the centre plus the offset
+// scaled by s.
+template <bool kDamped>
+inline double WaveAmplitude(double amplitude, double dampening, double fx, double fy) {
+  if constexpr (!kDamped) return amplitude;
+  const double a = amplitude - std::sqrt(fx * fx + fy * fy) * dampening;
+  return a > 0 ? a : 0.0;
+}
+inline int32_t SourceX(const RippleRender& t, double fx, double s) {
+  return module::TruncToInt((t.cx + fx * t.width * s / t.xs) * 256.0);
+}
+inline int32_t SourceY(const RippleRender& t, double fy, double s) {
+  return module::TruncToInt((t.cy + fy * t.width * s / t.ys) * 256.0);
+}
+
+// The source points of pixels x0 .. x0 + count - 1 of a row at fy. First, in order (Random
+// draws as it goes), each pixel's distance and the scales known without a sine: the centre's 1
+// and the quick wave's entries, NaN for the rest. Then the points, from the known scales or from
+// both ends of the fast sine's error; and the library's sine where those differ or the fast form
+// does not reach.
+template <int kShape, bool kQuick, bool kDamped>
+void RipplePoints(const RippleRender& t, float fy, uint32_t& state, int x0, int count, module::SourcePoints& points) {
+  int32_t distance[module::kWarpRun];
+  double fixed_scale[module::kWarpRun];
+  for (int k = 0; k < count; ++k) {
+    const float fx = float(t.fx[size_t(x0 + k)]);
+    const bool centre = fx == 0 && fy == 0;
+    const int32_t d = distance[k] = centre ? 0 : Distance<kShape>(fx, fy, state);
+    const bool waved = kQuick && !kDamped && uint32_t(d) < uint32_t(kUnit);
+    fixed_scale[k] = centre ? 1.0 : waved ? t.wave[size_t(d)] : std::numeric_limits<double>::quiet_NaN();
+  }
+  // The loop reads the render's values from locals: a value read from memory on one side of a
+  // choice only would keep the compiler from running it on vectors.
+  const double fy_wide = fy, amplitude = t.amplitude, dampening = t.dampening;
+  const double* offsets = t.fx.data() + x0;
+  int32_t x_high[module::kWarpRun], y_high[module::kWarpRun];
+  for (int k = 0; k < count; ++k) {
+    const double fx = offsets[k], fy = fy_wide, fixed = fixed_scale[k];
+    const bool known = fixed == fixed;
+    // s = base + a sine: 1 + a sine, or the known scale plus nothing.
+    const double base = known ? fixed : 1.0, a = known ? 0.0 : WaveAmplitude<kDamped>(amplitude, dampening, fx, fy);
+    const double sine = module::FastSinCos(t.frequency * distance[k] + t.phase).sin;
+    const double error = known ? 0.0 : module::kFastTrigError;
+    const module::Bracket sx = module::BracketOf(sine, error, [&](double v) { return SourceX(t, fx, base + a * v); });
+    const module::Bracket sy = module::BracketOf(sine, error, [&](double v) { return SourceY(t, fy, base + a * v); });
+    points.x[k] = sx.low;
+    points.y[k] = sy.low;
+    x_high[k] = sx.high;
+    y_high[k] = sy.high;
+  }
+  for (int k = 0; k < count; ++k) {
+    const double angle = t.frequency * distance[k] + t.phase;
+    const bool certain = fixed_scale[k] == fixed_scale[k] ||
+                         (points.x[k] == x_high[k] && points.y[k] == y_high[k] && std::fabs(angle) <= module::kFastTrigLimit);
+    if (certain) continue;
+    const double fx = t.fx[size_t(x0 + k)];
+    const double s = 1.0 + WaveAmplitude<kDamped>(amplitude, dampening, fx, fy) * std::sin(angle);
+    points.x[k] = SourceX(t, fx, s);
+    points.y[k] = SourceY(t, fy, s);
+  }
+}
+
+// Output row y: each pixel's offset from the centre scaled by its s, the centre pixel's by 1,
+// and the source read there, clamped to the frame.
 template <int kShape, bool kQuick, bool kDamped>
 void RippleRow(const RippleRender& t, int y) {
   const float fy = Offset(int64_t(y) - t.cy, t.width, t.ys);
   uint32_t state = kShape == Random ? CrtSteps::Of(t.draws_before[size_t(y)]).Apply(t.first_state) : 0;
   module::SampleMappedRun<module::Edge::Clamp>(
       *t.src, *t.out, y, 0, t.width, kQuick ? 0 : 1, [&](int x0, int count, module::SourcePoints& points) {
-        for (int k = 0; k < count; ++k) {
-          const float fx = t.fx[size_t(x0 + k)];
-          double s = 1.0;
-          if (fx != 0 || fy != 0) {
-            const int32_t d = Distance<kShape>(fx, fy, state);
-            if (kQuick && !kDamped && uint32_t(d) < uint32_t(kUnit)) {
-              s = t.wave[size_t(d)];
-            } else {
-              double a = t.amplitude;
-              if constexpr (kDamped) {
-                a -= std::sqrt(double(fx) * fx + double(fy) * fy) * t.dampening;
-                if (!(a > 0)) a = 0;
-              }
-              s = 1.0 + a * std::sin(t.frequency * d + t.phase);
-            }
-          }
-          points.x[k] = module::TruncToInt((t.cx + double(fx) * t.width * s / t.xs) * 256.0);
-          points.y[k] = module::TruncToInt((t.cy + double(fy) * t.width * s / t.ys) * 256.0);
-        }
+        RipplePoints<kShape, kQuick, kDamped>(t, fy, state, x0, count, points);
       });
 }
 
@@ -214,7 +262,7 @@ class Ripple final : public ThreadedOperator {
   // the render takes its run of draws at once, and each row starts at its place in the run.
   static void TakeDraws(RippleRender& t) {
     int64_t centre_columns = 0;
-    for (float fx : t.fx) centre_columns += fx == 0;
+    for (double fx : t.fx) centre_columns += fx == 0;
     t.draws_before.resize(size_t(t.height) + 1);
     t.draws_before[0] = 0;
     for (int y = 0; y < t.height; ++y) {

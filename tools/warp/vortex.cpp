@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "module/fast_math.h"
 #include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
@@ -37,7 +38,8 @@ struct VortexRender {
 };
 
 // The source point, in 1/256 pixel, of a pixel inside the circle at (dx, dy) from the centre
-// (pixels times aspect), at distance r, f = (R - r) / R of the way from the edge to the centre.
+// (pixels times aspect), at distance r, f = (R - r) / R of the way from the edge to the centre:
+// turned about the centre by f^power a, with the C library's functions.
 inline void VortexPoint(const VortexRender& t, double dx, double dy, double r, double f, int32_t& sx, int32_t& sy) {
   const double turned = dx == 0 && dy == 0 ? 0.0 : std::atan2(dy, dx);
   const double theta = std::pow(f, t.power) * t.angle + turned;
@@ -45,22 +47,53 @@ inline void VortexPoint(const VortexRender& t, double dx, double dy, double r, d
   sy = module::TruncToInt((std::sin(theta) * r / t.ys + t.cyp) * 256.0);
 }
 
+// The source points of pixels x0 .. x0 + count - 1 of a row at dy, all inside the circle: the
+// angle and its cosine and sine from the fast forms, the points from both ends of their error,
+// and VortexPoint for the pixels where those differ or the fast forms do not reach.
+void VortexPoints(const VortexRender& t, double dy, int x0, int count, module::SourcePoints& points) {
+  bool doubt[module::kWarpRun];
+  for (int k = 0; k < count; ++k) {
+    const double dx = (x0 + k - t.cxp) * t.xs, r = std::sqrt(dx * dx + dy * dy), f = (t.radius - r) / t.radius;
+    const bool centre = dx == 0 && dy == 0;
+    const double turned = centre ? 0.0 : module::FastAtan2(dy, dx);
+    const double y = t.power * module::FastLog(f), power = module::FastExp(y), twist = power * t.angle;
+    const double theta = twist + turned;
+    // The library's angle is within this of theta: the power's and the turn's errors, and the
+    // two roundings of its sum.
+    const double theta_error = module::FastPowError(power, y, t.power) * std::fabs(t.angle) +
+                               (centre ? 0.0 : module::kFastAtan2Error) + 5e-16 * (std::fabs(twist) + std::fabs(theta));
+    const module::SinCos turn = module::FastSinCos(theta);
+    const double error = theta_error + 2 * module::kFastTrigError;
+    const bool reached =
+        (f >= 0x1p-1022) & (std::fabs(y) <= module::kFastExpLimit) & (std::fabs(theta) <= module::kFastTrigLimit);
+    const module::Bracket sx =
+        module::BracketOf(turn.cos, error, [&](double c) { return module::TruncToInt((c * r / t.xs + t.cxp) * 256.0); });
+    const module::Bracket sy =
+        module::BracketOf(turn.sin, error, [&](double s) { return module::TruncToInt((s * r / t.ys + t.cyp) * 256.0); });
+    points.x[k] = sx.low;
+    points.y[k] = sy.low;
+    doubt[k] = !(reached & sx.Certain() & sy.Certain());
+  }
+  for (int k = 0; k < count; ++k) {
+    if (!doubt[k]) continue;
+    const double dx = (x0 + k - t.cxp) * t.xs, r = std::sqrt(dx * dx + dy * dy);
+    VortexPoint(t, dx, dy, r, (t.radius - r) / t.radius, points.x[k], points.y[k]);
+  }
+}
+
 // Output row y: the pixels inside the circle turned, the rest copied.
 void VortexRow(const VortexRender& t, int y) {
   const double dy = (y - t.cyp) * t.ys;
-  const auto offset = [&](int x) { return (x - t.cxp) * t.xs; };
-  const auto fraction = [&](double dx) { return (t.radius - std::sqrt(dx * dx + dy * dy)) / t.radius; };
-  const module::RowSpan run =
-      module::RunAround(t.width, t.cxp, [&](int x) { return !(fraction(offset(x)) <= 0); });
+  const auto inside = [&](int x) {
+    const double dx = (x - t.cxp) * t.xs;
+    return !((t.radius - std::sqrt(dx * dx + dy * dy)) / t.radius <= 0);
+  };
+  const module::RowSpan run = module::RunAround(t.width, t.cxp, inside);
   module::CopyRun(*t.src, *t.out, y, 0, run.begin);
   module::CopyRun(*t.src, *t.out, y, run.end, t.width);
   module::SampleMappedRun<module::Edge::Clamp>(
-      *t.src, *t.out, y, run.begin, run.end, t.quality, [&](int x0, int count, module::SourcePoints& points) {
-        for (int k = 0; k < count; ++k) {
-          const double dx = offset(x0 + k), r = std::sqrt(dx * dx + dy * dy);
-          VortexPoint(t, dx, dy, r, (t.radius - r) / t.radius, points.x[k], points.y[k]);
-        }
-      });
+      *t.src, *t.out, y, run.begin, run.end, t.quality,
+      [&](int x0, int count, module::SourcePoints& points) { VortexPoints(t, dy, x0, count, points); });
 }
 
 class Vortex final : public ThreadedOperator {
