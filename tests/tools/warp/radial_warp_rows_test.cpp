@@ -5,18 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "host/base/random.h"
-#include "tests/tools/color/color_fixture.h"
+#include "tests/tools/warp/radial_warp_fixture.h"
 #include "tests/tools/warp/radial_warp_references.h"
 
 namespace kestrion::test {
 namespace {
 
-class RadialWarpRowsTest : public ColorToolTest {
+class RadialWarpRowsTest : public RadialWarpTest {
  protected:
   double Uniform(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(random_); }
   int Pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random_); }
@@ -40,15 +38,6 @@ class RadialWarpRowsTest : public ColorToolTest {
   std::vector<uint32_t> RenderWords(Operator* op, bool quick) {
     Ref<Image> out = Render(op, 0, quick ? rflag::Quick : 0);
     return out ? Unchanged(*out) : std::vector<uint32_t>{};
-  }
-
-  Operator* Warp(const char* tool, Picture* src, const std::vector<std::pair<std::string, double>>& numbers,
-                 float cx = 0.5f, float cy = 0.5f) {
-    Operator* op = Tool(tool);
-    Link(src, op, "Image");
-    for (const auto& [label, value] : numbers) Set(op, label, value);
-    if (In(op, "Center")) In(op, "Center")->SetValue(new Point(cx, cy));
-    return op;
   }
 
   void ExpectRipple(Picture* src, const RippleSettings& s, bool quick) {
