@@ -8,8 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/random.h"
-#include "host/graph/threads.h"
 #include "tests/tools/color/color_fixture.h"
 
 namespace kestrion::test {
@@ -44,15 +42,9 @@ const ToolCase kCases[] = {
 };
 // clang-format on
 
-// Puts the default thread count back when the test ends.
-struct DefaultThreadsAfter {
-  ~DefaultThreadsAfter() { SetWorkerThreads(0); }
-};
-
 using ThreadCountTest = ColorToolTest;
 
 TEST_F(ThreadCountTest, BytesDoNotDependOnTheThreadCount) {
-  DefaultThreadsAfter restore;
   std::mt19937 random(23);
   const auto noise = [&](int n) {
     std::vector<Pixel> out;
@@ -65,22 +57,7 @@ TEST_F(ThreadCountTest, BytesDoNotDependOnTheThreadCount) {
     Link(Source(37, 61, noise(37 * 61)), op, "Image");
     if (c.foreground) Link(Source(31, 53, noise(31 * 53)), op, "Foreground");
     for (const auto& [label, value] : c.numbers) Set(op, label, value);
-    std::vector<Pixel> one_thread;
-    int next_draw = 0;
-    for (int threads : {1, 2, 3, 7}) {
-      SetWorkerThreads(threads);
-      doc_.InvalidateFrom(op);
-      crt_srand(5);
-      const std::vector<Pixel> bytes = RenderPixels(op, 0, c.flags);
-      const int draw = crt_rand();
-      ASSERT_EQ(bytes.size(), size_t(37 * 61));
-      if (threads == 1) {
-        one_thread = bytes;
-        next_draw = draw;
-      }
-      EXPECT_EQ(bytes, one_thread) << threads << " threads";
-      EXPECT_EQ(draw, next_draw) << threads << " threads";
-    }
+    ExpectSameBytesOnEveryThreadCount(op, c.flags);
   }
 }
 

@@ -8,9 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/base/random.h"
 #include "host/document/flow_file.h"
-#include "host/graph/threads.h"
 #include "tests/tools/warp/radial_warp_fixture.h"
 #include "tests/tools/warp/radial_warp_references.h"
 
@@ -163,24 +161,8 @@ TEST_F(RadialWarpTest, BytesDoNotDependOnTheThreadCount) {
   Picture* src = Source(37, 61, noise);
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.tool << " " << c.numbers[0].second << (c.flags ? " quick" : ""));
-    Operator* op = Warp(c.tool, src, c.numbers, 0.45f, 0.55f);
-    std::vector<Pixel> one_thread;
-    int next_draw = 0;
-    for (int threads : {1, 2, 3, 7}) {
-      SetWorkerThreads(threads);
-      doc_.InvalidateFrom(op);
-      crt_srand(5);
-      const std::vector<Pixel> bytes = RenderPixels(op, 0, c.flags);
-      const int draw = crt_rand();
-      if (threads == 1) {
-        one_thread = bytes;
-        next_draw = draw;
-      }
-      EXPECT_EQ(bytes, one_thread) << threads << " threads";
-      EXPECT_EQ(draw, next_draw) << threads << " threads";
-    }
+    ExpectSameBytesOnEveryThreadCount(Warp(c.tool, src, c.numbers, 0.45f, 0.55f), c.flags);
   }
-  SetWorkerThreads(0);
 }
 
 }  // namespace
