@@ -94,15 +94,16 @@ inline int32_t Distance(float fx, float fy, uint32_t& state) {
   }
 }
 
-// The scale s = 1 + a sin(F' d + P') of a pixel at offset (fx, fy) and distance d, with the C
-// library's sine, and the source point it gives, in 1/256 pixel: the centre plus the offset
-// scaled by s.
+// The wave's amplitude a at offset (fx, fy): A, or with dampening A less the distance times D,
+// held to 0 and above. A pixel's scale is s = 1 + a sin(F' d + P').
 template <bool kDamped>
 inline double WaveAmplitude(double amplitude, double dampening, double fx, double fy) {
   if constexpr (!kDamped) return amplitude;
   const double a = amplitude - std::sqrt(fx * fx + fy * fy) * dampening;
   return a > 0 ? a : 0.0;
 }
+// The source point, in 1/256 pixel, of a pixel at offset (fx, fy) scaled by s: the centre plus
+// the offset times s.
 inline int32_t SourceX(const RippleRender& t, double fx, double s) {
   return module::TruncToInt((t.cx + fx * t.width * s / t.xs) * 256.0);
 }
@@ -134,9 +135,10 @@ void RipplePoints(const RippleRender& t, float fy, uint32_t& state, int x0, int 
   for (int k = 0; k < count; ++k) {
     const double fx = offsets[k], fy = fy_wide, fixed = fixed_scale[k];
     const bool known = fixed == fixed;
-    // s = base + a sine: 1 + a sine, or the known scale plus nothing.
+    // s = base + a sine: 1 + a sine, or the known scale plus nothing (whatever the sine of an
+    // angle past the fast form's reach came to).
     const double base = known ? fixed : 1.0, a = known ? 0.0 : WaveAmplitude<kDamped>(amplitude, dampening, fx, fy);
-    const double sine = module::FastSinCos(t.frequency * distance[k] + t.phase).sin;
+    const double sine = known ? 0.0 : module::FastSinCos(t.frequency * distance[k] + t.phase).sin;
     const double error = known ? 0.0 : module::kFastTrigError;
     const module::Bracket sx = module::BracketOf(sine, error, [&](double v) { return SourceX(t, fx, base + a * v); });
     const module::Bracket sy = module::BracketOf(sine, error, [&](double v) { return SourceY(t, fy, base + a * v); });

@@ -60,7 +60,7 @@ inline std::vector<uint32_t> RippleReference(const Image& src, const RippleSetti
   if (s.frequency <= 0 || s.amplitude <= 0 || shape < 0 || shape > 7) return Unchanged(src);
   const double A = s.amplitude, D = s.dampening, F = s.frequency * 0.0031415926535897933;
   double p = -s.phase;
-  if (p < 0) p = p + (std::abs(int(p)) + 1);
+  if (p < 0) p = p + (std::llabs(TruncToInt(p)) + 1);
   const double P = p * 6.283185307179586;
   const int cx = int(W * double(s.cx)), cy = int(H * double(s.cy));
   const float xs = src.x_aspect, ys = src.y_aspect;
@@ -68,7 +68,7 @@ inline std::vector<uint32_t> RippleReference(const Image& src, const RippleSetti
   for (int i = 0; i < 20000; ++i) root[i] = int(std::sqrt(i * double(0.0001f)) * 2000 * 0.707106781186595);
   std::vector<float> wave(2000);
   for (int i = 0; i < 2000; ++i) {
-    const int k = int((i * F + P) * 1000);
+    const int k = TruncToInt((i * F + P) * 1000);
     wave[i] = float(SinTable[6284 + k % 6284] * A + 1.0);
   }
   const auto distance = [&](float fx, float fy) -> int {

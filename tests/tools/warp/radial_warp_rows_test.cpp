@@ -112,6 +112,7 @@ TEST_F(RadialWarpRowsTest, LongRowsMatchTheReferences) {
                    quick);
     }
     ExpectRipple(src, {.shape = 1, .amplitude = 0.5, .frequency = 3e7}, quick);
+    ExpectRipple(src, {.shape = 4, .amplitude = 0.5, .frequency = 1e300, .phase = -1e300}, quick);
     ExpectVortex(src, {}, quick);
     ExpectVortex(stretched, {.cx = 0.3f, .cy = 0.7f, .size = 1.1, .angle = -250, .power = 1.37}, quick);
     ExpectVortex(src, {.size = 2, .angle = 3e6, .power = 0.5}, quick);
