@@ -81,11 +81,28 @@ void WarpPolar(const cv::Mat& bg, cv::Mat& out, int flags) {
   cv::warpPolar(bg, out, bg.size(), centre, farthest, int(cv::INTER_NEAREST) | int(cv::WARP_POLAR_LINEAR) | flags);
 }
 
+using Partner = void (*)(const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out);
+
+// The warps: Transform at 30 degrees and size 1.2, the positioners at their default corners,
+// Resize to half size.
+const ToolCase kTransformRotated{"Transform", {{"Size", 1.2}, {"Aspect", 1.0}, {"Angle", 30.0}}, false};
+const ToolCase kCornerPin{"CornerPin", {}, false};
+const ToolCase kPerspectivePin{"PerspectivePin", {}, false};
+const ToolCase kResizeHalf{"Resize", {{"Width", kWidth / 2}, {"Height", kHeight / 2}}, false};
+// Vortex at its defaults; Coordinate Space both ways.
 const ToolCase kVortex{"Vortex", {{"Size", 0.5}, {"Angle", 180}, {"Power", 2}}, false};
 const ToolCase kRectangularToPolar{"CoordSpace", {{"Shape", 0}}, false};
 const ToolCase kPolarToRectangular{"CoordSpace", {{"Shape", 1}}, false};
 
-using Partner = void (*)(const cv::Mat& bg, const cv::Mat& fg, cv::Mat& out);
+// The positioners' default corners, top left, top right, bottom left, bottom right, in pixels.
+std::vector<cv::Point2f> DefaultCorners(const cv::Mat& frame) {
+  const auto at = [&](float x, float y) { return cv::Point2f(x * float(frame.cols), y * float(frame.rows)); };
+  return {at(0.1f, 0.1f), at(0.9f, 0.0f), at(0.0f, 0.7f), at(1.0f, 0.9f)};
+}
+std::vector<cv::Point2f> FrameCorners(const cv::Mat& frame) {
+  const float w = float(frame.cols), h = float(frame.rows);
+  return {{0, 0}, {w, 0}, {0, h}, {w, h}};
+}
 
 struct Pair {
   const char* tool_name;
@@ -120,6 +137,25 @@ const Pair kPairs[] = {
        cv::Mat turned;
        cv::warpAffine(fg, turned, turn, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
        Over(turned, bg, out);
+     }},
+    {"BM_TransformRotated", kTransformRotated, "BM_CvWarpAffine",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(bg.cols / 2.0f, bg.rows / 2.0f), 30.0, 1.2);
+       cv::warpAffine(bg, out, turn, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+     }},
+    {"BM_CornerPin", kCornerPin, "BM_CvWarpPerspectiveOnto",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       const cv::Mat onto = cv::getPerspectiveTransform(FrameCorners(bg), DefaultCorners(bg));
+       cv::warpPerspective(bg, out, onto, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+     }},
+    {"BM_PerspectivePin", kPerspectivePin, "BM_CvWarpPerspectiveFrom",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       const cv::Mat from = cv::getPerspectiveTransform(DefaultCorners(bg), FrameCorners(bg));
+       cv::warpPerspective(bg, out, from, bg.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+     }},
+    {"BM_ResizeHalf", kResizeHalf, "BM_CvResizeArea",
+     [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) {
+       cv::resize(bg, out, cv::Size(bg.cols / 2, bg.rows / 2), 0, 0, cv::INTER_AREA);
      }},
     {"BM_Vortex", kVortex, "BM_CvRemapVortex", [](const cv::Mat& bg, const cv::Mat&, cv::Mat& out) { VortexRemap(bg, out); }},
     {"BM_RectangularToPolar", kRectangularToPolar, "BM_CvWarpPolar",

@@ -3,16 +3,9 @@
 
 #include <string>
 
-namespace kestrion::cli {
+#include "cli/flow_support.h"
 
-// Exit statuses, as render-farm managers read them.
-namespace status {
-constexpr int Done = 0;
-constexpr int FrameFailed = 1;  // permanent: running again will not help
-constexpr int BadInput = 2;     // the command line or the flow is wrong
-constexpr int TryLater = 75;    // temporary: the same command may succeed later
-constexpr int SignalBase = 128; // stopped by signal n: 128 + n
-}  // namespace status
+namespace kestrion::cli {
 
 struct RenderOptions {
   std::string flow;

@@ -1,11 +1,13 @@
-// The kestrion command: lists and describes tools, renders flows and converts them between
-// the text and binary forms. Exit status: 0 done, 1 a permanent failure, 2 a wrong command
-// line or flow, 75 a temporary failure, 128 + n stopped by signal n.
+// The kestrion command: lists and describes tools, renders flows, prints the values of tools'
+// outputs, and converts flows between the text and binary forms. Exit status: 0 done, 1 a
+// permanent failure, 2 a wrong command line or flow, 75 a temporary failure, 128 + n stopped
+// by signal n.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "cli/catalogue_commands.h"
 #include "cli/flow_commands.h"
+#include "cli/values_command.h"
 #include "host/graph/module.h"
 
 int main(int argc, char** argv) {
@@ -32,6 +34,13 @@ int main(int argc, char** argv) {
   render->add_flag("--fields", render_options.fields, "Render each frame as two fields, at n and n + 0.5");
   render->add_flag("--resume", render_options.resume, "Skip frames whose output files already exist");
 
+  kestrion::cli::ValuesOptions values_options;
+  auto* values = app.add_subcommand("values", "Print the values of tools' outputs at each frame, one JSON line a frame");
+  values->add_option("FLOW", values_options.flow, "The flow: a .json text flow or a .kfl document")->required();
+  values->add_option("-F,--frames", values_options.frames, "Frames START-END[xSTEP] (default: the flow's range)");
+  values->add_option("NAME", values_options.names, "\"Tool.Output label\", or a tool for all its number and point outputs")
+      ->required();
+
   std::string convert_in, convert_out;
   auto* convert = app.add_subcommand("convert", "Convert a flow between .json and .kfl");
   convert->add_option("IN", convert_in, "The flow to read")->required();
@@ -53,5 +62,6 @@ int main(int argc, char** argv) {
   if (tools->parsed()) return kestrion::cli::ListTools(tools_json);
   if (describe->parsed()) return kestrion::cli::DescribeTool(tool_name, describe_json);
   if (render->parsed()) return kestrion::cli::RenderFlow(render_options);
+  if (values->parsed()) return kestrion::cli::PrintValues(values_options);
   return kestrion::cli::ConvertFlow(convert_in, convert_out);
 }

@@ -7,6 +7,7 @@
 #include "tools/clip/loader.h"
 #include "tools/clip/saver.h"
 #include "tools/color/color_tools.h"
+#include "tools/modifier/modifier_tools.h"
 #include "tools/warp/warp_tools.h"
 
 namespace kestrion::module {
@@ -49,32 +50,37 @@ ClassRecord polygon_mask, triangle_mask, corner_pin, keyer, time_interpolator, m
 void RegisterCatalogue() {
   Standard<FourCC("PgMs")>(polygon_mask, "PolygonMask", Mask, {Category("Mask"), Describe("Draw a Polygon"), Display("Polygon")});
   Standard<FourCC("TrMs")>(triangle_mask, "TriangleMask", Mask, {Category("Mask"), Describe("Draw a triangle"), Display("Triangle")});
-  Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)});
+  Standard<FourCC("CPin")>(corner_pin, "CornerPin", ImageTool, {Category("Warp"), Short("CPn"), Describe("Applies rotation, scaling and mirroring effects"), Display("Corner Positioner"), Group(141), ToolNo(0x1000011)},
+                              &tools::NewCornerPin);
   Standard<FourCC("BKey")>(keyer, "Keyer", ImageTool, {Category("Matte"), Short("BKy"), Describe("Creates a matte from a uniform Blue or Green Screen"), Display("Blue/Green Keyer"), Group(170), ToolNo(0x1000008)});
   Standard<FourCC("TmIn")>(time_interpolator, "TimeInterpolator", ImageTool, {Short("TmS"), Describe("Alters the flow of time within a clip"), Display("Time Stretcher"), Group(143), ToolNo(0x100001C), MakesFrames()});
   Standard<FourCC("Mrge")>(merge, "Merge", ImageTool, {Category("Composite"), Short("Mrg"), Describe("Layers one image over another, with rotation, scaling and offset"), ToolNo(0x1000006)},
                               &tools::NewMerge);
-  Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)});
+  Standard<FourCC("Offs")>(offset, "Offset", Modifier, {Tag(reg::ModifierOutputs, kOffsetOutputs)}, &tools::NewOffset);
   Standard<FourCC("LKey")>(threshold, "Threshold", ImageTool, {Category("Matte"), Short("LKy"), Describe("Creates a matte from a luminance or color channel"), Display("Luma Keyer"), Group(150), ToolNo(0x100000A)});
   Standard<FourCC("Path")>(path, "Path", Modifier, {Produces(vtype::Point)});
-  Standard<FourCC("Rsze")>(resize, "Resize", ImageTool, {Category("Transform"), Short("Rsz"), Describe("Resizes the frame to a new resolution"), Group(140), ToolNo(0x100001B), MakesFrames()});
+  Standard<FourCC("Rsze")>(resize, "Resize", ImageTool, {Category("Transform"), Short("Rsz"), Describe("Resizes the frame to a new resolution"), Group(140), ToolNo(0x100001B), MakesFrames()},
+                              &tools::NewResize);
   Standard<FourCC("CoCo")>(colour_correct, "ColourCorrect", ImageTool, {Category("Color"), Short("CC"), Describe("Allows changes to channel color curves"), Display("Color Corrector"), Group(222), ToolNo(0x1000014)});
   Standard<FourCC("PSav")>(preview_saver, "PreviewSaver", PreviewOutput, {Category("Output"), MakesFrames()}, &tools::NewPreviewSaver);
   Standard<FourCC("FILT")>(filter, "Filter", ImageTool, {Category("Filter"), Short("Fltr"), Describe("Applies one of a variety of Filtering effects"), Group(168), ToolNo(0x1000018)});
   Standard<FourCC("RcMs")>(rectangle_mask, "RectangleMask", Mask, {Category("Mask"), Describe("Creates a rectangular mask"), Display("Rectangle"), Long("Rectangle Mask")});
   Standard<FourCC("ChGn")>(char_gen, "CharGen", Creator, {Category("Loader/Creator"), Short("CG"), Describe("Simple Character Generator"), Display("Character Generator"), Group(148), ToolNo(0x1000004), MakesFrames()});
   Standard<FourCC("MtBl")>(motion_blur, "MotionBlur", ImageTool, {Category("Filter"), Short("MBl"), Describe("Applies Motion Blur"), Display("Motion Blur"), Group(143)});
-  Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()});
+  Standard<FourCC("Crop")>(crop, "Crop", ImageTool, {Category("Transform"), Short("Crp"), Describe("Changes size and offset, and allows trimming of a frame"), Group(140), ToolNo(0x100001A), MakesFrames()},
+                              &tools::NewCrop);
   Standard<FourCC("MtCt")>(matte_control, "MatteControl", ImageTool, {Category("Matte"), Short("Mat"), Describe("Applies Blurring and Contrast to the Matte"), Display("Matte Control"), Group(170), ToolNo(0x100000B)});
   RegisterClass(loader, "Loader", &tools::LoaderRegInit, &tools::LoaderRegCleanup, &tools::NewLoader, FourCC("Load"), Creator,
                 {Category("Loader/Creator"), Short("LD"), Describe("Loads frames from a clip sequence or device"), Group(147), ToolNo(0x1000001), MakesFrames()});
   Standard<FourCC("Glow")>(glow, "Glow", ImageTool, {Category("Filter"), Short("Glo"), Describe("Applies a glow blur effect"), Group(168), ToolNo(0x1000016)});
-  Standard<FourCC("Tran")>(transform, "Transform", ImageTool, {Category("Transform"), Short("Xf"), Describe("Applies rotation, scaling and mirroring effects"), Group(141), ToolNo(0x100001F)});
+  Standard<FourCC("Tran")>(transform, "Transform", ImageTool, {Category("Transform"), Short("Xf"), Describe("Applies rotation, scaling and mirroring effects"), Group(141), ToolNo(0x100001F)},
+                              &tools::NewTransform);
   Standard<FourCC("CrdS")>(coord_space, "CoordSpace", ImageTool, {Category("Warp"), Short("CdS"), Describe("Converts between Polar and Rectangular Co-ordinate spaces"), Display("Coordinate Space"), Group(143)},
                               &tools::NewCoordinateSpace);
   Standard<FourCC("Shdw")>(shadow, "Shadow", ImageTool, {Short("Sh"), Describe("Creates a shadow from Alpha"), Display("Shadow"), Group(140)});
-  Standard<FourCC("PPin")>(perspective_pin, "PerspectivePin", ImageTool, {Category("Warp"), Short("PPn"), Describe("De-Perspective of images into a flat image"), Display("Perspective Positioner"), Group(141), ToolNo(0x1000012)});
-  Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)});
+  Standard<FourCC("PPin")>(perspective_pin, "PerspectivePin", ImageTool, {Category("Warp"), Short("PPn"), Describe("De-Perspective of images into a flat image"), Display("Perspective Positioner"), Group(141), ToolNo(0x1000012)},
+                              &tools::NewPerspectivePin);
+  Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)}, &tools::NewCalculation);
   Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)});
   Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)},
                               &tools::NewRipple);

@@ -51,11 +51,8 @@ bool ForEachRow(const Operator& op, RowSpan rows, RowFn&& row_fn) {
 
 // A double truncated toward zero to 32 bits as the x86 conversion does it: NaN and values
 // outside the 32-bit range give INT32_MIN (the "integer indefinite" value) instead of
-// undefined behaviour.
-inline int32_t TruncToInt(double v) {
-  if (!(v > -2147483649.0 && v < 2147483648.0)) return INT32_MIN;
-  return int32_t(v);
-}
+// undefined behaviour. Written as a select rather than a branch, so loops over it vectorise.
+inline int32_t TruncToInt(double v) { return int32_t(v > -2147483649.0 && v < 2147483648.0 ? v : -2147483648.0); }
 
 // 32-bit addition that wraps around, as fixed-point positions stepping far outside an image do.
 constexpr int32_t WrapAdd(int32_t a, int32_t b) { return int32_t(uint32_t(a) + uint32_t(b)); }

@@ -73,4 +73,13 @@ inline PointValue PointInput(Request* req, Input* in) {
   return p ? PointValue{p->x, p->y} : PointValue{};
 }
 
+// The title of a modifier: its name followed by " on", then the tool and input it drives.
+inline void ModifierTitle(const Operator& op, char* title) {
+  std::string driven;
+  for (const auto& out : op.Outputs())
+    for (const Input* in : out->Targets())
+      if (in->Modifier() == &op && driven.empty()) driven = " " + in->Owner()->Name() + "." + in->Name();
+  std::snprintf(title, kTitleSize, "%s on%s", op.Name().c_str(), driven.c_str());
+}
+
 }  // namespace kestrion::module

@@ -223,7 +223,8 @@ bool CPipelineDoc::Connect(Output* from, Input* to, HostError* err) {
   return true;
 }
 
-Operator* CPipelineDoc::AddModifier(Input* to, const std::string& class_name, HostError* err) {
+Operator* CPipelineDoc::AddModifier(Input* to, const std::string& class_name, HostError* err,
+                                    const std::string& output) {
   Registry* reg = ClassRegistry->FindByName(class_name);
   if (!reg || reg->ClassType() != classtype::Modifier) {
     if (err) err->message = "'" + class_name + "' is not a modifier class";
@@ -232,13 +233,18 @@ Operator* CPipelineDoc::AddModifier(Input* to, const std::string& class_name, Ho
   Operator* mod = CreateTool(class_name, {}, err);
   if (!mod) return nullptr;
   Output* feed = nullptr;
-  for (auto& out : mod->Outputs())
-    if (out->Type() == to->Type()) {
-      feed = out.get();
-      break;
-    }
+  std::string fitting;
+  for (auto& out : mod->Outputs()) {
+    if (out->Type() != to->Type()) continue;
+    if (!feed && (output.empty() || out->Name() == output)) feed = out.get();
+    fitting += (fitting.empty() ? "\"" : ", \"") + out->Name() + "\"";
+  }
   if (!feed) {
-    if (err) err->message = class_name + " has no output for a " + FourCCText(to->Type()) + " input";
+    if (err)
+      err->message = fitting.empty() || output.empty()
+                         ? class_name + " has no output for a " + FourCCText(to->Type()) + " input"
+                         : class_name + " has no output \"" + output + "\" for a " + FourCCText(to->Type()) +
+                               " input (valid: " + fitting + ")";
     RemoveTool(mod);
     return nullptr;
   }

@@ -44,7 +44,10 @@ class CPipelineDoc : public ToolOwner {
   // would make a cycle.
   bool Connect(Output* from, Input* to, HostError* err = nullptr);
   // Attaches a new modifier of the given class to an input; its title is its name + " on".
-  Operator* AddModifier(Input* to, const std::string& class_name, HostError* err = nullptr);
+  // The modifier's output labelled `output` drives the input, or by default its first output
+  // of the input's type.
+  Operator* AddModifier(Input* to, const std::string& class_name, HostError* err = nullptr,
+                        const std::string& output = {});
 
   double current_time = 0.0;
   TimeExtent render_range{0.0, 0.0};

@@ -467,9 +467,11 @@ class TextFlowReader {
   void AddModifier(Input* in, const Json& entry, const std::string& where) {
     if (!entry.is_object() || !entry.contains("class") || !entry["class"].is_string())
       throw FlowError{where + ": \"modifier\" must be an object with a \"class\""};
-    CheckKeys(entry, {"class", "name", "inputs", "position"}, where + ": ", " in the modifier");
+    CheckKeys(entry, {"class", "name", "output", "inputs", "position"}, where + ": ", " in the modifier");
+    if (entry.contains("output") && !entry["output"].is_string())
+      throw FlowError{where + ": the modifier's \"output\" must be the label of one of its outputs"};
     HostError err;
-    Operator* mod = doc_.AddModifier(in, entry["class"].get<std::string>(), &err);
+    Operator* mod = doc_.AddModifier(in, entry["class"].get<std::string>(), &err, entry.value("output", std::string()));
     if (!mod) throw FlowError{where + ": " + err.message};
     if (entry.contains("name")) {
       const Json& name = entry["name"];
@@ -573,9 +575,19 @@ class TextFlowWriter {
       obj["curve"] = s.animation->Curve() == Spline::Bezier ? "bezier" : "linear";
     }
     if (s.link) obj["link"] = s.link->Owner()->Name() + "." + s.link->Name();
-    if (s.modifier) obj["modifier"] = Tool(s.modifier.get(), true);
+    if (s.modifier) {
+      Json modifier = Tool(s.modifier.get(), true);
+      if (s.modifier_output != FirstOutputOfType(*s.modifier, in.Type())) modifier["output"] = s.modifier_output->Name();
+      obj["modifier"] = modifier;
+    }
     if (obj.size() == 1 && obj.contains("link")) return obj["link"];
     return obj;
+  }
+
+  static const Output* FirstOutputOfType(const Operator& op, uint32_t type) {
+    for (const auto& out : op.Outputs())
+      if (out->Type() == type) return out.get();
+    return nullptr;
   }
 
   static Json Constant(const Parameter& p) {

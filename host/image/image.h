@@ -147,11 +147,10 @@ class Image : public Parameter {
                                   long quality) const;
   const uint32_t* SampleRow_Clamp(uint32_t* out, int count, int32_t x, int32_t y, int32_t dx, int32_t dy,
                                   long quality) const;
-  // `count` samples at the points (x[k], y[k]), in 1/256 pixel, as pixel words into `out`, each
-  // exactly what the sampler above gives at that point: the gather of the warps that map every
-  // output pixel on its own.
-  void SamplePoints_Black(uint32_t* out, const int32_t* x, const int32_t* y, int count, long quality) const;
-  void SamplePoints_Clamp(uint32_t* out, const int32_t* x, const int32_t* y, int count, long quality) const;
+  // `count` samples at points given one by one, x[k] and y[k] in 1/256 pixel, as pixel words:
+  // out[k] is exactly what DoSample_Black or DoSample_Clamp gives at that point.
+  void SamplePoints_Black(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const;
+  void SamplePoints_Clamp(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const;
   // Where `other`, its top-left corner at (x, y) of this image, overlaps this image: the
   // overlap starts at (dst_x, dst_y) here and at (src_x, src_y) in `other` and is width x
   // height pixels. Returns false, with all six 0, when they do not overlap.

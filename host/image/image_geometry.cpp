@@ -7,8 +7,11 @@
 #include <utility>
 #include <vector>
 
+#include <emmintrin.h>
+
 #include "host/image/image.h"
 #include "host/image/image_internal.h"
+#include "host/image/image_rows.h"
 
 namespace kestrion {
 
@@ -29,20 +32,36 @@ inline uint32_t WordAt(const Image& img, long i, long j) {
   return img.Depth() == 8 ? uint32_t(img.MaskRow(int(j))[i]) * 0x01010101u : img.Row(int(j))[i];
 }
 
+// Four 32-bit lanes, and their low bytes as one word (a byte shuffle).
+typedef uint8_t ByteLanes __attribute__((vector_size(16)));
+typedef uint32_t WordLanes __attribute__((vector_size(16)));
+inline uint32_t Narrow(WordLanes lanes) {
+  const ByteLanes bytes = __builtin_shufflevector((ByteLanes)lanes, (ByteLanes)lanes, 0, 4, 8, 12, 0, 0, 0, 0, 0, 0, 0,
+                                                  0, 0, 0, 0, 0);
+  return ((WordLanes)bytes)[0];
+}
+
 // Four pixel words mixed per byte with weights in 1/256:
 // ((p00 (256 - fx) + p10 fx) (256 - fy) + (p01 (256 - fx) + p11 fx) fy + 32768) >> 16.
+// The top and bottom sums of each byte (below 65536) side by side in 16-bit lanes; then one
+// multiply-add of lane pairs weighs them by 256 - fy and fy. That multiply-add is signed, so the
+// sums enter less 32768 and 32768 x 256 is added back.
 inline uint32_t Bilinear(uint32_t p00, uint32_t p10, uint32_t p01, uint32_t p11, uint32_t fx, uint32_t fy) {
-  uint32_t word = 0;
-  for (int shift = 0; shift < 32; shift += 8) {
-    const uint32_t top = ((p00 >> shift) & 255) * (256 - fx) + ((p10 >> shift) & 255) * fx;
-    const uint32_t bottom = ((p01 >> shift) & 255) * (256 - fx) + ((p11 >> shift) & 255) * fx;
-    word |= ((top * (256 - fy) + bottom * fy + 32768) >> 16) << shift;
-  }
-  return word;
+  const __m128i zero = _mm_setzero_si128();
+  const auto pair = [&](uint32_t top, uint32_t bottom) {
+    return _mm_unpacklo_epi8(_mm_unpacklo_epi8(_mm_cvtsi32_si128(int(top)), _mm_cvtsi32_si128(int(bottom))), zero);
+  };
+  const __m128i sums = _mm_add_epi16(_mm_mullo_epi16(pair(p00, p01), _mm_set1_epi16(short(256 - fx))),
+                                     _mm_mullo_epi16(pair(p10, p11), _mm_set1_epi16(short(fx))));
+  const __m128i biased = _mm_xor_si128(sums, _mm_set1_epi16(short(0x8000)));
+  __m128i mixed = _mm_madd_epi16(biased, _mm_set1_epi32(int(fy << 16 | (256 - fy))));
+  mixed = _mm_srli_epi32(_mm_add_epi32(mixed, _mm_set1_epi32(32768 * 256 + 32768)), 16);
+  mixed = _mm_packs_epi32(mixed, mixed);
+  return uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(mixed, mixed)));
 }
 
 template <bool kClamp>
-uint32_t Sample(const Image& img, long x, long y, long quality) {
+[[gnu::always_inline]] inline uint32_t Sample(const Image& img, long x, long y, long quality) {
   if (img.Width() == 0 || img.Height() == 0) return 0;
   if (quality == 0) return WordAt<kClamp>(img, (x + 128) >> 8, (y + 128) >> 8);
   const long i = x >> 8, j = y >> 8;
@@ -153,90 +172,39 @@ const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x,
   return out;
 }
 
-// The samples of SamplePoints_Black and SamplePoints_Clamp, in blocks. A block whose points
-// all read pixels inside the image reads them straight; otherwise each neighbour is read at its
-// index held to the image and, for the black edge, dropped when the index lies outside, which
-// is what WordAt gives without a branch on the position. The bilinear mixes of a block are one
-// loop of plain 32-bit arithmetic that runs on vectors.
+// The samples of SamplePoints_Black and SamplePoints_Clamp. Bilinear samples whose four pixels
+// lie inside a 32-bit image are mixed straight from its rows, the size held in locals (stores
+// to `out` could otherwise change it, as far as the compiler knows); the rest go through the
+// checked sampler.
 template <bool kClamp>
-void SamplePoints(const Image& img, uint32_t* out, const int32_t* xs, const int32_t* ys, int count, long quality) {
-  const long w = img.Width(), h = img.Height();
-  if (img.Depth() != 32 || w == 0 || h == 0) {
-    for (int k = 0; k < count; ++k) out[k] = Sample<kClamp>(img, xs[k], ys[k], quality);
+void SamplePoints(const Image& img, uint32_t* __restrict out, int count, const int32_t* x, const int32_t* y,
+                  long quality) {
+  const uint32_t last_x = uint32_t(img.Width() - 1), last_y = uint32_t(img.Height() - 1);
+  if (img.Depth() != 32 || quality == 0 || img.Width() == 0 || img.Height() == 0) {
+    for (int k = 0; k < count; ++k) out[k] = Sample<kClamp>(img, x[k], y[k], quality);
     return;
   }
   void* const* rows = img.RowTable();
-  const auto word = [&](long i, long j) {
-    const uint32_t v = static_cast<const uint32_t*>(rows[std::clamp(j, 0L, h - 1)])[std::clamp(i, 0L, w - 1)];
-    return kClamp || (uint64_t(i) < uint64_t(w) && uint64_t(j) < uint64_t(h)) ? v : 0u;
-  };
-  // The pixel a point reads first (the nearest one, or the top left of four) and how many more
-  // columns and rows past it it reads.
-  const int32_t round = quality == 0 ? 128 : 0, extra = quality == 0 ? 0 : 1;
-  constexpr int kBlock = 64;
-  int32_t i[kBlock], j[kBlock];
-  uint32_t p00[kBlock], p10[kBlock], p01[kBlock], p11[kBlock], fx[kBlock], fy[kBlock];
-  for (int first = 0; first < count; first += kBlock) {
-    const int n = std::min(kBlock, count - first);
-    int32_t low_i = INT32_MAX, high_i = INT32_MIN, low_j = INT32_MAX, high_j = INT32_MIN;
-    for (int k = 0; k < n; ++k) {
-      // (x + 128) >> 8 without overflow at the top of the range.
-      i[k] = (xs[first + k] >> 8) + (round & xs[first + k]) / 128;
-      j[k] = (ys[first + k] >> 8) + (round & ys[first + k]) / 128;
-      low_i = std::min(low_i, i[k]);
-      high_i = std::max(high_i, i[k]);
-      low_j = std::min(low_j, j[k]);
-      high_j = std::max(high_j, j[k]);
-    }
-    const bool inside = low_i >= 0 && low_j >= 0 && high_i + extra < w && high_j + extra < h;
-    uint32_t* __restrict to = out + first;
-    if (quality == 0) {
-      if (inside) {
-        for (int k = 0; k < n; ++k) to[k] = static_cast<const uint32_t*>(rows[j[k]])[i[k]];
-      } else {
-        for (int k = 0; k < n; ++k) to[k] = word(i[k], j[k]);
-      }
-      continue;
-    }
-    if (inside) {
-      for (int k = 0; k < n; ++k) {
-        const uint32_t* top = static_cast<const uint32_t*>(rows[j[k]]) + i[k];
-        const uint32_t* bottom = static_cast<const uint32_t*>(rows[j[k] + 1]) + i[k];
-        p00[k] = top[0];
-        p10[k] = top[1];
-        p01[k] = bottom[0];
-        p11[k] = bottom[1];
-      }
+  for (int k = 0; k < count; ++k) {
+    const int32_t i = x[k] >> 8, j = y[k] >> 8;
+    if (uint32_t(i) < last_x && uint32_t(j) < last_y) {
+      const uint32_t* top = static_cast<const uint32_t*>(rows[j]) + i;
+      const uint32_t* bottom = static_cast<const uint32_t*>(rows[j + 1]) + i;
+      out[k] = Bilinear(top[0], top[1], bottom[0], bottom[1], uint32_t(x[k]) & 255, uint32_t(y[k]) & 255);
     } else {
-      for (int k = 0; k < n; ++k) {
-        p00[k] = word(i[k], j[k]);
-        p10[k] = word(long(i[k]) + 1, j[k]);
-        p01[k] = word(i[k], long(j[k]) + 1);
-        p11[k] = word(long(i[k]) + 1, long(j[k]) + 1);
-      }
+      out[k] = Sample<kClamp>(img, x[k], y[k], quality);
     }
-    for (int k = 0; k < n; ++k) {
-      fx[k] = uint32_t(xs[first + k] & 255);
-      fy[k] = uint32_t(ys[first + k] & 255);
-    }
-    for (int k = 0; k < n; ++k) to[k] = Bilinear(p00[k], p10[k], p01[k], p11[k], fx[k], fy[k]);
   }
 }
 
 // --- Resampling ---
 
-// The source positions and 14-bit weights (summing to 16384) of every destination position
-// along one axis; `count` taps each, unused ones weighing 0.
-struct Taps {
-  int count = 0;
-  std::vector<int> index;
-  std::vector<uint32_t> weight;
-};
+}  // namespace
 
 // Area average (box): destination pixel o covers source [o s, (o + 1) s), s = src / dst, and
 // each source pixel weighs by the length it shares. Triangle: centred at (o + 0.5) s - 0.5,
 // radius max(s, 1), source positions past the edges taken by the edge pixel.
-Taps MakeTaps(int src, int dst, bool triangle) {
+Resampler::Taps Resampler::MakeTaps(int src, int dst, bool triangle) {
   const double s = double(src) / double(dst);
   const double radius = std::max(s, 1.0);
   std::vector<std::vector<std::pair<int, double>>> all(static_cast<size_t>(dst));
@@ -280,43 +248,106 @@ Taps MakeTaps(int src, int dst, bool triangle) {
   return t;
 }
 
-// Vertical pass into a row of 16-bit values (bytes x 256), then horizontal pass to bytes.
-void Resample(const Image& src, Image& dst, bool triangle) {
+Resampler::Resampler(const Image& src, Image& dst, bool triangle) : src_(src), dst_(dst) {
   image_internal::RequireSameDepth(src, dst);
-  const int channels = int(src.BytesPerPixel());
-  const size_t dst_row_bytes = size_t(dst.Width()) * size_t(channels);
-  if (src.Width() == 0 || src.Height() == 0) {
-    for (int y = 0; y < dst.Height(); ++y) std::memset(dst.RowTable()[y], 0, dst_row_bytes);
-    return;
-  }
-  if (dst.Width() == 0 || dst.Height() == 0) return;
-  const Taps tx = MakeTaps(src.Width(), dst.Width(), triangle);
-  const Taps ty = MakeTaps(src.Height(), dst.Height(), triangle);
-  const size_t line = size_t(src.Width()) * size_t(channels);
-  std::vector<uint32_t> sum(line);
-  std::vector<uint32_t> mid(line);
-  for (int oy = 0; oy < dst.Height(); ++oy) {
-    std::fill(sum.begin(), sum.end(), 0u);
-    for (int k = 0; k < ty.count; ++k) {
-      const size_t at = size_t(oy) * size_t(ty.count) + size_t(k);
-      const uint32_t w = ty.weight[at];
-      if (w == 0) continue;
-      const auto* row = static_cast<const uint8_t*>(src.RowTable()[ty.index[at]]);
-      for (size_t i = 0; i < line; ++i) sum[i] += w * row[i];
+  if (src.Width() == 0 || src.Height() == 0 || dst.Width() == 0 || dst.Height() == 0) return;
+  x_ = MakeTaps(src.Width(), dst.Width(), triangle);
+  y_ = MakeTaps(src.Height(), dst.Height(), triangle);
+  halves_ = triangle && src.Depth() == 32 && src.Width() == 2 * dst.Width() && src.Height() == 2 * dst.Height();
+}
+
+namespace {
+
+// One destination row of 32-bit pixels from the row of 16-bit values (bytes x 256) of the
+// vertical pass: the four channels of a pixel summed side by side.
+void HorizontalPass(const Resampler::Taps& t, const uint32_t* mid, uint32_t* out, int width) {
+  for (int ox = 0; ox < width; ++ox) {
+    const int* index = &t.index[size_t(ox) * size_t(t.count)];
+    const uint32_t* weight = &t.weight[size_t(ox) * size_t(t.count)];
+    uint32_t acc[4] = {0, 0, 0, 0};
+    for (int k = 0; k < t.count; ++k) {
+      const uint32_t* m = mid + size_t(index[k]) * 4;
+      for (int c = 0; c < 4; ++c) acc[c] += weight[k] * m[c];
     }
-    for (size_t i = 0; i < line; ++i) mid[i] = (sum[i] + 32) >> 6;
-    auto* out = static_cast<uint8_t*>(dst.RowTable()[oy]);
-    for (int ox = 0; ox < dst.Width(); ++ox) {
-      const int* index = &tx.index[size_t(ox) * size_t(tx.count)];
-      const uint32_t* weight = &tx.weight[size_t(ox) * size_t(tx.count)];
-      for (int c = 0; c < channels; ++c) {
-        uint32_t acc = 0;
-        for (int k = 0; k < tx.count; ++k) acc += weight[k] * mid[size_t(index[k]) * size_t(channels) + size_t(c)];
-        out[size_t(ox) * size_t(channels) + size_t(c)] = uint8_t((acc + (1u << 21)) >> 22);
-      }
-    }
+    uint32_t word = 0;
+    for (int c = 0; c < 4; ++c) word |= ((acc[c] + (1u << 21)) >> 22) << (8 * c);
+    out[ox] = word;
   }
 }
+
+// The same for a mask, one channel.
+void HorizontalMaskPass(const Resampler::Taps& t, const uint32_t* mid, uint8_t* out, int width) {
+  for (int ox = 0; ox < width; ++ox) {
+    const int* index = &t.index[size_t(ox) * size_t(t.count)];
+    const uint32_t* weight = &t.weight[size_t(ox) * size_t(t.count)];
+    uint32_t acc = 0;
+    for (int k = 0; k < t.count; ++k) acc += weight[k] * mid[index[k]];
+    out[ox] = uint8_t((acc + (1u << 21)) >> 22);
+  }
+}
+
+// A frame halved both ways with the triangle filter. Its taps are source pixels 2o - 1 .. 2o + 2
+// (held to the edges) at 2048, 6144, 6144 and 2048 in 1/16384 each way, so the general passes
+// come to (T + 32) >> 6, T the 4 x 4 sum weighted 1, 3, 3, 1 each way: the columns summed
+// exactly into 32-bit lanes, then the rows, each pixel's four channels side by side.
+void HalvedRow(const Resampler::Taps& rows, int y, const Image& src, uint32_t* sum, uint32_t* out, int width) {
+  const auto row = [&](int k) { return reinterpret_cast<const uint8_t*>(src.Row(rows.index[size_t(y) * 4 + size_t(k)])); };
+  const uint8_t *r0 = row(0), *r1 = row(1), *r2 = row(2), *r3 = row(3);
+  const size_t line = size_t(src.Width()) * 4;
+  for (size_t i = 0; i < line; ++i) sum[i] = r0[i] + 3 * (uint32_t(r1[i]) + r2[i]) + r3[i];
+  const auto pixel = [sum](int j) {
+    WordLanes lanes;
+    std::memcpy(&lanes, sum + size_t(j) * 4, 16);
+    return lanes;
+  };
+  const int last = src.Width() - 1;
+  const auto mix = [&](int o, int left, int right) {
+    out[o] = Narrow((pixel(left) + 3 * (pixel(2 * o) + pixel(2 * o + 1)) + pixel(right) + 32) >> 6);
+  };
+  // The first and last pixels hold their outer taps to the edges; the others need no holding.
+  mix(0, 0, std::min(2, last));
+  for (int o = 1; o < width - 1; ++o) mix(o, 2 * o - 1, 2 * o + 2);
+  if (width > 1) mix(width - 1, 2 * width - 3, last);
+}
+
+}  // namespace
+
+size_t Resampler::ScratchWords() const { return size_t(src_.Width()) * src_.BytesPerPixel(); }
+
+// Vertical pass into a row of 16-bit values (bytes x 256), then horizontal pass to bytes.
+void Resampler::Row(int y, uint32_t* sum) const {
+  const size_t line = ScratchWords();
+  if (src_.Width() == 0 || src_.Height() == 0) {
+    std::memset(dst_.RowTable()[y], 0, size_t(dst_.Width()) * dst_.BytesPerPixel());
+    return;
+  }
+  if (dst_.Width() == 0) return;
+  if (halves_) {
+    HalvedRow(y_, y, src_, sum, dst_.Row(y), dst_.Width());
+    return;
+  }
+  std::fill(sum, sum + line, 0u);
+  for (int k = 0; k < y_.count; ++k) {
+    const size_t at = size_t(y) * size_t(y_.count) + size_t(k);
+    const uint32_t w = y_.weight[at];
+    if (w == 0) continue;
+    const auto* row = static_cast<const uint8_t*>(src_.RowTable()[y_.index[at]]);
+    for (size_t i = 0; i < line; ++i) sum[i] += w * row[i];
+  }
+  for (size_t i = 0; i < line; ++i) sum[i] = (sum[i] + 32) >> 6;
+  if (dst_.Depth() == 32) {
+    HorizontalPass(x_, sum, dst_.Row(y), dst_.Width());
+  } else {
+    HorizontalMaskPass(x_, sum, dst_.MaskRow(y), dst_.Width());
+  }
+}
+
+void Resampler::Rows(int begin, int end) const {
+  std::vector<uint32_t> scratch(ScratchWords());
+  for (int y = begin; y < end; ++y) Row(y, scratch.data());
+}
+
+namespace {
 
 // --- Blurs ---
 
@@ -427,18 +458,18 @@ void BlurImage(Image& img, const bool (&on)[4], long x_radius, long y_radius) {
 
 Image* Image::ResizeOfImage(Request* req, int width, int height, int quality) const {
   Image* out = NewImage(req, width, height, depth_, this);
-  Resample(*this, *out, quality != 0);
+  Resampler(*this, *out, quality != 0).Rows(0, height);
   return out;
 }
 
 Image* Image::ScaleOfImage(Request* req, int factor) const {
   if (factor < 1) throw ImageSizeError("scale factor " + std::to_string(factor) + " is below 1");
   Image* out = NewImage(req, std::max(1, width_ / factor), std::max(1, height_ / factor), depth_, this);
-  Resample(*this, *out, false);
+  Resampler(*this, *out, false).Rows(0, out->Height());
   return out;
 }
 
-void Image::ImageResize(Image* dst) const { Resample(*this, *dst, true); }
+void Image::ImageResize(Image* dst) const { Resampler(*this, *dst, true).Rows(0, dst->Height()); }
 
 void Image::Blur(long red, long green, long blue, long alpha, long x_radius, long y_radius) {
   const bool on[4] = {blue != 0, green != 0, red != 0, alpha != 0};
@@ -468,12 +499,12 @@ const uint32_t* Image::SampleRow_Clamp(uint32_t* out, int count, int32_t x, int3
   return SampleRow<true>(*this, out, count, x, y, dx, dy, quality);
 }
 
-void Image::SamplePoints_Black(uint32_t* out, const int32_t* x, const int32_t* y, int count, long quality) const {
-  SamplePoints<false>(*this, out, x, y, count, quality);
+void Image::SamplePoints_Black(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const {
+  SamplePoints<false>(*this, out, count, x, y, quality);
 }
 
-void Image::SamplePoints_Clamp(uint32_t* out, const int32_t* x, const int32_t* y, int count, long quality) const {
-  SamplePoints<true>(*this, out, x, y, count, quality);
+void Image::SamplePoints_Clamp(uint32_t* out, int count, const int32_t* x, const int32_t* y, long quality) const {
+  SamplePoints<true>(*this, out, count, x, y, quality);
 }
 
 }  // namespace kestrion

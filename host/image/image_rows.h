@@ -8,9 +8,13 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace kestrion {
+
+class Image;
 
 enum class ColourConversion { RgbToYuv, YuvToRgb, RgbToHls, HlsToRgb };
 
@@ -46,6 +50,37 @@ class Saturation {
   // delta_[c][d + 255] for blue, green, red: round-half-up(d * factor), d = c - Y, held to
   // -256..256 (enough to reach either end of a byte from any Y).
   std::array<std::array<int32_t, 511>, 3> delta_;
+};
+
+// The resampling of Image::ImageResize (triangle) and of ResizeOfImage's area average from one
+// image into another of the caller's size, its taps worked out once. The destination's rows
+// can then be made in bands, in any order and on any thread, each band the bytes the whole
+// operation gives. Throws std::invalid_argument when the depths differ. Both images must
+// outlive it.
+class Resampler {
+ public:
+  Resampler(const Image& src, Image& dst, bool triangle);
+  // Destination rows begin .. end - 1.
+  void Rows(int begin, int end) const;
+  // Destination row y, worked in `scratch`, ScratchWords() words that the caller keeps.
+  void Row(int y, uint32_t* scratch) const;
+  size_t ScratchWords() const;
+
+  // The source positions and 14-bit weights (summing to 16384) of every destination position
+  // along one axis; `count` taps each, unused ones weighing 0.
+  struct Taps {
+    int count = 0;
+    std::vector<int> index;
+    std::vector<uint32_t> weight;
+  };
+
+ private:
+  static Taps MakeTaps(int src, int dst, bool triangle);
+
+  const Image& src_;
+  Image& dst_;
+  Taps x_, y_;
+  bool halves_ = false;  // a 32-bit image halved both ways by the triangle filter
 };
 
 }  // namespace kestrion

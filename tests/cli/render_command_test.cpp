@@ -1,14 +1,11 @@
-// `kestrion render` and `kestrion convert` run as a render farm runs them: a separate process,
-// its stderr and its exit status. Every flow and frame lives in a fresh temporary folder.
+// `kestrion render` and `kestrion convert` run as a render farm runs them. Every flow and frame
+// lives in a fresh temporary folder.
 #include <gtest/gtest.h>
 
 #include <OpenImageIO/imageio.h>
-#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -21,24 +18,13 @@
 #include <thread>
 #include <vector>
 
-#include "tests/host/test_tools.h"
+#include "tests/cli/command_fixture.h"
 #include "tests/tools/clip/clip_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using kestrion::test_tools::ReadBytes;
-using kestrion::test_tools::TempFolder;
-using kestrion::test_tools::WriteBytes;
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-bool Contains(const std::string& text, const std::string& piece) { return text.find(piece) != std::string::npos; }
+using namespace kestrion::cli_test;
 
 // The file names of the given frame numbers, sorted as TempFolder::Files sorts them.
 std::vector<std::string> Frames(const char* pattern, const std::vector<int>& numbers) {
@@ -77,60 +63,13 @@ Picture ReadPicture(const fs::path& path) {
   return pic;
 }
 
-// The exit status; a process that a signal killed (rather than exiting 128 + n) reads 1000 + n.
-int StatusOf(int wait_status) {
-  if (WIFEXITED(wait_status)) return WEXITSTATUS(wait_status);
-  return WIFSIGNALED(wait_status) ? 1000 + WTERMSIG(wait_status) : -1;
-}
-
-struct Outcome {
-  int status = -1;
-  std::string err;
-};
-
 // A copy of the example flow and its media, and the command run on it.
-class RenderCommandTest : public ::testing::Test {
+class RenderCommandTest : public CommandTest {
  protected:
   void SetUp() override {
     const fs::path examples = fs::path(KESTRION_TEST_SOURCE_DIR) / "examples";
     fs::copy_file(examples / "grade.json", dir_.path() / "grade.json");
     fs::copy(examples / "media", dir_.path() / "media");
-  }
-
-  // Starts the command with stdout and stderr going to files named after the run.
-  pid_t Start(const std::vector<std::string>& args, const std::string& run) {
-    std::vector<std::string> all{KESTRION_TEST_CLI};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : all) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const std::string out = dir_ / (run + ".out"), err = dir_ / (run + ".err");
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      const int o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (o < 0 || e < 0 || ::dup2(o, STDOUT_FILENO) < 0 || ::dup2(e, STDERR_FILENO) < 0) ::_exit(126);
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-    return pid;
-  }
-
-  // Runs commands side by side (starting the command costs more than most runs here), and
-  // removes their output files.
-  std::vector<Outcome> RunAll(const std::vector<std::vector<std::string>>& commands) {
-    std::vector<pid_t> pids;
-    for (size_t i = 0; i < commands.size(); ++i) pids.push_back(Start(commands[i], "run" + std::to_string(i)));
-    std::vector<Outcome> outcomes(commands.size());
-    for (size_t i = 0; i < commands.size(); ++i) {
-      const std::string run = dir_ / ("run" + std::to_string(i));
-      int wait_status = 0;
-      if (pids[i] > 0 && ::waitpid(pids[i], &wait_status, 0) == pids[i])
-        outcomes[i] = {StatusOf(wait_status), ReadBytes(run + ".err")};
-      fs::remove(run + ".out");
-      fs::remove(run + ".err");
-    }
-    return outcomes;
   }
 
   Outcome Render(const fs::path& flow, std::vector<std::string> more = {}) {
@@ -150,8 +89,6 @@ class RenderCommandTest : public ::testing::Test {
     WriteBytes(path, R"({"kestrion": 1, "range": )" + range + R"(, "tools": {)" + tools + "}}");
     return path;
   }
-
-  TempFolder dir_;
 };
 
 // The example flow renders all its frames; converted to a document and back, it renders the
@@ -434,6 +371,49 @@ TEST_F(RenderCommandTest, AFrameThatCannotBeWrittenGivesStatus1) {
   }
   EXPECT_EQ(dir_.Files("late"), cases[1].left);
   EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"blocked0.json", "blocked1.json", "blocker", "grade.json", "late", "media"}));
+}
+
+// Resize and Crop between the example clip (160 x 90) and a Saver write frames of their size,
+// Resize at the proxy size in a proxy render; a size past the image limit fails its frame
+// with status 1, naming the tool and the size, and writes nothing.
+TEST_F(RenderCommandTest, ResizeAndCropWriteFramesOfTheirSize) {
+  const struct {
+    const char* tool;
+    const char* inputs;
+    const char* proxy;
+    int status, width, height;
+  } cases[] = {
+      {"Resize", R"("Width": 80, "Height": 45)", "1", 0, 80, 45},
+      {"Resize", R"("Width": 80, "Height": 45)", "2", 0, 40, 22},
+      {"Crop", R"("X Offset": 10, "Y Offset": 5, "X Size": 64, "Y Size": 32)", "1", 0, 64, 32},
+      {"Crop", R"("X Offset": 150, "Y Offset": 80, "X Size": 64, "Y Size": 32)", "2", 0, 64, 32},
+      {"Resize", R"("Width": 100000, "Height": 100000)", "1", 1, 0, 0},
+  };
+  std::vector<std::vector<std::string>> commands;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const fs::path flow = dir_.path() / ("size" + std::to_string(i) + ".json");
+    WriteBytes(flow, std::string(R"({"kestrion": 1, "range": [1, 2], "tools": {
+        "Loader1": {"class": "Loader", "inputs": {"Filename": "media/plate.####.png"}},
+        "Tool1": {"class": ")") + cases[i].tool + R"(", "inputs": {)" + cases[i].inputs + R"(, "Image": "Loader1"}},
+        "Saver1": {"class": "Saver", "inputs": {"Filename": "out)" + std::to_string(i) + R"(/f.####.png", "Image": "Tool1"}}}})");
+    commands.push_back({"render", flow.string(), "--proxy", cases[i].proxy});
+  }
+  const auto runs = RunAll(commands);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(commands[i][1] + " --proxy " + cases[i].proxy);
+    EXPECT_EQ(runs[i].status, cases[i].status) << runs[i].err;
+    const std::string out = "out" + std::to_string(i);
+    if (cases[i].status != 0) {
+      EXPECT_TRUE(Contains(runs[i].err, "tool 'Tool1' (Resize) failed to render frame 1: image size 100000 x 100000"))
+          << runs[i].err;
+      EXPECT_TRUE(dir_.Files(out).empty());
+      continue;
+    }
+    ASSERT_EQ(dir_.Files(out), Frames("f.%04d.png", {1, 2}));
+    const Picture frame = ReadPicture(dir_.path() / out / "f.0002.png");
+    EXPECT_EQ(frame.width, cases[i].width);
+    EXPECT_EQ(frame.height, cases[i].height);
+  }
 }
 
 // A stop signal ends a long render: status 128 + 15, every frame on disk complete, no

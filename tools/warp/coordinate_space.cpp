@@ -41,10 +41,10 @@ struct PolarRender {
 };
 
 // Pixels x0 .. x0 + count - 1 of `out`'s row y copied whole from the source pixels at
-// `points`, a mask's byte or a word; black where a point lies outside the source.
-void CopyPoints(const PolarRender& t, int y, int x0, int count, const module::SourcePoints& points) {
+// (xs[k], ys[k]), a mask's byte or a word; black where a point lies outside the source.
+void CopyPoints(const PolarRender& t, int y, int x0, int count, const int32_t* xs, const int32_t* ys) {
   for (int k = 0; k < count; ++k) {
-    const int32_t sx = points.x[k], sy = points.y[k];
+    const int32_t sx = xs[k], sy = ys[k];
     const bool inside = sx >= 0 && sx < t.width && sy >= 0 && sy < t.height;
     if (t.out->Depth() == 32) {
       t.out->Row(y)[x0 + k] = inside ? t.src->Row(sy)[sx] : 0;
@@ -60,14 +60,14 @@ void RectangularToPolarRow(const PolarRender& t, int y) {
   const double rho = double(y) / t.height / std::sqrt(2.0), last_x = t.width - 1, last_y = t.height - 1;
   const double* cos_angle = t.cos_angle.data();
   const double* sin_angle = t.sin_angle.data();
-  module::SourcePoints points;
-  for (int x0 = 0; x0 < t.width; x0 += module::kWarpRun) {
-    const int count = std::min(module::kWarpRun, t.width - x0);
+  int32_t sx[module::kSamplePiece], sy[module::kSamplePiece];
+  for (int x0 = 0; x0 < t.width; x0 += module::kSamplePiece) {
+    const int count = std::min(module::kSamplePiece, t.width - x0);
     for (int k = 0; k < count; ++k) {
-      points.x[k] = module::TruncToInt(last_x * (cos_angle[x0 + k] * rho + kCentreX));
-      points.y[k] = module::TruncToInt(last_y * (sin_angle[x0 + k] * rho + kCentreY));
+      sx[k] = module::TruncToInt(last_x * (cos_angle[x0 + k] * rho + kCentreX));
+      sy[k] = module::TruncToInt(last_y * (sin_angle[x0 + k] * rho + kCentreY));
     }
-    CopyPoints(t, y, x0, count, points);
+    CopyPoints(t, y, x0, count, sx, sy);
   }
 }
 
@@ -84,23 +84,23 @@ inline int32_t ColumnOf(double last_x, double angle) {
 void PolarToRectangularRow(const PolarRender& t, int y) {
   const double dy = double(y) / t.height - kCentreY, width = t.width, farthest = t.farthest;
   const double last_x = t.width - 1, last_y = t.height - 1;
-  module::SourcePoints points;
-  int32_t column_high[module::kWarpRun];
-  for (int x0 = 0; x0 < t.width; x0 += module::kWarpRun) {
-    const int count = std::min(module::kWarpRun, t.width - x0);
+  int32_t sx[module::kSamplePiece], sy[module::kSamplePiece];
+  int32_t column_high[module::kSamplePiece];
+  for (int x0 = 0; x0 < t.width; x0 += module::kSamplePiece) {
+    const int count = std::min(module::kSamplePiece, t.width - x0);
     for (int k = 0; k < count; ++k) {
       const double dx = double(x0 + k) / width - kCentreX;
       const bool middle = dx == 0 && dy == 0;
       const module::Bracket column =
           module::BracketOf(module::FastAtan2(dy, dx), middle ? 0.0 : module::kFastAtan2Error,
                             [&](double angle) { return middle ? 0 : ColumnOf(last_x, angle); });
-      points.x[k] = column.low;
+      sx[k] = column.low;
       column_high[k] = column.high;
-      points.y[k] = module::TruncToInt(last_y * (std::sqrt(dx * dx + dy * dy) / farthest));
+      sy[k] = module::TruncToInt(last_y * (std::sqrt(dx * dx + dy * dy) / farthest));
     }
     for (int k = 0; k < count; ++k)
-      if (points.x[k] != column_high[k]) points.x[k] = ColumnOf(last_x, std::atan2(dy, double(x0 + k) / width - kCentreX));
-    CopyPoints(t, y, x0, count, points);
+      if (sx[k] != column_high[k]) sx[k] = ColumnOf(last_x, std::atan2(dy, double(x0 + k) / width - kCentreX));
+    CopyPoints(t, y, x0, count, sx, sy);
   }
 }
 

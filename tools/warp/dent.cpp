@@ -84,30 +84,30 @@ inline double NewRadius(double r, double R, double k, double trig) {
 // from the fast form and the points from both ends of its error, and the library's where those
 // differ.
 template <int kType>
-void DentPoints(const DentRender& t, double dy, int x0, int count, module::SourcePoints& points) {
+void DentPoints(const DentRender& t, double dy, int x0, int count, int32_t* sx, int32_t* sy) {
   const double R = t.radius, k = t.k, width = t.width, cxp = t.cxp, cyp = t.cyp, xs = t.xs, ys = t.ys;
   const auto offset = [&](int x) { return (x - cxp) / width * xs; };
   const auto source = [&](double moved, double d, double r, double centre, double aspect) {
     return module::TruncToInt((moved * d / r * width / aspect + centre) * 256.0);
   };
-  bool doubt[module::kWarpRun];
+  bool doubt[module::kSamplePiece];
   for (int i = 0; i < count; ++i) {
     const double dx = offset(x0 + i), r = std::sqrt(dx * dx + dy * dy);
     if constexpr (UsesTrig(kType)) {
       const double argument = TrigArgument<kType>(r, R);
       const module::SinCos fast = module::FastSinCos(argument);
       const double trig = kType == CosineDent ? fast.cos : fast.sin;
-      const module::Bracket sx = module::BracketOf(
+      const module::Bracket bx = module::BracketOf(
           trig, module::kFastTrigError, [&](double v) { return source(NewRadius<kType>(r, R, k, v), dx, r, cxp, xs); });
-      const module::Bracket sy = module::BracketOf(
+      const module::Bracket by = module::BracketOf(
           trig, module::kFastTrigError, [&](double v) { return source(NewRadius<kType>(r, R, k, v), dy, r, cyp, ys); });
-      points.x[i] = sx.low;
-      points.y[i] = sy.low;
-      doubt[i] = !((std::fabs(argument) <= module::kFastTrigLimit) & sx.Certain() & sy.Certain());
+      sx[i] = bx.low;
+      sy[i] = by.low;
+      doubt[i] = !((std::fabs(argument) <= module::kFastTrigLimit) & bx.Certain() & by.Certain());
     } else {
       const double moved = NewRadius<kType>(r, R, k, 0.0);
-      points.x[i] = source(moved, dx, r, cxp, xs);
-      points.y[i] = source(moved, dy, r, cyp, ys);
+      sx[i] = source(moved, dx, r, cxp, xs);
+      sy[i] = source(moved, dy, r, cyp, ys);
     }
   }
   if constexpr (UsesTrig(kType)) {
@@ -115,8 +115,8 @@ void DentPoints(const DentRender& t, double dy, int x0, int count, module::Sourc
       if (!doubt[i]) continue;
       const double dx = offset(x0 + i), r = std::sqrt(dx * dx + dy * dy);
       const double moved = NewRadius<kType>(r, R, k, LibraryTrig<kType>(TrigArgument<kType>(r, R)));
-      points.x[i] = source(moved, dx, r, cxp, xs);
-      points.y[i] = source(moved, dy, r, cyp, ys);
+      sx[i] = source(moved, dx, r, cxp, xs);
+      sy[i] = source(moved, dy, r, cyp, ys);
     }
   }
 }
@@ -135,7 +135,7 @@ void DentRow(const DentRender& t, int y) {
   module::CopyRun(*t.src, *t.out, y, run.end, t.width);
   module::SampleMappedRun<module::Edge::Black>(
       *t.src, *t.out, y, run.begin, run.end, t.quality,
-      [&](int x0, int count, module::SourcePoints& points) { DentPoints<kType>(t, dy, x0, count, points); });
+      [&](int x0, int count, int32_t* sx, int32_t* sy) { DentPoints<kType>(t, dy, x0, count, sx, sy); });
   // The centre pixel has no direction to move in and stays.
   if (dy == 0)
     for (int x = run.begin; x < run.end; ++x)

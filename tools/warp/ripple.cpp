@@ -117,9 +117,9 @@ inline int32_t SourceY(const RippleRender& t, double fy, double s) {
 // both ends of the fast sine's error; and the library's sine where those differ or the fast form
 // does not reach.
 template <int kShape, bool kQuick, bool kDamped>
-void RipplePoints(const RippleRender& t, float fy, uint32_t& state, int x0, int count, module::SourcePoints& points) {
-  int32_t distance[module::kWarpRun];
-  double fixed_scale[module::kWarpRun];
+void RipplePoints(const RippleRender& t, float fy, uint32_t& state, int x0, int count, int32_t* sx, int32_t* sy) {
+  int32_t distance[module::kSamplePiece];
+  double fixed_scale[module::kSamplePiece];
   for (int k = 0; k < count; ++k) {
     const float fx = float(t.fx[size_t(x0 + k)]);
     const bool centre = fx == 0 && fy == 0;
@@ -131,7 +131,7 @@ void RipplePoints(const RippleRender& t, float fy, uint32_t& state, int x0, int 
   // choice only would keep the compiler from running it on vectors.
   const double fy_wide = fy, amplitude = t.amplitude, dampening = t.dampening;
   const double* offsets = t.fx.data() + x0;
-  int32_t x_high[module::kWarpRun], y_high[module::kWarpRun];
+  int32_t x_high[module::kSamplePiece], y_high[module::kSamplePiece];
   for (int k = 0; k < count; ++k) {
     const double fx = offsets[k], fy = fy_wide, fixed = fixed_scale[k];
     const bool known = fixed == fixed;
@@ -140,22 +140,22 @@ void RipplePoints(const RippleRender& t, float fy, uint32_t& state, int x0, int 
     const double base = known ? fixed : 1.0, a = known ? 0.0 : WaveAmplitude<kDamped>(amplitude, dampening, fx, fy);
     const double sine = known ? 0.0 : module::FastSinCos(t.frequency * distance[k] + t.phase).sin;
     const double error = known ? 0.0 : module::kFastTrigError;
-    const module::Bracket sx = module::BracketOf(sine, error, [&](double v) { return SourceX(t, fx, base + a * v); });
-    const module::Bracket sy = module::BracketOf(sine, error, [&](double v) { return SourceY(t, fy, base + a * v); });
-    points.x[k] = sx.low;
-    points.y[k] = sy.low;
-    x_high[k] = sx.high;
-    y_high[k] = sy.high;
+    const module::Bracket bx = module::BracketOf(sine, error, [&](double v) { return SourceX(t, fx, base + a * v); });
+    const module::Bracket by = module::BracketOf(sine, error, [&](double v) { return SourceY(t, fy, base + a * v); });
+    sx[k] = bx.low;
+    sy[k] = by.low;
+    x_high[k] = bx.high;
+    y_high[k] = by.high;
   }
   for (int k = 0; k < count; ++k) {
     const double angle = t.frequency * distance[k] + t.phase;
     const bool certain = fixed_scale[k] == fixed_scale[k] ||
-                         (points.x[k] == x_high[k] && points.y[k] == y_high[k] && std::fabs(angle) <= module::kFastTrigLimit);
+                         (sx[k] == x_high[k] && sy[k] == y_high[k] && std::fabs(angle) <= module::kFastTrigLimit);
     if (certain) continue;
     const double fx = t.fx[size_t(x0 + k)];
     const double s = 1.0 + WaveAmplitude<kDamped>(amplitude, dampening, fx, fy) * std::sin(angle);
-    points.x[k] = SourceX(t, fx, s);
-    points.y[k] = SourceY(t, fy, s);
+    sx[k] = SourceX(t, fx, s);
+    sy[k] = SourceY(t, fy, s);
   }
 }
 
@@ -165,9 +165,9 @@ template <int kShape, bool kQuick, bool kDamped>
 void RippleRow(const RippleRender& t, int y) {
   const float fy = Offset(int64_t(y) - t.cy, t.width, t.ys);
   uint32_t state = kShape == Random ? CrtSteps::Of(t.draws_before[size_t(y)]).Apply(t.first_state) : 0;
-  module::SampleMappedRun<module::Edge::Clamp>(
-      *t.src, *t.out, y, 0, t.width, kQuick ? 0 : 1, [&](int x0, int count, module::SourcePoints& points) {
-        RipplePoints<kShape, kQuick, kDamped>(t, fy, state, x0, count, points);
+  module::SampleMappedRow<module::Edge::Clamp>(
+      *t.src, *t.out, y, kQuick ? 0 : 1, [&](int x0, int count, int32_t* sx, int32_t* sy) {
+        RipplePoints<kShape, kQuick, kDamped>(t, fy, state, x0, count, sx, sy);
       });
 }
 

@@ -50,8 +50,8 @@ inline void VortexPoint(const VortexRender& t, double dx, double dy, double r, d
 // The source points of pixels x0 .. x0 + count - 1 of a row at dy, all inside the circle: the
 // angle and its cosine and sine from the fast forms, the points from both ends of their error,
 // and VortexPoint for the pixels where those differ or the fast forms do not reach.
-void VortexPoints(const VortexRender& t, double dy, int x0, int count, module::SourcePoints& points) {
-  bool doubt[module::kWarpRun];
+void VortexPoints(const VortexRender& t, double dy, int x0, int count, int32_t* sx, int32_t* sy) {
+  bool doubt[module::kSamplePiece];
   for (int k = 0; k < count; ++k) {
     const double dx = (x0 + k - t.cxp) * t.xs, r = std::sqrt(dx * dx + dy * dy), f = (t.radius - r) / t.radius;
     const bool centre = dx == 0 && dy == 0;
@@ -66,18 +66,18 @@ void VortexPoints(const VortexRender& t, double dy, int x0, int count, module::S
     const double error = theta_error + 2 * module::kFastTrigError;
     const bool reached =
         (f >= 0x1p-1022) & (std::fabs(y) <= module::kFastExpLimit) & (std::fabs(theta) <= module::kFastTrigLimit);
-    const module::Bracket sx =
+    const module::Bracket bx =
         module::BracketOf(turn.cos, error, [&](double c) { return module::TruncToInt((c * r / t.xs + t.cxp) * 256.0); });
-    const module::Bracket sy =
+    const module::Bracket by =
         module::BracketOf(turn.sin, error, [&](double s) { return module::TruncToInt((s * r / t.ys + t.cyp) * 256.0); });
-    points.x[k] = sx.low;
-    points.y[k] = sy.low;
-    doubt[k] = !(reached & sx.Certain() & sy.Certain());
+    sx[k] = bx.low;
+    sy[k] = by.low;
+    doubt[k] = !(reached & bx.Certain() & by.Certain());
   }
   for (int k = 0; k < count; ++k) {
     if (!doubt[k]) continue;
     const double dx = (x0 + k - t.cxp) * t.xs, r = std::sqrt(dx * dx + dy * dy);
-    VortexPoint(t, dx, dy, r, (t.radius - r) / t.radius, points.x[k], points.y[k]);
+    VortexPoint(t, dx, dy, r, (t.radius - r) / t.radius, sx[k], sy[k]);
   }
 }
 
@@ -93,7 +93,7 @@ void VortexRow(const VortexRender& t, int y) {
   module::CopyRun(*t.src, *t.out, y, run.end, t.width);
   module::SampleMappedRun<module::Edge::Clamp>(
       *t.src, *t.out, y, run.begin, run.end, t.quality,
-      [&](int x0, int count, module::SourcePoints& points) { VortexPoints(t, dy, x0, count, points); });
+      [&](int x0, int count, int32_t* sx, int32_t* sy) { VortexPoints(t, dy, x0, count, sx, sy); });
 }
 
 class Vortex final : public ThreadedOperator {

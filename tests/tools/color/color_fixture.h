@@ -9,9 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/base/random.h"
 #include "host/document/document.h"
-#include "host/graph/threads.h"
 #include "tests/host/image/image_fixtures.h"
 #include "tests/host/test_tools.h"
 
@@ -95,30 +93,6 @@ class ColorToolTest : public ::testing::Test {
   std::vector<Pixel> RenderPixels(Operator* op, double time = 0.0, uint32_t flags = 0) {
     Ref<Image> img = Render(op, time, flags);
     return img ? Pixels(*img) : std::vector<Pixel>{};
-  }
-
-  // Renders the tool at 1, 2, 3 and 7 worker threads, its cached result dropped in between, and
-  // expects the same bytes every time and the random generator left at the same place.
-  void ExpectSameBytesOnEveryThreadCount(Operator* op, uint32_t flags = 0) {
-    struct DefaultThreadsAfter {
-      ~DefaultThreadsAfter() { SetWorkerThreads(0); }
-    } restore;
-    std::vector<Pixel> one_thread;
-    int next_draw = 0;
-    for (int threads : {1, 2, 3, 7}) {
-      SetWorkerThreads(threads);
-      doc_.InvalidateFrom(op);
-      crt_srand(5);
-      const std::vector<Pixel> bytes = RenderPixels(op, 0, flags);
-      const int draw = crt_rand();
-      EXPECT_FALSE(bytes.empty()) << threads << " threads";
-      if (threads == 1) {
-        one_thread = bytes;
-        next_draw = draw;
-      }
-      EXPECT_EQ(bytes, one_thread) << threads << " threads";
-      EXPECT_EQ(draw, next_draw) << threads << " threads";
-    }
   }
 
   PictureClass pictures_;  // outlives the document

@@ -1,6 +1,6 @@
 // What Ripple, Vortex, Dent and Coordinate Space share as tools: their inputs as the panel and
-// saved flows see them, their records, the settings that hand the input on untouched, a text
-// flow, and bytes that do not depend on the number of worker threads.
+// saved flows see them, their records, the settings that hand the input on untouched, and a
+// text flow. (Their bytes at 1, 2, 3 and 7 threads: tests/tools/color/thread_count_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -133,35 +133,6 @@ TEST(RadialWarpFlow, EachToolRendersFromATextFlow) {
     auto* img = dynamic_cast<Image*>(v.get());
     ASSERT_NE(img, nullptr) << c.tool << ": " << err.message;
     EXPECT_EQ(Unchanged(*img), c.expected) << c.tool;
-  }
-}
-
-// Each tool over 61 rows of noise (several bands) at 1, 2, 3 and 7 worker threads: the same
-// bytes, and Random leaves the generator at the same place.
-TEST_F(RadialWarpTest, BytesDoNotDependOnTheThreadCount) {
-  const struct {
-    const char* tool;
-    Numbers numbers;
-    uint32_t flags;
-  } cases[] = {
-      {"Drip", {{"Shape", 0}, {"Amplitude", 0.3}, {"Frequency", 20}}, 0},
-      {"Drip", {{"Shape", 2}, {"Amplitude", 0.3}, {"Frequency", 20}}, 0},
-      {"Drip", {{"Shape", 2}, {"Amplitude", 0.3}, {"Frequency", 20}}, rflag::Quick},
-      {"Drip", {{"Shape", 7}, {"Amplitude", 0.3}, {"Dampening", 0.5}, {"Frequency", 20}}, 0},
-      {"Vortex", {{"Size", 1.2}, {"Angle", 200}, {"Power", 1.5}}, 0},
-      {"Vortex", {{"Size", 1.2}, {"Angle", 200}, {"Power", 1.5}}, rflag::Quick},
-      {"CoordSpace", {{"Shape", 0}}, 0},
-      {"CoordSpace", {{"Shape", 1}}, 0},
-      {"Dent", {{"Type", 3}, {"Size", 1.5}, {"Strength", 2}}, 0},
-      {"Dent", {{"Type", 5}, {"Size", 1.5}, {"Strength", 2}}, rflag::Quick},
-  };
-  std::mt19937 random(23);
-  std::vector<Pixel> noise;
-  for (int k = 0; k < 37 * 61; ++k) noise.push_back(Pixel::FromWord(uint32_t(random())));
-  Picture* src = Source(37, 61, noise);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.tool << " " << c.numbers[0].second << (c.flags ? " quick" : ""));
-    ExpectSameBytesOnEveryThreadCount(Warp(c.tool, src, c.numbers, 0.45f, 0.55f), c.flags);
   }
 }
 
