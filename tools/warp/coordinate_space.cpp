@@ -42,15 +42,21 @@ struct PolarRender {
 
 // Pixels x0 .. x0 + count - 1 of `out`'s row y copied whole from the source pixels at
 // (xs[k], ys[k]), a mask's byte or a word; black where a point lies outside the source.
+template <class Pixel>
 void CopyPoints(const PolarRender& t, int y, int x0, int count, const int32_t* xs, const int32_t* ys) {
+  const uint32_t width = uint32_t(t.width), height = uint32_t(t.height);
+  void* const* rows = t.src->RowTable();
+  Pixel* __restrict to = static_cast<Pixel*>(t.out->RowTable()[y]) + x0;
   for (int k = 0; k < count; ++k) {
-    const int32_t sx = xs[k], sy = ys[k];
-    const bool inside = sx >= 0 && sx < t.width && sy >= 0 && sy < t.height;
-    if (t.out->Depth() == 32) {
-      t.out->Row(y)[x0 + k] = inside ? t.src->Row(sy)[sx] : 0;
-    } else {
-      t.out->MaskRow(y)[x0 + k] = inside ? t.src->MaskRow(sy)[sx] : 0;
-    }
+    const bool inside = uint32_t(xs[k]) < width && uint32_t(ys[k]) < height;
+    to[k] = inside ? static_cast<const Pixel*>(rows[ys[k]])[xs[k]] : Pixel(0);
+  }
+}
+void CopyPoints(const PolarRender& t, int y, int x0, int count, const int32_t* xs, const int32_t* ys) {
+  if (t.out->Depth() == 32) {
+    CopyPoints<uint32_t>(t, y, x0, count, xs, ys);
+  } else {
+    CopyPoints<uint8_t>(t, y, x0, count, xs, ys);
   }
 }
 
