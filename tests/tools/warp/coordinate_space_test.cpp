@@ -33,7 +33,7 @@ TEST_F(CoordinateSpaceTest, ConvertsBothWaysOnAFourByFour) {
                                                      {0, 2}, {0, 1}, {0, 1}, {1, 1},  //
                                                      {3, 2}, {3, 1}, {0, 0}, {1, 1},  //
                                                      {2, 2}, {2, 1}, {2, 1}, {1, 1}});
-  Picture* src = Coordinates(4, 4);
+  Picture* src = CoordinateSource(4, 4);
   EXPECT_EQ(RenderPixels(Warp("CoordSpace", src, {{"Shape", 0}})), to_polar);
   EXPECT_EQ(RenderPixels(Warp("CoordSpace", src, {{"Shape", 1}})), to_rectangular);
 }
@@ -42,7 +42,7 @@ TEST_F(CoordinateSpaceTest, ConvertsBothWaysOnAFourByFour) {
 // four axis angles: columns 0, 2, 4 and 6 of row 15 read column -1 or 8, or row -2 or 17, and
 // are black.
 TEST_F(CoordinateSpaceTest, PolarRowsPastTheFrameAreBlack) {
-  Operator* tool = Warp("CoordSpace", Coordinates(8, 16), {{"Shape", 0}});
+  Operator* tool = Warp("CoordSpace", CoordinateSource(8, 16), {{"Shape", 0}});
   Ref<Image> out = Render(tool);
   ASSERT_TRUE(out);
   for (int x = 0; x < 8; ++x) {
@@ -52,7 +52,7 @@ TEST_F(CoordinateSpaceTest, PolarRowsPastTheFrameAreBlack) {
 }
 
 TEST_F(CoordinateSpaceTest, AShapePastTheListLeavesTheFrameAsMade) {
-  EXPECT_EQ(RenderPixels(Warp("CoordSpace", Coordinates(3, 2), {{"Shape", 2}})), std::vector<Pixel>(6));
+  EXPECT_EQ(RenderPixels(Warp("CoordSpace", CoordinateSource(3, 2), {{"Shape", 2}})), std::vector<Pixel>(6));
 }
 
 }  // namespace

@@ -1,29 +1,20 @@
-// What the tests of Ripple, Vortex, Dent and Coordinate Space share: a source whose pixels name
-// their own column and row, and a fixture that renders a tool over a picture with its inputs set.
+// What the tests of Ripple, Vortex, Dent and Coordinate Space share beyond the warp fixture: a
+// coordinate source as a picture tool, and a tool rendered over a picture with its inputs set.
 #pragma once
 
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tests/tools/color/color_fixture.h"
+#include "tests/tools/warp/warp_fixture.h"
 
 namespace kestrion::test {
 
-// Pixel (x, y) of a coordinate source: blue 16x, green 16y, red 200, alpha 255, so that a sample
-// names the point it was read at (between pixels, the mix of their coordinates).
-constexpr Pixel At(int x, int y) { return {uint8_t(16 * x), uint8_t(16 * y), 200, 255}; }
-
 using Numbers = std::vector<std::pair<std::string, double>>;
 
-class RadialWarpTest : public ColorToolTest {
+class RadialWarpTest : public WarpTest {
  protected:
-  Picture* Coordinates(int w, int h) {
-    std::vector<Pixel> pixels;
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) pixels.push_back(At(x, y));
-    return Source(w, h, pixels);
-  }
+  Picture* CoordinateSource(int w, int h) { return Source(w, h, Coordinates(w, h)); }
 
   // A tool of the class over `src`, its numbers set by label and its centre at (cx, cy) where it
   // has one.

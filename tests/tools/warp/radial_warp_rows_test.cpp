@@ -20,9 +20,8 @@ class RadialWarpRowsTest : public RadialWarpTest {
   int Pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random_); }
 
   // A w x h frame of noise (a mask when asked), its pixels stretched by the aspects.
-  Picture* Noise(int w, int h, float x_aspect = 1, float y_aspect = 1, bool mask = false) {
-    std::vector<Pixel> pixels;
-    for (int k = 0; k < w * h; ++k) pixels.push_back(Pixel::FromWord(uint32_t(random_())));
+  Picture* NoisePicture(int w, int h, float x_aspect = 1, float y_aspect = 1, bool mask = false) {
+    const std::vector<Pixel> pixels = Noise(random_, w * h);
     Picture* pic = Source(w, h, pixels);
     if (mask) {
       std::vector<uint8_t> values;
@@ -81,7 +80,7 @@ TEST_F(RadialWarpRowsTest, RandomRowsMatchTheReferences) {
   for (int width = 1; width <= 67; ++width) {
     const int height = Pick(1, 6);
     const bool stretched = width % 3 == 0, quick = width % 4 == 1;
-    Picture* src = Noise(width, height, stretched ? float(Uniform(0.5, 2)) : 1.0f, stretched ? float(Uniform(0.5, 2)) : 1.0f,
+    Picture* src = NoisePicture(width, height, stretched ? float(Uniform(0.5, 2)) : 1.0f, stretched ? float(Uniform(0.5, 2)) : 1.0f,
                          width == 20);
     const float cx = float(Uniform(-0.3, 1.3)), cy = float(Uniform(-0.3, 1.3));
     ExpectRipple(src,
@@ -103,8 +102,8 @@ TEST_F(RadialWarpRowsTest, RandomRowsMatchTheReferences) {
 // turns of millions of degrees, powers that blow up towards the edge, frequencies far past the
 // slider, dents many frames wide.
 TEST_F(RadialWarpRowsTest, LongRowsMatchTheReferences) {
-  Picture* src = Noise(301, 40);
-  Picture* stretched = Noise(257, 33, 0.9f, 1.2f);
+  Picture* src = NoisePicture(301, 40);
+  Picture* stretched = NoisePicture(257, 33, 0.9f, 1.2f);
   for (bool quick : {false, true}) {
     for (int shape = 0; shape < 8; ++shape) {
       ExpectRipple(src, {.shape = double(shape), .cx = 0.45f, .cy = 0.6f, .amplitude = 0.3, .frequency = 40}, quick);

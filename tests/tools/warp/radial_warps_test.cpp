@@ -58,7 +58,7 @@ TEST_F(RadialWarpTest, NeutralSettingsHandTheInputOn) {
       {"Dent", {{"Size", 0}, {"Strength", 0}}, true},
       {"Dent", {{"Size", 0}, {"Strength", 1}}, false},
   };
-  Picture* src = Coordinates(5, 4);
+  Picture* src = CoordinateSource(5, 4);
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.tool << " " << c.numbers[0].first << " " << c.numbers[0].second);
     Ref<Image> out = Render(Warp(c.tool, src, c.numbers));
@@ -81,7 +81,7 @@ TEST_F(RadialWarpTest, RecordsSaveAndLoad) {
                {"Dent", FourCC("Dent"), {{"Type", 4}, {"Strength", -2}}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.tool);
-    Operator* op = Warp(c.tool, Coordinates(2, 2), c.numbers);
+    Operator* op = Warp(c.tool, CoordinateSource(2, 2), c.numbers);
     CArchive whole, base;
     EXPECT_EQ(op->Save(&whole, nullptr), 1u);
     op->Operator::Save(&base, nullptr);
@@ -115,8 +115,8 @@ TEST(RadialWarpFlow, EachToolRendersFromATextFlow) {
                                                    ".", &err);
   ASSERT_TRUE(doc) << err.message;
   std::mt19937 random(3);
-  std::vector<uint32_t> words(9 * 7);
-  for (uint32_t& w : words) w = uint32_t(random());
+  std::vector<uint32_t> words;
+  for (const Pixel& p : Noise(random, 9 * 7)) words.push_back(p.Word());
   const Ref<Image> plate = MakeFrame(9, 7, Rows::Owned, words).image;
   dynamic_cast<Picture*>(doc->FindTool("Plate"))->image = plate;
   const struct {

@@ -34,19 +34,19 @@ TEST_F(RippleTest, ShapesScaleTheOffsetByTheWaveAtTheirDistance) {
       {"the centre never moves", 7, 3, 1, 0, 0, 0, 4, 4, At(4, 4)},
       {"sin pi leaves the pixel", 3, 2, 1, 0, 0, 0, 5, 6, At(5, 6)},
       {"sin 3 pi / 2 = -1 draws the centre in", 3, 6, 1, 0, 0, 0, 5, 5, At(4, 4)},
-      // a = 0.25 - 1/8 * 1 = 0.125: s = 1.125 reads x = 5.125, 7/8 of 80 and 1/8 of 96.
-      {"dampened inside", 4, 2, 0.25, 1, 0, 0, 5, 4, {82, 64, 200, 255}},
+      // a = 0.25 - 1/8 * 1 = 0.125: s = 1.125 reads x = 5.125, 7/8 of 50 and 1/8 of 60.
+      {"dampened inside", 4, 2, 0.25, 1, 0, 0, 5, 4, {51, 40, 100, 255}},
       {"dampened to nothing beyond A / D", 4, 2, 0.25, 1, 0, 0, 7, 4, At(7, 4)},
       // Phase 0.75 turns to p = -0.75 + 1: P' = pi/2, and d = 0 on the centre row.
       {"phase", 3, 2, 1, 0, 0.75, 0, 5, 4, At(6, 4)},
       {"phase 1 is phase 0", 3, 2, 1, 0, 1, 0, 5, 4, At(5, 4)},
       // s = 1.5: half way between columns 5 and 6.
-      {"full quality", 4, 2, 0.5, 0, 0, 0, 5, 4, {88, 64, 200, 255}},
+      {"full quality", 4, 2, 0.5, 0, 0, 0, 5, 4, {55, 40, 100, 255}},
       // The wave table holds sin(1.570) = 0.99999968 for d = 250: s = 1.49999984 reads x =
       // 1407/256, whose nearest pixel is column 5.
       {"quick", 4, 2, 0.5, 0, 0, rflag::Quick, 5, 4, At(5, 4)},
   };
-  Picture* src = Coordinates(8, 8);
+  Picture* src = CoordinateSource(8, 8);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Operator* ripple = Warp("Drip", src,
@@ -60,12 +60,12 @@ TEST_F(RippleTest, ShapesScaleTheOffsetByTheWaveAtTheirDistance) {
 // row order: 5 for a 3 x 2 frame, after which seed 1 goes on with its sixth number, 15724. A
 // second render draws on and the pattern changes.
 TEST_F(RippleTest, RandomDrawsOncePerPixelButTheCentre) {
-  Operator* ripple = Warp("Drip", Coordinates(3, 2), {{"Shape", 2}, {"Frequency", 10}, {"Amplitude", 0.5}});
+  Operator* ripple = Warp("Drip", CoordinateSource(3, 2), {{"Shape", 2}, {"Frequency", 10}, {"Amplitude", 0.5}});
   crt_srand(1);
   Render(ripple);
   EXPECT_EQ(crt_rand(), 15724);
 
-  Operator* large = Warp("Drip", Coordinates(16, 16), {{"Shape", 2}, {"Frequency", 10}, {"Amplitude", 0.5}});
+  Operator* large = Warp("Drip", CoordinateSource(16, 16), {{"Shape", 2}, {"Frequency", 10}, {"Amplitude", 0.5}});
   const std::vector<Pixel> first = RenderPixels(large);
   doc_.InvalidateFrom(large);
   EXPECT_NE(RenderPixels(large), first);
