@@ -89,21 +89,25 @@ void RegisterCatalogue() {
                               &tools::NewGlow);
   Standard<FourCC("Tran")>(transform, "Transform", ImageTool, {Category("Transform"), Short("Xf"), Describe("Applies rotation, scaling and mirroring effects"), Group(141), ToolNo(0x100001F)},
                               &tools::NewTransform);
-  Standard<FourCC("CrdS")>(coord_space, "CoordSpace", ImageTool, {Category("Warp"), Short("CdS"), Describe("Converts between Polar and Rectangular Co-ordinate spaces"), Display("Coordinate Space"), Group(143)});
+  Standard<FourCC("CrdS")>(coord_space, "CoordSpace", ImageTool, {Category("Warp"), Short("CdS"), Describe("Converts between Polar and Rectangular Co-ordinate spaces"), Display("Coordinate Space"), Group(143)},
+                              &tools::NewCoordinateSpace);
   Standard<FourCC("Shdw")>(shadow, "Shadow", ImageTool, {Short("Sh"), Describe("Creates a shadow from Alpha"), Display("Shadow"), Group(140)});
   Standard<FourCC("PPin")>(perspective_pin, "PerspectivePin", ImageTool, {Category("Warp"), Short("PPn"), Describe("De-Perspective of images into a flat image"), Display("Perspective Positioner"), Group(141), ToolNo(0x1000012)},
                               &tools::NewPerspectivePin);
   Standard<FourCC("Calc")>(calculation, "Calculation", Modifier, {Produces(vtype::Number)}, &tools::NewCalculation);
   Standard<FourCC("UFLT")>(user_filter, "UserFilter", ImageTool, {Category("Filter"), Short("CFlt"), Describe("Applies a custom filtering effect"), Display("Custom Filter"), Group(168), ToolNo(0x1000019)},
                               &tools::NewCustomFilter);
-  Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)});
+  Standard<FourCC("Drip")>(drip, "Drip", ImageTool, {Category("Warp"), Short("Drip"), Describe("Applies a ripple effect, in a variety of shapes"), Group(143), ToolNo(0x100000C)},
+                              &tools::NewRipple);
   Standard<FourCC("Trak")>(tracker, "Tracker", ImageTool, {Short("Trk"), Describe("Tracks images and patterns"), Group(143), ToolNo(0x100001D), MakesFrames()},
                               &tools::NewTracker);
   Standard<FourCC("3DVE")>(dve, "DVE", ImageTool, {Category("Warp"), Describe("Applies 3D rotation & perspective"), Long("DVE"), Group(141), ToolNo(0x100000F)});
-  Standard<FourCC("Dent")>(dent, "Dent", ImageTool, {Category("Warp"), Short("Dnt"), Describe("Dents or bulges a frame"), Group(143), ToolNo(0x100000E)});
+  Standard<FourCC("Dent")>(dent, "Dent", ImageTool, {Category("Warp"), Short("Dnt"), Describe("Dents or bulges a frame"), Group(143), ToolNo(0x100000E)},
+                              &tools::NewDent);
   Standard<FourCC("Bool")>(bool_img, "BoolImg", ImageTool, {Category("Color"), Short("Bol"), Describe("Allows Boolean combinations of foreground channels with the background"), Display("Channel Booleans"), ToolNo(0x1000007)},
                               &tools::NewChannelBooleans);
-  Standard<FourCC("Vort")>(vortex, "Vortex", ImageTool, {Category("Warp"), Short("Vtx"), Describe("Applies a vortex swirl effect"), Group(143), ToolNo(0x100000D)});
+  Standard<FourCC("Vort")>(vortex, "Vortex", ImageTool, {Category("Warp"), Short("Vtx"), Describe("Applies a vortex swirl effect"), Group(143), ToolNo(0x100000D)},
+                              &tools::NewVortex);
   Standard<FourCC("Hilt")>(highlight, "Highlight", ImageTool, {Category("Filter"), Short("HiL"), Describe("Applies highlights to hot-spots"), Group(168), ToolNo(0x1000017)});
   Standard<FourCC("Colr")>(color_gain, "ColorGain", ImageTool, {Category("Color"), Short("Clr"), Describe("Applies Gain, Gamma and Saturation"), Display("Color Gain"), Group(222), ToolNo(0x1000013)},
                               &tools::NewColorGain);

@@ -1,6 +1,6 @@
 // What every tool shares in the operator contract: the end of a saved record and the save of
 // a tool without fields, the pass-through of an image input, the input table that declares a
-// tool's inputs, and reading a number or point input of a request.
+// tool's inputs, and reading the number and point inputs of a request.
 #pragma once
 
 #include <cstdint>
@@ -63,12 +63,13 @@ inline double NumberInput(Request* req, Input* in, int slot = 0) {
   return n ? n->value : 0.0;
 }
 
-// The value of a Point input for the request ((0, 0) when there is none).
+// The value of a Point input for the request: x and y in fractions of the frame, the middle of
+// the frame when there is none.
 struct PointValue {
-  float x = 0.0f, y = 0.0f;
+  float x = 0.5f, y = 0.5f;
 };
-inline PointValue PointInput(Request* req, Input* in, int slot = 0) {
-  auto* p = dynamic_cast<Point*>(req->GetInputData(in, slot));
+inline PointValue PointInput(Request* req, Input* in) {
+  auto* p = dynamic_cast<Point*>(req->GetInputData(in));
   return p ? PointValue{p->x, p->y} : PointValue{};
 }
 

@@ -204,19 +204,28 @@ const uint32_t* SampleRow(const Image& img, uint32_t* out, int count, int32_t x,
   return out;
 }
 
-// The samples of SamplePoints_Black and SamplePoints_Clamp. Bilinear samples whose four pixels
-// lie inside a 32-bit image are mixed straight from its rows, the size held in locals (stores
-// to `out` could otherwise change it, as far as the compiler knows); the rest go through the
-// checked sampler.
+// The samples of SamplePoints_Black and SamplePoints_Clamp. Nearest pixels inside a 32-bit
+// image are read, and bilinear samples whose four pixels lie inside it mixed, straight from its
+// rows, the size held in locals (stores to `out` could otherwise change it, as far as the
+// compiler knows); the rest go through the checked sampler.
 template <bool kClamp>
 void SamplePoints(const Image& img, uint32_t* __restrict out, int count, const int32_t* x, const int32_t* y,
                   long quality) {
   const uint32_t last_x = uint32_t(img.Width() - 1), last_y = uint32_t(img.Height() - 1);
-  if (img.Depth() != 32 || quality == 0 || img.Width() == 0 || img.Height() == 0) {
+  if (img.Depth() != 32 || img.Width() == 0 || img.Height() == 0) {
     for (int k = 0; k < count; ++k) out[k] = Sample<kClamp>(img, x[k], y[k], quality);
     return;
   }
   void* const* rows = img.RowTable();
+  if (quality == 0) {
+    for (int k = 0; k < count; ++k) {
+      // (x + 128) >> 8, without overflow at the top of the range.
+      const int32_t i = (x[k] >> 8) + ((x[k] >> 7) & 1), j = (y[k] >> 8) + ((y[k] >> 7) & 1);
+      out[k] = uint32_t(i) <= last_x && uint32_t(j) <= last_y ? static_cast<const uint32_t*>(rows[j])[i]
+                                                              : Sample<kClamp>(img, x[k], y[k], quality);
+    }
+    return;
+  }
   for (int k = 0; k < count; ++k) {
     const int32_t i = x[k] >> 8, j = y[k] >> 8;
     if (uint32_t(i) < last_x && uint32_t(j) < last_y) {

@@ -11,5 +11,9 @@ Object* NewResize(Registry* reg, CArchive* ar, TagList* tags);
 Object* NewCrop(Registry* reg, CArchive* ar, TagList* tags);
 Object* NewCornerPin(Registry* reg, CArchive* ar, TagList* tags);
 Object* NewPerspectivePin(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewRipple(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewVortex(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewCoordinateSpace(Registry* reg, CArchive* ar, TagList* tags);
+Object* NewDent(Registry* reg, CArchive* ar, TagList* tags);
 
 }  // namespace kestrion::tools

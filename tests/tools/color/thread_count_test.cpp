@@ -56,6 +56,16 @@ const ToolCase kCases[] = {
   {"CornerPin",  {}, false, rflag::Quick},
   {"PerspectivePin", {}, false},
   {"PerspectivePin", {}, false, rflag::Quick},
+  {"Drip",       {{"Shape", 0}, {"Amplitude", 0.3}, {"Frequency", 20}}, false},
+  {"Drip",       {{"Shape", 2}, {"Amplitude", 0.3}, {"Frequency", 20}}, false},
+  {"Drip",       {{"Shape", 2}, {"Amplitude", 0.3}, {"Frequency", 20}}, false, rflag::Quick},
+  {"Drip",       {{"Shape", 7}, {"Amplitude", 0.3}, {"Dampening", 0.5}, {"Frequency", 20}}, false},
+  {"Vortex",     {{"Size", 1.2}, {"Angle", 200}, {"Power", 1.5}}, false},
+  {"Vortex",     {{"Size", 1.2}, {"Angle", 200}, {"Power", 1.5}}, false, rflag::Quick},
+  {"CoordSpace", {{"Shape", 0}}, false},
+  {"CoordSpace", {{"Shape", 1}}, false},
+  {"Dent",       {{"Type", 3}, {"Size", 1.5}, {"Strength", 2}}, false},
+  {"Dent",       {{"Type", 5}, {"Size", 1.5}, {"Strength", 2}}, false, rflag::Quick},
 };
 // clang-format on
 
