@@ -267,7 +267,9 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
     std::error_code ec;
     const bool exists = fs::exists(path, ec);
     const std::string why = !exists ? std::string("no such file") : in ? in->geterror() : OIIO::geterror();
-    NoteFailure("cannot read '" + path + "': " + why, false);
+    // A file that is not there may be on its way (a sequence still being copied, a network
+    // share that dropped out for a moment): the same render may succeed later.
+    NoteFailure("cannot read '" + path + "': " + why, !exists);
     return nullptr;
   }
   const int64_t pixels = int64_t(layout.width) * int64_t(layout.height);
