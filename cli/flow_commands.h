@@ -15,6 +15,7 @@ struct RenderOptions {
   bool quick = false;
   bool fields = false;
   bool resume = false;
+  std::string chunk;   // "K/N" or "auto" (a Slurm array task's); empty: every frame
 };
 
 int RenderFlow(const RenderOptions& options);
