@@ -88,7 +88,7 @@ start_munge() {
   chmod 700 "$dir/munge"
   [ -s "$dir/munge/munge.key" ] || mungekey --create --keyfile="$dir/munge/munge.key"
   rm -f "$dir/munge/munge.socket"
-  munged --force --key-file="$dir/munge/munge.key" --socket="$dir/munge/munge.socket" \
+  munged 9>&- --force --key-file="$dir/munge/munge.key" --socket="$dir/munge/munge.socket" \
     --pid-file="$dir/run/munged.pid" --log-file="$dir/log/munged.log" --seed-file="$dir/munge/munged.seed"
 }
 
@@ -119,8 +119,9 @@ up() {
     mkdir -p "$dir/state" "$dir/spool"
     write_config
     start_munge
-    slurmctld -f "$conf"
-    slurmd -f "$conf"
+    # The daemons must not inherit the lock.
+    slurmctld -f "$conf" 9>&-
+    slurmd -f "$conf" 9>&-
   fi
   wait_idle
   echo "export SLURM_CONF=$conf"
