@@ -4,6 +4,7 @@
 #   eval "$(bash scripts/slurm-local.sh up)"    start it (once; again does nothing) and point
 #                                               sbatch and scontrol at it (SLURM_CONF)
 #   bash scripts/slurm-local.sh down            stop the daemons that `up` started
+#   bash scripts/slurm-local.sh status          exit 0 when they are running
 #
 # Needs root: it installs Debian's slurm-wlm and munge when they are missing and runs munged,
 # slurmctld and slurmd as root. Everything they use lives in one folder,
@@ -151,8 +152,9 @@ down() {
 case "${1:-}" in
   up) up ;;
   down) down ;;
+  status) live_pid slurmctld >/dev/null && live_pid slurmd >/dev/null && live_pid munged >/dev/null ;;
   *)
-    echo "usage: $0 up|down" >&2
+    echo "usage: $0 up|down|status" >&2
     exit 2
     ;;
 esac

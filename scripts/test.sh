@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds Kestrion with warnings as errors and runs the whole test suite. With
-# KESTRION_SANITIZERS=1 it also runs the suite under AddressSanitizer+UBSan and ThreadSanitizer.
+# Builds Kestrion with warnings as errors and runs the whole test suite, the farm test (a local
+# Slurm cluster, as root) among it. With KESTRION_SANITIZERS=1 it also runs the suite, less the
+# farm test, under AddressSanitizer+UBSan and ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
