@@ -254,6 +254,10 @@ int SubmitFlow(const SubmitOptions& options) {
   std::error_code ec;
   const fs::path flow = fs::absolute(options.flow).lexically_normal();
   const fs::path kestrion = fs::read_symlink("/proc/self/exe", ec);
+  if (ec) {
+    std::fprintf(stderr, "kestrion: cannot tell where this kestrion lies: %s\n", ec.message().c_str());
+    return status::FrameFailed;
+  }
   const fs::path script = flow.string() + ".kestrion-sbatch", logs = flow.string() + ".kestrion-logs";
   const std::string text = BatchScript(kestrion, flow, logs, run->frames, options.tasks, options.sbatch_options);
   if (options.dry_run) {
