@@ -1,5 +1,6 @@
 // How the benchmarks drive a tool: one whole Process call on a request per run, as the
-// renderer makes it (the output frame is allocated and released every time), on 1920 x 1080
+// renderer makes it (the output frame is taken and released every time, through the host's pool
+// of pixel memory as in a render of a sequence), on 1920 x 1080
 // noise with the worker threads the argument gives; the cases that more than one benchmark
 // program measures; the frame copy that the tools are read against; and the main of a program
 // that needs the tool module.
@@ -107,6 +108,7 @@ inline const ToolCase kMergeStraight{"Merge", {{"Size", 1.0}, {"Angle", 0.0}}};
 inline const ToolCase kMergeRotated{"Merge", {{"Size", 1.3}, {"Angle", 30.0}, {kAdditiveLabel, 0.5}, {"Alpha Gain", 0.8}}};
 inline const ToolCase kDissolveDissolve{"Dissolve", {{"Operation", 0}, {kMixLabel, 0.4}}};
 inline const ToolCase kBooleansAdd{"BoolImg", {{"Operation", 1}, {"Blend", 0.7}}};
+inline const ToolCase kBooleansAddUnblended{"BoolImg", {{"Operation", 1}, {"Blend", 1.0}}};
 inline const ToolCase kBooleansAnd{"BoolImg", {{"Operation", 3}, {"Blend", 1.0}}};
 inline const ToolCase kColorGain{"ColorGain", {{"Gain Red", 1.2}, {"Gamma Green", 1.4}, {"Saturation Blue", 0.8}}, false};
 inline const ToolCase kColorSpaceToHLS{"ColorSpace", {{"Color Space Conversion", 1}}, false};

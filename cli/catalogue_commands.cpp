@@ -62,6 +62,10 @@ ordered_json ClassJson(Registry* reg) {
   j["description"] = Text(t.GetString(reg::Description));
   j["group"] = t.Has(reg::Group) ? ordered_json(t.GetInt(reg::Group)) : ordered_json(nullptr);
   j["tool_number"] = t.Has(reg::ToolNumber) ? ordered_json(Hex(t.GetInt(reg::ToolNumber))) : ordered_json(nullptr);
+  // Tag 0x1000000e: 1 on tools that make their own frames, change the frame size or time, or
+  // write output; 0 where it is absent.
+  j["makes_frames"] = t.GetInt(reg::MakesFrames, 0);
+  j["modifier_type"] = t.Has(reg::ModifierType) ? ordered_json(FourCCText(t.GetInt(reg::ModifierType))) : ordered_json(nullptr);
   j["built"] = IsBuilt(reg);
   return j;
 }
@@ -137,6 +141,8 @@ int ListTools(bool json) {
     if (!c["long_name"].get<std::string>().empty()) std::printf(" long name \"%s\"", c["long_name"].get<std::string>().c_str());
     if (!c["group"].is_null()) std::printf(" group %u", c["group"].get<uint32_t>());
     if (!c["tool_number"].is_null()) std::printf(" no. %s", c["tool_number"].get<std::string>().c_str());
+    if (c["makes_frames"].get<uint32_t>() != 0) std::printf(" makes frames");
+    if (!c["modifier_type"].is_null()) std::printf(" gives %s", c["modifier_type"].get<std::string>().c_str());
     if (!c["built"].get<bool>()) std::printf(" (not yet built)");
     std::printf("\n    %s\n", c["description"].get<std::string>().c_str());
   }

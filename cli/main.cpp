@@ -1,13 +1,14 @@
 // The kestrion command: lists and describes tools, renders flows (here, or as a Slurm array job),
-// prints the values of tools' outputs, and converts flows between the text and binary forms. Exit
-// status: 0 done, 1 a permanent failure, 2 a wrong command line or flow, 75 a temporary failure,
-// 128 + n stopped by signal n.
+// prints the values of tools' outputs, tracks, and converts flows between the text and binary
+// forms. Exit status: 0 done, 1 a permanent failure, 2 a wrong command line or flow, 75 a
+// temporary failure, 128 + n stopped by signal n.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "cli/catalogue_commands.h"
 #include "cli/flow_commands.h"
 #include "cli/submit_command.h"
+#include "cli/track_command.h"
 #include "cli/values_command.h"
 #include "host/graph/module.h"
 
@@ -43,6 +44,13 @@ int main(int argc, char** argv) {
   values->add_option("NAME", values_options.names, "\"Tool.Output label\", or a tool for all its number and point outputs")
       ->required();
 
+  kestrion::cli::TrackOptions track_options;
+  auto* track = app.add_subcommand("track", "Run a flow's Tracker over frames and save the flow with the track");
+  track->add_option("FLOW", track_options.flow, "The flow: a .json text flow or a .kfl document")->required();
+  track->add_option("TOOL", track_options.tool, "The Tracker's name in the flow")->required();
+  track->add_option("-F,--frames", track_options.frames, "Frames START-END: the pattern is selected at START")->required();
+  track->add_option("-o,--output", track_options.out, "Where the tracked flow goes (default: over FLOW, kept as FLOW.bak)");
+
   kestrion::cli::SubmitOptions submit_options;
   auto* submit = app.add_subcommand("submit", "Render a flow's frames as a Slurm array job");
   submit->add_option("FLOW", submit_options.flow, "The flow: a .json text flow or a .kfl document")->required();
@@ -76,5 +84,6 @@ int main(int argc, char** argv) {
   if (render->parsed()) return kestrion::cli::RenderFlow(render_options);
   if (submit->parsed()) return kestrion::cli::SubmitFlow(submit_options);
   if (values->parsed()) return kestrion::cli::PrintValues(values_options);
+  if (track->parsed()) return kestrion::cli::TrackFlow(track_options);
   return kestrion::cli::ConvertFlow(convert_in, convert_out);
 }

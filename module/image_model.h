@@ -49,6 +49,21 @@ bool ForEachRow(const Operator& op, RowSpan rows, RowFn&& row_fn) {
   return true;
 }
 
+// ForEachRow for a tool that writes every byte of each row of `out`, an image made by
+// NewImageUnset: the rows that the abort flag stops are cleared instead, so that a render
+// stopped part way hands on transparent black wherever it wrote nothing.
+template <class RowFn>
+bool WriteEachRow(const Operator& op, Image& out, RowSpan rows, RowFn&& row_fn) {
+  for (int y = rows.begin; y < rows.end; ++y) {
+    if (op.abort_flag.load(std::memory_order_relaxed) != 0) {
+      out.ClearRows(y, rows.end);
+      return false;
+    }
+    row_fn(y);
+  }
+  return true;
+}
+
 // A double truncated toward zero to 32 bits as the x86 conversion does it: NaN and values
 // outside the 32-bit range give INT32_MIN (the "integer indefinite" value) instead of
 // undefined behaviour. Written as a select rather than a branch, so loops over it vectorise.

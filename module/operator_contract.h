@@ -1,6 +1,6 @@
 // What every tool shares in the operator contract: the end of a saved record and the save of
 // a tool without fields, the pass-through of an image input, the input table that declares a
-// tool's inputs, and reading a number input of a request.
+// tool's inputs, and reading a number or point input of a request.
 #pragma once
 
 #include <cstdint>
@@ -61,6 +61,15 @@ void DeclareInputs(Operator* op, const InputDecl (&table)[N], Input* (&inputs)[N
 inline double NumberInput(Request* req, Input* in, int slot = 0) {
   auto* n = dynamic_cast<Number*>(req->GetInputData(in, slot));
   return n ? n->value : 0.0;
+}
+
+// The value of a Point input for the request ((0, 0) when there is none).
+struct PointValue {
+  float x = 0.0f, y = 0.0f;
+};
+inline PointValue PointInput(Request* req, Input* in, int slot = 0) {
+  auto* p = dynamic_cast<Point*>(req->GetInputData(in, slot));
+  return p ? PointValue{p->x, p->y} : PointValue{};
 }
 
 // The title of a modifier: its name followed by " on", then the tool and input it drives.

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libtbb-dev nlohmann-json3-dev libcli11-dev libopenimageio-dev
+  libtbb-dev nlohmann-json3-dev libcli11-dev libopenimageio-dev libcairo2-dev
   libgtest-dev libbenchmark-dev zlib1g-dev
 )
 [ "${1:-}" = "--bench" ] && packages+=(libopencv-dev)

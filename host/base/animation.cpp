@@ -51,13 +51,19 @@ double Spline::Evaluate(double time, int c) const {
   return h00 * k0.value[c] + h10 * h * Slope(i0, c) + h01 * k1.value[c] + h11 * h * Slope(i1, c);
 }
 
+// Keys carry a flags word only when one of them has flags: the top bit of the count says so,
+// so splines without flags keep the record they always had.
+constexpr uint32_t kKeysWithFlags = 0x80000000u;
+
 void Spline::Save(CArchive& ar) const {
+  const bool flagged = std::any_of(keys_.begin(), keys_.end(), [](const KeyPoint& k) { return k.flags != 0; });
   ar.WriteWord(curve_);
-  ar.WriteWord(uint32_t(keys_.size()));
+  ar.WriteWord(uint32_t(keys_.size()) | (flagged ? kKeysWithFlags : 0));
   for (const auto& k : keys_) {
     ar.WriteDouble(k.time);
     ar.WriteDouble(k.value[0]);
     ar.WriteDouble(k.value[1]);
+    if (flagged) ar.WriteWord(k.flags);
   }
 }
 
@@ -65,8 +71,10 @@ Spline Spline::Load(CArchive& ar) {
   const uint32_t curve = ar.ReadWord();
   if (curve != Linear && curve != Bezier)
     throw ArchiveError("the document is corrupt: an animation has the unknown curve kind '" + FourCCText(curve) + "'");
-  const uint32_t count = ar.ReadWord();
-  if (count > ar.Remaining() / 24)
+  const uint32_t word = ar.ReadWord();
+  const bool flagged = word & kKeysWithFlags;
+  const uint32_t count = word & ~kKeysWithFlags;
+  if (count > ar.Remaining() / (flagged ? 28 : 24))
     throw ArchiveError("the document is corrupt: an animation claims " + std::to_string(count) + " keys");
   Spline s(curve);
   s.keys_.reserve(count);
@@ -75,6 +83,7 @@ Spline Spline::Load(CArchive& ar) {
     k.time = ar.ReadDouble();
     k.value[0] = ar.ReadDouble();
     k.value[1] = ar.ReadDouble();
+    if (flagged) k.flags = ar.ReadWord();
     if (!std::isfinite(k.time) || (!s.keys_.empty() && !(k.time > s.keys_.back().time)))
       throw ArchiveError("the document is corrupt: animation keys are out of order");
     s.keys_.push_back(k);

@@ -16,7 +16,26 @@ class CArchive;
 struct KeyPoint {
   double time = 0.0;
   double value[2] = {0.0, 0.0};  // a Number uses value[0]; a Point uses both
+  uint32_t flags = 0;             // KeyPoint::Locked, or marks a tool keeps on its keys
   bool operator==(const KeyPoint&) const = default;
+
+  // A key that a tool keeps in line with its own data (the Path modifier's locked points).
+  static constexpr uint32_t Locked = 8;
+};
+
+// A node of a path: a key point or one of the handles between key points, in frame
+// coordinates (0 to 1 across the width and down the height).
+struct PathKeyPoint {
+  uint8_t flags = 0;         // PathKeyPoint::Selected, marks, PathKeyPoint::Locked
+  float x = 0.0f;
+  float y = 0.0f;
+  float displacement = 0.0f;  // key points: the share of the path's length up to here
+  bool operator==(const PathKeyPoint&) const = default;
+
+  static constexpr uint8_t Selected = 1;
+  static constexpr uint8_t Locked = 8;
+  // The bits a saved node keeps: every mark but the selection.
+  static constexpr uint8_t SavedFlags = 14;
 };
 
 class Spline {

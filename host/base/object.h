@@ -44,11 +44,12 @@ class LockableObject : public Object {
  public:
   void ObtainLock() { lock_.lock(); }
   void ReleaseLock() { lock_.unlock(); }
-  void ObtainReadLock() { lock_.lock_shared(); }
-  void ReleaseReadLock() { lock_.unlock_shared(); }
+  // Reading is allowed on a const object.
+  void ObtainReadLock() const { lock_.lock_shared(); }
+  void ReleaseReadLock() const { lock_.unlock_shared(); }
 
  private:
-  std::shared_mutex lock_;
+  mutable std::shared_mutex lock_;
 };
 
 // Holds one reference to an object and releases it when it goes.

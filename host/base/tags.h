@@ -155,6 +155,9 @@ constexpr uint32_t Presentation11 = 0x10030011;
 constexpr uint32_t Presentation06 = 0x10000006;
 constexpr uint32_t Presentation64 = 0x10000064;
 constexpr uint32_t Presentation65 = 0x10000065;
+constexpr uint32_t Presentation00 = 0x10000000;
+constexpr uint32_t Presentation0B = 0x1003000b;
+constexpr uint32_t Presentation0C = 0x1003000c;
 constexpr uint32_t SliderPresentation = 0x20000006;
 }  // namespace in
 
@@ -175,6 +178,7 @@ constexpr uint32_t CrossHair = FourCC("XHrC");
 constexpr uint32_t PointHandle = FourCC("PntC");
 constexpr uint32_t AngleHandle = FourCC("AngC");
 constexpr uint32_t CircleHandle = FourCC("CirC");
+constexpr uint32_t RectangleHandle = FourCC("RecC");
 constexpr uint32_t BezierCurve = FourCC("BzSp");
 }  // namespace control
 

@@ -74,7 +74,7 @@ void KeepCodecsOnCallingThreadUnderTsan() {
 }
 
 // Writes `path` by way of a temporary file in the same folder; fsyncs the file and the folder.
-bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std::vector<uint8_t>& rgba,
+bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std::vector<uint8_t>& pixels,
                      std::string* error, bool* temporary) {
   const fs::path target(path);
   const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
@@ -91,7 +91,7 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
     return false;
   }
   errno = 0;
-  bool ok = out->open(temp, layout) && out->write_image(TypeDesc::UINT8, rgba.data()) && out->close();
+  bool ok = out->open(temp, layout) && out->write_image(TypeDesc::UINT8, pixels.data()) && out->close();
   const int saved_errno = errno;
   if (!ok) {
     std::string why = out->geterror();
@@ -311,15 +311,20 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
 uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList* tags) {
   KeepCodecsOnCallingThreadUnderTsan();
   const std::string path = FramePath(number);
-  if (!img || img->Depth() != 32 || img->Width() <= 0 || img->Height() <= 0) {
+  if (!img || (img->Depth() != 32 && img->Depth() != 8) || img->Width() <= 0 || img->Height() <= 0) {
     last_error_ = "cannot write '" + path + "': the frame is empty";
     NoteFailure(last_error_, false);
     return 0;
   }
+  // A mask is written as one grey channel, a frame as red, green, blue and alpha.
+  const bool mask = img->Depth() == 8;
+  const int channels = mask ? 1 : 4;
   const std::string ext = FormatKey(fs::path(path).extension().string());
-  ImageSpec layout(img->Width(), img->Height(), 4, ext == "exr" ? TypeDesc::HALF : TypeDesc::UINT8);
-  layout.alpha_channel = 3;
-  layout.attribute("oiio:UnassociatedAlpha", 1);
+  ImageSpec layout(img->Width(), img->Height(), channels, ext == "exr" ? TypeDesc::HALF : TypeDesc::UINT8);
+  if (!mask) {
+    layout.alpha_channel = 3;
+    layout.attribute("oiio:UnassociatedAlpha", 1);
+  }
   if (img->x_aspect != 1.0f || img->y_aspect != 1.0f)
     layout.attribute("PixelAspectRatio", img->x_aspect / (img->y_aspect == 0.0f ? 1.0f : img->y_aspect));
   int level = -1;
@@ -332,10 +337,15 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList* tags) {
   if (ext == "jpg" && level >= 0) layout.attribute("CompressionQuality", level);
   if (ext == "exr") layout.attribute("compression", level == 0 ? "none" : "zips");
   if (ext == "tiff" && level >= 0) layout.attribute("compression", level == 0 ? "none" : "zip");
-  std::vector<uint8_t> rgba(size_t(img->Width()) * size_t(img->Height()) * 4);
+  const size_t row_bytes = size_t(img->Width()) * size_t(channels);
+  std::vector<uint8_t> pixels(row_bytes * size_t(img->Height()));
   for (int y = 0; y < img->Height(); ++y) {
+    uint8_t* dst = pixels.data() + size_t(y) * row_bytes;
+    if (mask) {
+      std::memcpy(dst, img->MaskRow(y), row_bytes);
+      continue;
+    }
     const uint32_t* row = img->Row(y);
-    uint8_t* dst = rgba.data() + size_t(y) * size_t(img->Width()) * 4;
     for (int x = 0; x < img->Width(); ++x, dst += 4) {
       const uint32_t p = row[x];
       dst[0] = uint8_t(p >> 16);
@@ -345,16 +355,16 @@ uint32_t ClipParameter::WriteFrame(int number, Image* img, TagList* tags) {
     }
   }
   if (auto* writer = tags ? static_cast<FrameWriter*>(const_cast<void*>(tags->GetPointer(cliptag::Writer))) : nullptr) {
-    writer->Queue([path, layout, rgba = std::move(rgba)]() -> std::optional<Failure> {
+    writer->Queue([path, layout, pixels = std::move(pixels)]() -> std::optional<Failure> {
       Failure failure;
-      if (WriteAtomically(path, layout, rgba, &failure.message, &failure.temporary)) return std::nullopt;
+      if (WriteAtomically(path, layout, pixels, &failure.message, &failure.temporary)) return std::nullopt;
       return failure;
     });
     return 1;
   }
   std::string error;
   bool temporary = false;
-  if (!WriteAtomically(path, layout, rgba, &error, &temporary)) {
+  if (!WriteAtomically(path, layout, pixels, &error, &temporary)) {
     last_error_ = error;
     NoteFailure(error, temporary);
     return 0;

@@ -2,8 +2,9 @@
 // file, or a numbered sequence written as plate.####.png, plate.%04d.png or one member such as
 // plate.0042.png. A sequence's frames are the numbers present on disk, first to last; clip
 // frame f is the file numbered first + f. Frames are read into BGRA images (alpha 255 where a
-// file has none, no premultiplication, no colour conversion) and written by extension,
-// atomically: a temporary file in the same folder, fsync, rename, fsync of the folder.
+// file has none, no premultiplication, no colour conversion) and written by extension (a mask
+// as one grey channel), atomically: a temporary file in the same folder, fsync, rename, fsync
+// of the folder.
 #pragma once
 
 #include <condition_variable>
@@ -96,7 +97,7 @@ class ClipParameter final : public Parameter {
   // Reads clip frame f (0 <= f < Length) into a new image that the request owns; null when it
   // cannot be read (the reason goes to NoteFailure).
   Image* ReadFrame(int frame, Request* req, TagList* tags);
-  // Writes an image as frame number n; 0 on failure (the reason goes to NoteFailure and
+  // Writes an image (a mask as one channel) as frame number n; 0 on failure (the reason goes to NoteFailure and
   // LastError). Never leaves a partial or temporary file behind. With a cliptag::Writer the
   // pixels are copied and the write queued on that writer, which reports its outcome.
   uint32_t WriteFrame(int number, Image* img, TagList* tags);

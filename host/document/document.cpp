@@ -163,7 +163,8 @@ void CPipelineDoc::RemoveTool(Operator* op) {
 }
 
 bool CPipelineDoc::RenameTool(Operator* op, const std::string& name) {
-  if (name.empty() || FindTool(name)) return false;
+  const Operator* holder = FindTool(name);
+  if (name.empty() || (holder && holder != op)) return false;
   op->name_ = name;
   return true;
 }
@@ -417,20 +418,25 @@ bool CPipelineDoc::RenderTool(Operator* op, double time, uint32_t flags, Outputs
   }
 
   Request req(op, time, flags);
-  // Values that need no upstream render (constants, animations) are there for CheckRequest.
-  for (auto& in : op->Inputs()) {
-    req.SetInputTime(in.get(), time, 0);
-    const ValueSource source = in->Source();
-    if (!in->IsImage() && (source == ValueSource::Constant || source == ValueSource::Animation))
-      if (Parameter* value = in->ValueAt(time)) req.SetInputData(in.get(), value, 0);
-  }
   try {
+    // Values that need no image upstream (constants, animations, modifiers) are there for
+    // CheckRequest, which may move them, decline them or set others; they are fetched once.
+    std::set<const Input*> ready;
+    for (auto& in : op->Inputs()) {
+      req.SetInputTime(in.get(), time, 0);
+      if (in->IsImage() || in->Source() == ValueSource::Link) continue;
+      Ref<Parameter> value;
+      if (!FetchInput(in.get(), time, flags, value, err, depth)) return false;
+      if (value) req.SetInputData(in.get(), value.Release(), 0);
+      ready.insert(in.get());
+    }
     op->CheckRequest(&req);
     req.status = 0;
     for (auto& in : op->Inputs()) {
       const int slots = req.InputSlots(in.get());
       for (int slot = 0; slot < slots; ++slot) {
         if (!req.InputNeeded(in.get(), slot)) continue;
+        if (slot == 0 && ready.count(in.get()) && req.GetInputTime(in.get(), 0) == time) continue;
         Ref<Parameter> value;
         if (!FetchInput(in.get(), req.GetInputTime(in.get(), slot), flags, value, err, depth)) return false;
         if (value) req.SetInputData(in.get(), value.Release(), slot);

@@ -6,7 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cfloat>
+#include <cstdint>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -21,6 +24,7 @@
 #include "host/base/archive.h"
 #include "host/clip/clip.h"
 #include "host/document/flow_file.h"
+#include "host/document/node_lists.h"
 #include "host/base/prefs.h"
 #include "host/graph/registry.h"
 #include "host/document/source_operator.h"
@@ -104,6 +108,80 @@ bool Unhex(const std::string& text, std::vector<uint8_t>& out) {
     out.push_back(uint8_t(hi << 4 | lo));
   }
   return true;
+}
+
+// --- node lists ---
+
+// One node: [x, y] or [x, y, flags], finite in single precision, flags 0 to 255.
+PathKeyPoint ReadNode(const Json& v, const std::string& where) {
+  if (!v.is_array() || (v.size() != 2 && v.size() != 3) || !v[0].is_number() || !v[1].is_number())
+    throw FlowError{where + " is not [x, y] or [x, y, flags]: " + v.dump()};
+  const double x = v[0].get<double>(), y = v[1].get<double>();
+  if (!(std::abs(x) <= FLT_MAX) || !(std::abs(y) <= FLT_MAX)) throw FlowError{where + " is not a finite point: " + v.dump()};
+  PathKeyPoint node;
+  node.x = float(x);
+  node.y = float(y);
+  if (v.size() == 3) {
+    if (!v[2].is_number_integer() || v[2].get<int64_t>() < 0 || v[2].get<int64_t>() > 255)
+      throw FlowError{where + ": flags are a whole number from 0 to 255, not " + v[2].dump()};
+    node.flags = v[2].get<uint8_t>();
+  }
+  return node;
+}
+
+// A list of nodes whose count is a multiple of 3 plus `extra` (1 for a path, 0 for a shape).
+std::vector<PathKeyPoint> ReadNodes(const Json& v, size_t extra, const std::string& where) {
+  if (!v.is_array()) throw FlowError{where + " must be an array of [x, y] nodes"};
+  std::vector<PathKeyPoint> nodes;
+  for (size_t i = 0; i < v.size(); ++i) nodes.push_back(ReadNode(v[i], where + ", node " + std::to_string(i)));
+  if (nodes.size() % 3 != extra || nodes.size() < extra + 3 * (1 - extra))
+    throw FlowError{where + " holds " + std::to_string(nodes.size()) + " nodes; " +
+                    (extra ? "a path has 3k - 2 (key, out-handle, in-handle, key, ...)"
+                           : "a closed shape has 3k (key, out-handle, in-handle for each key)")};
+  return nodes;
+}
+
+// The readable "data" of a node-list tool: {"nodes": [...], "aspect": a} for an open path,
+// {"shapes": [{"time": t, "nodes": [...]}, ...]} for closed shapes.
+NodeLists ReadNodeLists(const Json& data, NodeListTool::Form form, const std::string& where) {
+  NodeLists lists;
+  const bool path = form == NodeListTool::Form::OpenPath;
+  const std::string what = where + ": \"data\"";
+  if (!data.is_object())
+    throw FlowError{what + " must be " + (path ? "{\"nodes\": [[x, y], ...]}" : "{\"shapes\": [{\"nodes\": [[x, y], ...]}]}")};
+  if (path) {
+    CheckKeys(data, {"nodes", "aspect"}, what + ": ");
+    if (!data.contains("nodes")) throw FlowError{what + " must give the path's \"nodes\""};
+    lists.shapes.push_back({false, 0.0, ReadNodes(data["nodes"], 1, what + ".\"nodes\"")});
+    if (data.contains("aspect")) {
+      const Json& a = data["aspect"];
+      if (!a.is_number() || !(a.get<double>() > 0 && a.get<double>() <= FLT_MAX))
+        throw FlowError{what + ".\"aspect\" must be a number above 0"};
+      lists.aspect = float(a.get<double>());
+    }
+    return lists;
+  }
+  CheckKeys(data, {"shapes"}, what + ": ");
+  const Json& shapes = data.value("shapes", Json());
+  if (!shapes.is_array() || shapes.empty()) throw FlowError{what + " must give one or more \"shapes\""};
+  for (size_t i = 0; i < shapes.size(); ++i) {
+    const std::string at = what + ", shape " + std::to_string(i);
+    const Json& shape = shapes[i];
+    if (!shape.is_object() || !shape.contains("nodes")) throw FlowError{at + " must be {\"time\": t, \"nodes\": [...]}"};
+    CheckKeys(shape, {"time", "nodes"}, at + ": ");
+    NodeShape read{false, 0.0, ReadNodes(shape["nodes"], 0, at + ", \"nodes\"")};
+    if (shape.contains("time")) {
+      if (!shape["time"].is_number() || !std::isfinite(shape["time"].get<double>()))
+        throw FlowError{at + ": \"time\" must be a number of frames"};
+      read.timed = true;
+      read.time = shape["time"].get<double>();
+    }
+    if (i > 0 && read.nodes.size() != lists.shapes.front().nodes.size())
+      throw FlowError{at + " has " + std::to_string(read.nodes.size()) + " nodes and shape 0 has " +
+                      std::to_string(lists.shapes.front().nodes.size()) + "; every shape needs as many"};
+    lists.shapes.push_back(std::move(read));
+  }
+  return lists;
 }
 
 // --- loading ---
@@ -218,11 +296,16 @@ class TextFlowReader {
     std::pair<int, int> position{0, 0};
     if (entry.contains("position"))
       position = ReadPosition(entry["position"], where + ": \"position\" must be [x, y] in whole numbers");
-    Object* obj = nullptr;
-    if (entry.contains("data")) {
+    Object* obj = reg->Create(nullptr, nullptr);
+    if (auto* lists = dynamic_cast<NodeListTool*>(obj); lists && entry.contains("data")) {
+      ApplyNodeLists(lists, entry["data"], where);
+    } else if (entry.contains("data")) {
       // The tool's own fields follow a base record that holds nothing but the name and place.
+      Ref<Object> probe = Ref<Object>::Adopt(obj);
       std::vector<uint8_t> fields;
-      if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
+      if (entry["data"].is_object())
+        fields = FieldBytes(dynamic_cast<const Operator*>(obj), entry["data"], where);
+      else if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
         throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
       CArchive record;
       record.WriteString(name);
@@ -242,8 +325,6 @@ class TextFlowReader {
         obj->Recycle();
         throw FlowError{where + ": its \"data\" is longer than a " + class_name + " keeps"};
       }
-    } else {
-      obj = reg->Create(nullptr, nullptr);
     }
     auto* op = dynamic_cast<Operator*>(obj);
     if (!op) {
@@ -252,6 +333,47 @@ class TextFlowReader {
     }
     op->SetFlowPos(position.first, position.second);
     return doc_.AddTool(op, name);
+  }
+
+  // The bytes of a tool's own fields from their readable form, {"name": value or [values]}.
+  static std::vector<uint8_t> FieldBytes(const Operator* op, const Json& data, const std::string& where) {
+    const std::vector<DataField> layout = op ? op->DataLayout() : std::vector<DataField>();
+    if (layout.empty()) throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
+    std::vector<std::string> names;
+    for (const DataField& f : layout) names.push_back(f.name);
+    for (const auto& [key, value] : data.items())
+      if (std::find(names.begin(), names.end(), key) == names.end())
+        throw FlowError{where + ": unknown key " + Quoted(key) + " in \"data\" (valid: " + JoinQuoted(names) + ")"};
+    CArchive bytes;
+    for (const DataField& f : layout) {
+      const std::string what = where + ": \"data\"." + Quoted(f.name);
+      Json values = data.contains(f.name) ? data[f.name] : Json(std::vector<double>(size_t(f.count), f.missing));
+      if (f.count == 1 && !values.is_array()) values = Json::array({values});
+      if (!values.is_array() || values.size() != size_t(f.count))
+        throw FlowError{what + (f.count == 1 ? " must be a number" : " must be " + std::to_string(f.count) + " numbers")};
+      for (const Json& v : values) {
+        if (!v.is_number()) throw FlowError{what + " holds numbers only"};
+        const double d = v.get<double>();
+        if (f.kind == DataField::Double) {
+          bytes.WriteDouble(d);
+        } else {
+          if (d != std::floor(d) || d < INT32_MIN || d > INT32_MAX) throw FlowError{what + " holds whole numbers only"};
+          bytes.WriteInt(int32_t(d));
+        }
+      }
+    }
+    return bytes.Bytes();
+  }
+
+  // Gives a node-list tool its data from a text flow; the tool is released when it is refused.
+  static void ApplyNodeLists(NodeListTool* tool, const Json& data, const std::string& where) {
+    auto* op = dynamic_cast<Operator*>(tool);
+    try {
+      tool->SetNodeLists(ReadNodeLists(data, tool->NodeForm(), where));
+    } catch (...) {
+      op->Recycle();
+      throw;
+    }
   }
 
   static std::string ValidInputs(const Operator* op) {
@@ -400,10 +522,12 @@ class TextFlowReader {
     const Json& keys = anim["keys"];
     if (!keys.is_array()) throw FlowError{where + ": \"keys\" must be an array of [time, value] pairs"};
     for (const Json& k : keys) {
-      if (!k.is_array() || k.size() != 2 || !k[0].is_number())
-        throw FlowError{where + ": each key must be [time, value]"};
+      if (!k.is_array() || k.size() < 2 || k.size() > 3 || !k[0].is_number() ||
+          (k.size() == 3 && (!k[2].is_number_unsigned() || k[2].get<uint64_t>() > UINT32_MAX)))
+        throw FlowError{where + ": each key must be [time, value] or [time, value, flags]"};
       KeyPoint key;
       key.time = k[0].get<double>();
+      if (k.size() == 3) key.flags = k[2].get<uint32_t>();
       Ref<Parameter> value = Ref<Parameter>::Adopt(ReadConstant(in, k[1], where + ", key at " + k[0].dump()));
       if (auto* n = dynamic_cast<kestrion::Number*>(value.get())) key.value[0] = n->value;
       if (auto* p = dynamic_cast<Point*>(value.get())) {
@@ -467,7 +591,7 @@ class TextFlowReader {
   void AddModifier(Input* in, const Json& entry, const std::string& where) {
     if (!entry.is_object() || !entry.contains("class") || !entry["class"].is_string())
       throw FlowError{where + ": \"modifier\" must be an object with a \"class\""};
-    CheckKeys(entry, {"class", "name", "output", "inputs", "position"}, where + ": ", " in the modifier");
+    CheckKeys(entry, {"class", "name", "output", "inputs", "position", "data"}, where + ": ", " in the modifier");
     if (entry.contains("output") && !entry["output"].is_string())
       throw FlowError{where + ": the modifier's \"output\" must be the label of one of its outputs"};
     HostError err;
@@ -481,6 +605,12 @@ class TextFlowReader {
     if (entry.contains("position")) {
       const auto [x, y] = ReadPosition(entry["position"], where + ": the modifier's \"position\" must be [x, y] in whole numbers");
       mod->SetFlowPos(x, y);
+    }
+    if (entry.contains("data")) {
+      auto* tool = dynamic_cast<NodeListTool*>(mod);
+      if (!tool || !entry["data"].is_object())
+        throw FlowError{where + ": a modifier's \"data\" is the node lists of a Path"};
+      tool->SetNodeLists(ReadNodeLists(entry["data"], tool->NodeForm(), where + ", modifier " + Quoted(mod->Name())));
     }
     for (Pass pass : {Pass::Values, Pass::Connections, Pass::Settle}) ApplyInputs(mod, entry, pass);
   }
@@ -543,9 +673,41 @@ class TextFlowWriter {
       if (!value.is_null()) inputs[Key(*op, *in)] = value;
     }
     tool["inputs"] = inputs;
-    const std::string data = OwnFields(op);
-    if (!data.empty()) tool["data"] = data;
+    if (auto* lists = dynamic_cast<const NodeListTool*>(op)) {
+      tool["data"] = NodeListsJson(*lists);
+    } else if (const Json data = OwnFields(op); !data.is_null()) {
+      tool["data"] = data;
+    }
     return tool;
+  }
+
+  static Json NodesJson(const std::vector<PathKeyPoint>& nodes) {
+    Json out = Json::array();
+    for (const PathKeyPoint& n : nodes) {
+      Json node = {FloatJson(n.x), FloatJson(n.y)};
+      if (n.flags & PathKeyPoint::SavedFlags) node.push_back(n.flags & PathKeyPoint::SavedFlags);
+      out.push_back(node);
+    }
+    return out;
+  }
+
+  static Json NodeListsJson(const NodeListTool& tool) {
+    const NodeLists lists = tool.GetNodeLists();
+    Json data = Json::object();
+    if (tool.NodeForm() == NodeListTool::Form::OpenPath) {
+      data["nodes"] = NodesJson(lists.shapes.empty() ? std::vector<PathKeyPoint>{} : lists.shapes.front().nodes);
+      if (lists.aspect != NodeLists().aspect) data["aspect"] = FloatJson(lists.aspect);
+      return data;
+    }
+    Json shapes = Json::array();
+    for (const NodeShape& shape : lists.shapes) {
+      Json entry = Json::object();
+      if (shape.timed) entry["time"] = shape.time;
+      entry["nodes"] = NodesJson(shape.nodes);
+      shapes.push_back(entry);
+    }
+    data["shapes"] = shapes;
+    return data;
   }
 
   // The label, or the id where another input has the same label.
@@ -566,10 +728,10 @@ class TextFlowWriter {
     if (s.animation) {
       Json keys = Json::array();
       for (const KeyPoint& k : s.animation->Keys()) {
-        if (in.Type() == vtype::Point)
-          keys.push_back({k.time, {FloatJson(float(k.value[0])), FloatJson(float(k.value[1]))}});
-        else
-          keys.push_back({k.time, k.value[0]});
+        Json key = {k.time, k.value[0]};
+        if (in.Type() == vtype::Point) key[1] = {FloatJson(float(k.value[0])), FloatJson(float(k.value[1]))};
+        if (k.flags) key.push_back(k.flags);
+        keys.push_back(key);
       }
       obj["keys"] = keys;
       obj["curve"] = s.animation->Curve() == Spline::Bezier ? "bezier" : "linear";
@@ -599,14 +761,38 @@ class TextFlowWriter {
     return nullptr;
   }
 
-  // The bytes a tool's record holds between the base record and its end, as hexadecimal.
-  static std::string OwnFields(Operator* op) {
+  // The bytes a tool's record holds between the base record and its end: by name where the
+  // tool lays its fields out, else as hexadecimal. Null when there are none.
+  static Json OwnFields(Operator* op) {
     CArchive whole, base;
     op->Save(&whole, nullptr);
     op->Operator::Save(&base, nullptr);
     const size_t begin = 4 + base.Bytes().size(), end = whole.Bytes().size() - 8;
-    if (end <= begin) return {};
-    return Hex(whole.Bytes().data() + begin, end - begin);
+    if (end <= begin) return nullptr;
+    const std::vector<uint8_t> bytes(whole.Bytes().begin() + long(begin), whole.Bytes().begin() + long(end));
+    if (Json named = NamedFields(op->DataLayout(), bytes); !named.is_null()) return named;
+    return Hex(bytes.data(), bytes.size());
+  }
+
+  // Fields by name, {"name": value or [values]}; null when the bytes do not fit the layout.
+  static Json NamedFields(const std::vector<DataField>& layout, const std::vector<uint8_t>& bytes) {
+    if (layout.empty()) return nullptr;
+    CArchive in(bytes);
+    Json named = Json::object();
+    try {
+      for (const DataField& f : layout) {
+        Json values = Json::array();
+        for (int i = 0; i < f.count; ++i) {
+          const double v = f.kind == DataField::Double ? in.ReadDouble() : double(in.ReadInt());
+          if (!std::isfinite(v)) return nullptr;  // JSON has no such numbers
+          values.push_back(f.kind == DataField::Double ? Json(v) : Json(int32_t(v)));
+        }
+        named[f.name] = f.count == 1 ? values[0] : values;
+      }
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+    return in.AtEnd() ? named : Json();
   }
 
   const CPipelineDoc& doc_;

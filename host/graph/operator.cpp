@@ -87,29 +87,47 @@ Parameter* Input::ValueAt(double time) const {
   return state_.constant.get();
 }
 
-void Input::SetValue(Parameter* value, double time) {
+Ref<Parameter> Input::Held(Parameter* value) const {
   Ref<Parameter> v = Ref<Parameter>::Adopt(value);
-  if (!v) return;
   if (auto* n = dynamic_cast<Number*>(v.get())) {
     const double clamped = std::clamp(n->value, Lowest(), Highest());
     if (clamped != n->value) v = Ref<Parameter>::Adopt(new Number(clamped));
   }
+  return v;
+}
+
+KeyPoint Input::KeyOf(const Parameter& value, double time) {
+  KeyPoint k;
+  k.time = time;
+  if (auto* n = dynamic_cast<const Number*>(&value)) k.value[0] = n->value;
+  if (auto* p = dynamic_cast<const Point*>(&value)) {
+    k.value[0] = p->x;
+    k.value[1] = p->y;
+  }
+  return k;
+}
+
+void Input::SetValue(Parameter* value, double time) {
+  Ref<Parameter> v = Held(value);
+  if (!v) return;
   const bool animated = state_.animation && !state_.animation->Empty();
   if (!animated && state_.constant && state_.constant->Equals(*v)) return;  // no change, no notice
   InputState next = state_;
   if (animated && time != kOutsideTime) {
-    KeyPoint k;
-    k.time = time;
-    if (auto* n = dynamic_cast<Number*>(v.get())) k.value[0] = n->value;
-    if (auto* p = dynamic_cast<Point*>(v.get())) {
-      k.value[0] = p->x;
-      k.value[1] = p->y;
-    }
-    next.animation->SetKey(k);
+    next.animation->SetKey(KeyOf(*v, time));
   } else {
     next.animation.reset();
     next.constant = std::move(v);
   }
+  Change(std::move(next));
+}
+
+void Input::SetKey(Parameter* value, double time) {
+  Ref<Parameter> v = Held(value);
+  if (!v || (type_ != vtype::Number && type_ != vtype::Point)) return;
+  InputState next = state_;
+  if (!next.animation) next.animation = std::make_unique<Spline>(tags_.GetInt(in::CurveKind, Spline::Linear));
+  next.animation->SetKey(KeyOf(*v, time));
   Change(std::move(next));
 }
 
@@ -301,6 +319,7 @@ bool Operator::ControlGetTip(OperatorControl*, DrawSurface*, PreviewInfo*, char*
   return false;
 }
 void Operator::OnActive(uint32_t, CChildFrame*) {}
+std::vector<DataField> Operator::DataLayout() const { return {}; }
 
 Input* Operator::AddInput(const char* name, uint32_t type, uint32_t id, TagList tags) {
   inputs_.push_back(std::make_unique<Input>(this, int(inputs_.size()), name, type, id, std::move(tags)));
@@ -361,7 +380,5 @@ void Operator::RegCleanup(Registry*) {}
 void ThreadedOperator::ThreadMain() {}
 void ThreadedOperator::ProcessChunk(Request*, long) {}
 void ThreadedOperator::QuickProcessChunk(Request* req, long chunk) { ProcessChunk(req, chunk); }
-
-CRect MaskOperator::GetBounds() { return CRect{}; }
 
 }  // namespace kestrion

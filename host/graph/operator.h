@@ -70,6 +70,17 @@ class UndoState {
   virtual ~UndoState() = default;
 };
 
+// One field of a tool's own saved record, as text flows write it under the tool's "data": its
+// name, how many doubles or 32-bit integers it holds, and the value a flow that leaves it out
+// gives each of them.
+struct DataField {
+  enum Kind : uint8_t { Double, Int32 };
+  const char* name;
+  Kind kind;
+  int count;
+  double missing;
+};
+
 // Where an input's value comes from at a time.
 enum class ValueSource { Constant, Animation, Link, Modifier };
 
@@ -127,6 +138,9 @@ class Input {
   // lowest and highest values the input allows. On an animated input this sets a key at that
   // time; at kOutsideTime it replaces the animation with the constant.
   void SetValue(Parameter* value, double time = kOutsideTime);
+  // Keys a number or point at a time, animating an input that is not animated yet (with its
+  // default curve and this key alone). Numbers are held to the input's limits.
+  void SetKey(Parameter* value, double time);
   void SetAnimation(const Spline& spline);
   void ClearAnimation();
   // Connects the input to an output of another tool (null disconnects).
@@ -151,6 +165,9 @@ class Input {
   friend class Operator;
   friend class CPipelineDoc;
   void Change(InputState next);
+  // The value held to the input's limits (numbers only), and as a key at a time.
+  Ref<Parameter> Held(Parameter* value) const;
+  static KeyPoint KeyOf(const Parameter& value, double time);
 
   Operator* owner_;
   int index_;
@@ -243,6 +260,10 @@ class Operator : public LockableObject {
   virtual bool ControlCommand(OperatorControl* ctl, DrawSurface* dc, PreviewInfo* info, uint32_t command, void* data);
   virtual bool ControlGetTip(OperatorControl* ctl, DrawSurface* dc, PreviewInfo* info, char* tip);
   virtual void OnActive(uint32_t active, CChildFrame* frame);
+  // The fields of the tool's own saved record, in order, where they are a fixed list; text
+  // flows then write them by name. Empty for tools without own fields or with a record of
+  // another shape, whose data text flows write as hexadecimal bytes.
+  virtual std::vector<DataField> DataLayout() const;
 
   // --- declaring inputs and outputs (constructors) ---
   Input* AddInput(const char* name, uint32_t type, uint32_t id, TagList tags = {});
@@ -327,13 +348,6 @@ class ThreadedOperator : public Operator {
     thread_setting = first;
     two_image_setting = second;
   }
-};
-
-// The base of mask tools; GetBounds takes the thread slot.
-class MaskOperator : public ThreadedOperator {
- public:
-  using ThreadedOperator::ThreadedOperator;
-  virtual CRect GetBounds();
 };
 
 }  // namespace kestrion

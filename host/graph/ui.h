@@ -14,12 +14,14 @@ class Input;
 
 struct CPoint {
   int x = 0, y = 0;
+  bool operator==(const CPoint&) const = default;
 };
 
 struct CRect {
   int left = 0, top = 0, right = 0, bottom = 0;
   int Width() const { return right - left; }
   int Height() const { return bottom - top; }
+  bool operator==(const CRect&) const = default;
 };
 
 // What preview controls draw on (the device context of a preview window).
@@ -52,14 +54,24 @@ class PreviewView {
   std::vector<OperatorControl*> controls;
 };
 
-// Context-menu stand-in: entries appended in order, each with its command id.
+// Context-menu stand-in: entries appended in order, each with its command id, and the text of
+// the submenu that holds it (empty for the menu itself).
 struct PopupMenu {
   struct Entry {
     uint32_t command;
     std::string text;
+    std::string submenu;
   };
   std::vector<Entry> entries;
-  void Append(uint32_t command, std::string text) { entries.push_back({command, std::move(text)}); }
+  void Append(uint32_t command, std::string text, std::string submenu = {}) {
+    entries.push_back({command, std::move(text), std::move(submenu)});
+  }
+  // The command of the entry with this text (in this submenu); 0 when there is none.
+  uint32_t Command(const std::string& text, const std::string& submenu = {}) const {
+    for (const Entry& e : entries)
+      if (e.text == text && e.submenu == submenu) return e.command;
+    return 0;
+  }
 };
 
 // Key-state stand-in: which modifier keys are held while a control is dragged.

@@ -31,8 +31,13 @@ class ImageSizeError : public std::runtime_error {
 
 class Image : public Parameter {
  public:
-  // A new image, cleared to zero. depth is 32 (BGRA) or 8 (mask). Throws ImageSizeError.
-  Image(int width, int height, int depth = 32);
+  // What a new image's pixels hold: zero, or whatever its memory held before, for code that
+  // writes every byte before anyone reads it.
+  enum class Contents { Cleared, Unset };
+
+  // A new image, cleared to zero unless asked otherwise. depth is 32 (BGRA) or 8 (mask).
+  // Throws ImageSizeError.
+  Image(int width, int height, int depth = 32, Contents contents = Contents::Cleared);
   // An image over memory the caller keeps alive; rows `stride` bytes apart, bottom-up if asked.
   Image(int width, int height, int depth, void* memory, ptrdiff_t stride, bool bottom_up);
   ~Image() override;
@@ -53,6 +58,8 @@ class Image : public Parameter {
 
   // Copies aspect, origin and frame attributes (not size or pixels) from another image.
   void CopyAttributesFrom(const Image& other);
+  // Rows begin .. end - 1 set to zero (transparent black).
+  void ClearRows(int begin, int end);
 
   // --- host image operations, in slot order (Copy above is the first) ---
   //
@@ -172,11 +179,15 @@ class Image : public Parameter {
   static size_t SizeLimit();
 
  private:
-  void Build(int width, int height, int depth);
+  // Gives pixel memory back to the pool it came from.
+  struct ReleasePixels {
+    size_t bytes;
+    void operator()(uint8_t* memory) const;
+  };
 
   int width_ = 0, height_ = 0, depth_ = 32;
   std::vector<void*> rows_;
-  std::unique_ptr<uint8_t[]> own_;
+  std::unique_ptr<uint8_t, ReleasePixels> own_;
 };
 
 // The luminance of the keyers and of Saturate: (19595 R + 38470 G + 7471 B) >> 16.
@@ -198,6 +209,9 @@ constexpr ColourDifferences ColourDifferencesOf(int red, int green, int blue) {
 // A new image for the request with the size, depth and attributes of `like` (cleared to zero);
 // the request owns it until it is handed on with SetOutputData.
 Image* NewImage(Request* req, const Image* like);
+// NewImage without the clearing, for a tool that writes every byte of every row; a row it
+// leaves (a render stopped part way) it clears itself, see module::WriteEachRow.
+Image* NewImageUnset(Request* req, const Image* like);
 // A new image of the given size and depth, other attributes from `like` (which may be null).
 Image* NewImage(Request* req, int width, int height, int depth, const Image* like);
 

@@ -14,7 +14,6 @@
 
 namespace kestrion {
 
-using image_internal::MapWords;
 using image_internal::RequireSameDepth;
 using image_internal::RoundToByte;
 
@@ -74,7 +73,7 @@ void Image::FlipY() {
 }
 
 Image* Image::CopyOfImage(Request* req) const {
-  Image* copy = NewImage(req, width_, height_, depth_, this);
+  Image* copy = NewImageUnset(req, this);
   const size_t row_bytes = size_t(width_) * BytesPerPixel();
   for (int y = 0; y < height_; ++y) std::memcpy(copy->rows_[size_t(y)], rows_[size_t(y)], row_bytes);
   return copy;
@@ -131,10 +130,14 @@ ChannelMaps ChannelMaps::Then(const ChannelMaps& next) const {
   return maps;
 }
 
-void ChannelMaps::Row(const uint32_t* in, uint32_t* out, int count) const {
+// Four table loads a pixel, kept scalar: vectorised, the loads become gathers, which run at
+// two thirds of the plain loads' speed on the machines measured.
+[[gnu::optimize("no-tree-vectorize")]] void ChannelMaps::Row(const uint32_t* in, uint32_t* out, int count) const {
   const auto& t = table_;
-  MapWords(in, out, count,
-           [&t](uint32_t p) { return t[0][p & 255] | t[1][p >> 8 & 255] | t[2][p >> 16 & 255] | t[3][p >> 24]; });
+  for (int x = 0; x < count; ++x) {
+    const uint32_t p = in[x];
+    out[x] = t[0][p & 255] | t[1][p >> 8 & 255] | t[2][p >> 16 & 255] | t[3][p >> 24];
+  }
 }
 
 void ChannelMaps::MaskRow(const uint8_t* in, uint8_t* out, int count) const {

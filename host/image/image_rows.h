@@ -50,6 +50,10 @@ class Saturation {
   // delta_[c][d + 255] for blue, green, red: round-half-up(d * factor), d = c - Y, held to
   // -256..256 (enough to reach either end of a byte from any Y).
   std::array<std::array<int32_t, 511>, 3> delta_;
+  // Where every factor is below 8 and each delta_ entry equals (d * step + 2^19) >> 20 held
+  // the same way, the row takes these products rather than the tables (no gathers).
+  bool by_products_ = false;
+  std::array<int32_t, 3> step_{};
 };
 
 // The resampling of Image::ImageResize (triangle) and of ResizeOfImage's area average from one

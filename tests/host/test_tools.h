@@ -188,6 +188,7 @@ class Spread final : public TestTool<kSpreadId> {
   }
   void CheckRequest(Request* req) override {
     if (req->status != -1) return;
+    value_seen_first = NumberIn(req, value);
     req->SetInputTime(value, req->time - 1, 0);
     req->SetInputTime(value, req->time + 1, 1);
   }
@@ -200,6 +201,7 @@ class Spread final : public TestTool<kSpreadId> {
   Output* out;
   int slots_seen = 0;
   std::vector<double> times_seen;
+  double value_seen_first = 0;  // by CheckRequest, at the request's time
 };
 
 // Outputs "First" or "Second" as "Which" says, and tells the renderer the other is not needed.
@@ -431,7 +433,8 @@ Tool* Make(CPipelineDoc& doc, const char* class_name, const std::string& name = 
   return dynamic_cast<Tool*>(op);
 }
 
-// Outputs `image` itself (or nothing while it is unset), the same object on every render.
+// Outputs `image` itself (or nothing while it is unset), the same object on every render; or,
+// where `frames` holds images, the one for the request's time (nothing at other times).
 class Picture final : public TestTool<kPictureId> {
  public:
   Picture(Registry* reg, CArchive* ar, TagList* tags) : TestTool(reg, ar, tags) {
@@ -439,11 +442,16 @@ class Picture final : public TestTool<kPictureId> {
     if (ar) module::SkipRecordEnd(ar);
   }
   uint32_t Process(Request* req) override {
-    if (image) image->Use();
-    return req->SetOutputData(out, image.get());
+    times_asked.push_back(req->time);
+    Image* shown = image.get();
+    if (!frames.empty()) shown = frames.count(req->time) ? frames[req->time].get() : nullptr;
+    if (shown) shown->Use();
+    return req->SetOutputData(out, shown);
   }
   Output* out;
   Ref<Image> image;
+  std::map<double, Ref<Image>> frames;
+  std::vector<double> times_asked;
 };
 
 // Enters the picture class as "TestPicture" while it lives; declare it before the document.

@@ -68,7 +68,7 @@ class ColorGain final : public ThreadedOperator {
     };
     GainRender& g = render_;
     g.src = src;
-    g.out = NewImage(req, src);
+    g.out = NewImageUnset(req, src);
     g.maps = ChannelMaps();
     g.mapped = any_not_one(GainRed, GammaAlpha);
     if (any_not_one(GainRed, GainAlpha))
@@ -88,7 +88,7 @@ class ColorGain final : public ThreadedOperator {
   void ProcessChunk(Request*, long band) override {
     const GainRender& g = render_;
     const int width = g.src->Width();
-    module::ForEachRow(*this, module::BandRows(g.src->Height(), g.bands, band), [&](int y) {
+    module::WriteEachRow(*this, *g.out, module::BandRows(g.src->Height(), g.bands, band), [&](int y) {
       if (g.src->Depth() == 8) {
         if (g.mapped)
           g.maps.MaskRow(g.src->MaskRow(y), g.out->MaskRow(y), width);

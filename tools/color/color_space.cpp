@@ -45,7 +45,7 @@ class ColorSpace final : public ThreadedOperator {
     if (!src) return req->SetOutputData(image_out_, nullptr);
     SpaceRender& s = render_;
     s.src = src;
-    s.out = NewImage(req, src);
+    s.out = NewImageUnset(req, src);
     // "No Change", unknown values and masks (which have no colour) copy the input.
     s.converts = src->Depth() == 32 && conversion >= RgbToHls && conversion <= YuvToRgb;
     switch (conversion) {
@@ -63,7 +63,7 @@ class ColorSpace final : public ThreadedOperator {
   void ProcessChunk(Request*, long band) override {
     const SpaceRender& s = render_;
     const int width = s.src->Width();
-    module::ForEachRow(*this, module::BandRows(s.src->Height(), s.bands, band), [&](int y) {
+    module::WriteEachRow(*this, *s.out, module::BandRows(s.src->Height(), s.bands, band), [&](int y) {
       if (s.converts)
         ConvertRow(s.conversion, s.src->Row(y), s.out->Row(y), width);
       else

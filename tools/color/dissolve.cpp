@@ -57,18 +57,27 @@ void DissolveRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count,
   for (int i = 0; i < 4 * count; ++i) ob[i] = module::Blend15(fb[i], bb[i], w);
 }
 
+// 16-bit lanes that may be read from pixel words.
+using Lanes16 = uint16_t __attribute__((may_alias));
+
 // The same blend for weights 0 <= m < 32768, the mixes from 0 to just below 1. There
 // a m + b n = 32768 b + (a - b) m, so the byte is b + floor(2 (a - b) m / 65536): the high half of
-// a 16-bit product, twice as many channels per instruction as the 32-bit products.
+// a 16-bit product, twice as many channels per instruction as the 32-bit products. The bytes
+// are worked in 16-bit lanes of two, the low byte in place and the high byte shifted down, so
+// that none is unpacked or packed again.
 void DissolveRowNarrow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d,
                        uint32_t) {
-  const auto* fb = reinterpret_cast<const uint8_t*>(f);
-  const auto* bb = reinterpret_cast<const uint8_t*>(b);
-  auto* ob = reinterpret_cast<uint8_t*>(out);
+  const auto* f16 = reinterpret_cast<const Lanes16*>(f);
+  const auto* b16 = reinterpret_cast<const Lanes16*>(b);
+  auto* o16 = reinterpret_cast<Lanes16*>(out);
   const int16_t m = int16_t(d.blend.weight);
-  for (int i = 0; i < 4 * count; ++i) {
-    const int16_t twice_difference = int16_t(2 * (fb[i] - bb[i]));
-    ob[i] = uint8_t(bb[i] + ((twice_difference * m) >> 16));
+  const auto mixed = [m](int fc, int bc) {
+    const int16_t twice_difference = int16_t(2 * (fc - bc));
+    return uint16_t(bc + ((twice_difference * m) >> 16));
+  };
+  for (int i = 0; i < 2 * count; ++i) {
+    const uint16_t fw = f16[i], bw = b16[i];
+    o16[i] = uint16_t(mixed(fw & 255, bw & 255) | mixed(fw >> 8, bw >> 8) << 8);
   }
 }
 
@@ -168,32 +177,32 @@ class Dissolve final : public ThreadedOperator {
       if (single) single->Use();
       return req->SetOutputData(image_out_, single);
     }
-    Image* out = NewImage(req, bg);
-
     if (operation == 3.0) crt_srand(InstanceValue());
     if (operation == 4.0) crt_srand(SeedAt(req->time));
     DissolveRender& d = render_;
     d.kernel = KernelFor(module::TruncToInt(operation));
-    if (!d.kernel) return req->SetOutputData(image_out_, out);
+    if (!d.kernel) return req->SetOutputData(image_out_, NewImage(req, bg));
     d.fg = fg;
     d.bg = bg;
-    d.out = out;
     d.width = std::min(fg->Width(), bg->Width());
     d.height = std::min(fg->Height(), bg->Height());
+    // Where the foreground covers the background every output byte is written; elsewhere the
+    // uncovered part stays cleared.
+    d.out = d.width == bg->Width() && d.height == bg->Height() ? NewImageUnset(req, bg) : NewImage(req, bg);
     d.blend = module::BlendWeightOf(mix);
     d.threshold = module::WrapAdd(module::TruncToInt(mix * 32767.0), 1);
     if (d.kernel == DissolveRow && d.blend.weight >= 0 && d.blend.weight < 32768) d.kernel = DissolveRowNarrow;
     if (d.kernel == RandomRow) PrepareDraws(d);
     d.bands = module::RowBands(d.height);
     DoMultiProcess(req, d.bands);
-    return req->SetOutputData(image_out_, out);
+    return req->SetOutputData(image_out_, d.out);
   }
 
   void ProcessChunk(Request*, long band) override {
     const DissolveRender& d = render_;
     const module::RowSpan rows = module::BandRows(d.height, d.bands, band);
     uint32_t state = CrtSteps::Of(uint64_t(rows.begin) * uint64_t(d.width)).Apply(d.first_state);
-    module::ForEachRow(*this, rows, [&](int y) {
+    module::WriteEachRow(*this, *d.out, rows, [&](int y) {
       d.kernel(d.fg->Row(y), d.bg->Row(y), d.out->Row(y), d.width, d, state);
       state = d.row_steps.Apply(state);
     });

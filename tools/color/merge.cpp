@@ -162,7 +162,7 @@ class Merge final : public ThreadedOperator {
     f = MergeRender{};
     f.fg = fg;
     f.bg = bg;
-    f.out = NewImage(req, bg);
+    f.out = NewImageUnset(req, bg);
     f.additive = module::TruncToInt(additive * 255.0);
     f.over_weight = 255 - f.additive;
     f.alpha_gain = module::TruncToInt(alpha_gain * 256.0);
@@ -185,8 +185,9 @@ class Merge final : public ThreadedOperator {
   void QuickProcessChunk(Request*, long row) override { Row(int(row), 0); }
 
  private:
+  // Every output row is written; one that the abort flag stops is cleared.
   void Row(int y, long quality) {
-    if (abort_flag.load(std::memory_order_relaxed) == 0) MergeRow(render_, y, quality);
+    module::WriteEachRow(*this, *render_.out, {y, y + 1}, [&](int) { MergeRow(render_, y, quality); });
   }
 
   Input* in_[kInputCount];

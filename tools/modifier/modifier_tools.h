@@ -6,6 +6,7 @@
 
 namespace kestrion::tools {
 
+Object* NewPath(Registry* reg, CArchive* ar, TagList* tags);
 Object* NewOffset(Registry* reg, CArchive* ar, TagList* tags);
 Object* NewCalculation(Registry* reg, CArchive* ar, TagList* tags);
 Object* NewTracker(Registry* reg, CArchive* ar, TagList* tags);

@@ -449,6 +449,13 @@ TEST_F(RenderTest, AModifierTakesOverAnInputFromItsCurrentValue) {
 
   // A modifier feeds its input's tool as a link does: no loops through it.
   EXPECT_FALSE(doc().Connect(spread->out, ramp->start));
+
+  // A modified input's value is there for CheckRequest, and fetched again where it moves it:
+  // the ramp gives t, asked for at t - 1 and t + 1.
+  ASSERT_NE(doc().AddModifier(spread->value, "TestRamp", &err), nullptr) << err.message;
+  dynamic_cast<Ramp*>(spread->value->Modifier())->rate->SetValue(new Number(1));
+  EXPECT_EQ(RenderNumber(doc(), spread->out, 4.0, &err), 3.0 + 5.0) << err.message;
+  EXPECT_EQ(spread->value_seen_first, 4.0);
 }
 
 TEST_F(RenderTest, AddingAModifierThatCannotDriveTheInputChangesNothing) {

@@ -2,6 +2,7 @@
 // in the host's memory or over memory whose rows lie top-down or bottom-up.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <stdexcept>
@@ -229,6 +230,39 @@ TEST(ImageSizes, ImpossibleSizesThrow) {
   EXPECT_THROW(img->CropOfImage(0, 0, -1, 2), ImageSizeError);
   EXPECT_THROW(img->CropOfImage(0, 0, long(INT_MAX) + 1, 1), ImageSizeError);
   EXPECT_THROW(img->CropOfImage(0, 0, 70000, 70000), ImageSizeError);
+}
+
+TEST_P(ImageOpsTest, ClearRowsClearsOnlyThoseRowsWithinTheImage) {
+  auto img = MakeFrame(2, 4, GetParam(), Vec(8, 9));
+  img->ClearRows(1, 3);
+  img->ClearRows(-5, 0);
+  img->ClearRows(4, 9);
+  EXPECT_EQ(Words(*img.get()), (Vec{9, 9, 0, 0, 0, 0, 9, 9}));
+  EXPECT_TRUE(img.PaddingIntact());
+}
+
+// Frames of 256 KiB and more reuse the memory of frames that have ended (ten at a time, more
+// than the pool keeps); a new image is cleared all the same.
+TEST(ImagePool, NewImagesAreClearedWhateverTheirMemoryHeld) {
+  const auto cleared = [](const Image& img) {
+    const size_t row_bytes = size_t(img.Width()) * img.BytesPerPixel();
+    for (int y = 0; y < img.Height(); ++y) {
+      const auto* row = static_cast<const uint8_t*>(img.RowTable()[y]);
+      if (std::any_of(row, row + row_bytes, [](uint8_t v) { return v != 0; })) return false;
+    }
+    return true;
+  };
+  for (int depth : {32, 8}) {
+    const int width = 65536 * 4 / depth;
+    for (int round = 0; round < 3; ++round) {
+      std::vector<Ref<Image>> held;
+      for (int i = 0; i < 10; ++i) {
+        held.push_back(Ref<Image>::Adopt(i % 2 ? NewImage(nullptr, width, 64, depth, nullptr) : new Image(width, 64, depth)));
+        EXPECT_TRUE(cleared(*held.back())) << depth << " bits, round " << round << ", image " << i;
+        held.back()->Fill(Pixel{1, 2, 3, 4});
+      }
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, ImageOpsTest, ::testing::ValuesIn(test::kAllRows), test::RowsTestName);

@@ -133,13 +133,14 @@ class RowKernelTest : public ColorToolTest {
 
 TEST_F(RowKernelTest, ChannelBooleansMatchesTheReference) {
   const std::vector<std::vector<int>> selectors = {{0, 1, 2, 3}, {2, 4, 3, 1}, {3, 3, 0, 4}};
-  const double blends[] = {1.0, 0.6, 0.0};
-  // Settings: 17 operations (16 is unknown) x 3 blends x 3 selector lists.
-  const auto operation = [](int setting) { return setting / 9; };
-  const auto blend = [&](int setting) { return blends[setting / 3 % 3]; };
+  // No blend, and blends in 16-bit lanes up to the last step below 1 (Divide takes 32-bit lanes).
+  const double blends[] = {1.0, 0.6, 0.0, 0.999};
+  // Settings: 17 operations (16 is unknown) x 4 blends x 3 selector lists.
+  const auto operation = [](int setting) { return setting / 12; };
+  const auto blend = [&](int setting) { return blends[setting / 3 % 4]; };
   const auto selector = [&](int setting) { return selectors[size_t(setting % 3)]; };
   CheckEveryLength(
-      "BoolImg", 17 * 9,
+      "BoolImg", 17 * 12,
       [&](Operator* op, int setting) {
         Set(op, "Operation", operation(setting));
         Set(op, "Blend", blend(setting));
@@ -196,6 +197,9 @@ TEST_F(RowKernelTest, ColorGainMatchesTheReference) {
   std::vector<std::array<float, 11>> settings(12);
   for (auto& v : settings)
     for (float& x : v) x = random_() % 2 ? 1.0f : level(random_);
+  // Saturations that fixed-point products cannot take: the tables' kernel.
+  settings[10][8] = 9.5f;
+  settings[11][10] = 12.0f;
   CheckEveryLength(
       "ColorGain", int(settings.size()),
       [&](Operator* op, int setting) {
