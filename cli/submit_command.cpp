@@ -167,8 +167,9 @@ struct TaskRecord {
   int restarts = 0;
 };
 
+// The states a task ends in; from any other it goes on (a requeued task is PENDING again).
 bool Finished(const std::string& state) {
-  static const std::set<std::string> kFinal{"COMPLETED", "FAILED",   "CANCELLED", "TIMEOUT", "NODE_FAIL",
+  static const std::set<std::string> kFinal{"COMPLETED", "FAILED",    "CANCELLED", "TIMEOUT",   "NODE_FAIL",
                                             "OUT_OF_MEMORY", "BOOT_FAIL", "DEADLINE", "PREEMPTED", "REVOKED"};
   return kFinal.count(state) > 0;
 }
@@ -192,11 +193,13 @@ std::vector<TaskRecord> ParseJobRecords(const std::string& text) {
 // "FAILED, exit status 75 after 3 requeues".
 std::string Ending(const TaskRecord& task) {
   std::string text = task.state;
-  const size_t colon = task.exit_code.find(':');
-  const std::string status = task.exit_code.substr(0, colon), signal = colon == std::string::npos ? "0" : task.exit_code.substr(colon + 1);
+  const size_t colon = task.exit_code.find(':');  // "status:signal"
+  const std::string status = task.exit_code.substr(0, colon);
+  const std::string signal = colon == std::string::npos ? "0" : task.exit_code.substr(colon + 1);
   if (task.state != "COMPLETED" && status != "0" && !status.empty()) text += ", exit status " + status;
   if (task.state != "COMPLETED" && signal != "0") text += ", signal " + signal;
-  if (task.restarts > 0) text += " after " + std::to_string(task.restarts) + (task.restarts == 1 ? " requeue" : " requeues");
+  if (task.restarts > 0)
+    text += " after " + std::to_string(task.restarts) + (task.restarts == 1 ? " requeue" : " requeues");
   return text;
 }
 

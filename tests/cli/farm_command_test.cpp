@@ -88,7 +88,8 @@ TEST_F(FarmCommandTest, ChunksRenderTheirPartOfTheFrames) {
 }
 
 TEST_F(FarmCommandTest, DryRunPrintsTheScriptAndWritesNothing) {
-  const Outcome run = RunAll({{"submit", Flow(), "-F", "1-8x2", "--tasks", "3", "--dry-run", "--", "-p", "render farm"}})[0];
+  const Outcome run =
+      RunAll({{"submit", Flow(), "-F", "1-8x2", "--tasks", "3", "--dry-run", "--", "-p", "render farm"}})[0];
   ASSERT_EQ(run.status, 0) << run.err;
   const std::string logs = Flow() + ".kestrion-logs";
   for (const std::string& piece : std::vector<std::string>{
