@@ -14,6 +14,7 @@
 # `up` prints only the export line on stdout; the daemons log to files in the folder.
 set -euo pipefail
 
+PATH="$PATH:/usr/sbin:/sbin"
 dir="${KESTRION_SLURM_DIR:-${TMPDIR:-/tmp}/kestrion-slurm}"
 conf="$dir/slurm.conf"
 node="$(hostname -s)"
@@ -36,6 +37,8 @@ live_pid() {
   [ "$state" != Z ] || return 1
   echo "$pid"
 }
+
+running() { live_pid munged >/dev/null && live_pid slurmctld >/dev/null && live_pid slurmd >/dev/null; }
 
 install_packages() {
   command -v slurmctld >/dev/null && command -v munged >/dev/null && return 0
@@ -89,7 +92,7 @@ start_munge() {
   chmod 700 "$dir/munge"
   [ -s "$dir/munge/munge.key" ] || mungekey --create --keyfile="$dir/munge/munge.key"
   rm -f "$dir/munge/munge.socket"
-  munged 9>&- --force --key-file="$dir/munge/munge.key" --socket="$dir/munge/munge.socket" \
+  munged 9>&- >&2 --force --key-file="$dir/munge/munge.key" --socket="$dir/munge/munge.socket" \
     --pid-file="$dir/run/munged.pid" --log-file="$dir/log/munged.log" --seed-file="$dir/munge/munged.seed"
 }
 
@@ -114,15 +117,15 @@ up() {
   exec 9>"$dir/lock"
   flock 9
   install_packages
-  if ! live_pid slurmctld >/dev/null || ! live_pid slurmd >/dev/null; then
+  if ! running; then
     stop_daemons
     rm -rf "$dir/state" "$dir/spool"
     mkdir -p "$dir/state" "$dir/spool"
     write_config
     start_munge
-    # The daemons must not inherit the lock.
-    slurmctld -f "$conf" 9>&-
-    slurmd -f "$conf" 9>&-
+    # The daemons must not inherit the lock, nor write to stdout.
+    slurmctld -f "$conf" 9>&- >&2
+    slurmd -f "$conf" 9>&- >&2
   fi
   wait_idle
   echo "export SLURM_CONF=$conf"
@@ -152,7 +155,7 @@ down() {
 case "${1:-}" in
   up) up ;;
   down) down ;;
-  status) live_pid slurmctld >/dev/null && live_pid slurmd >/dev/null && live_pid munged >/dev/null ;;
+  status) running ;;
   *)
     echo "usage: $0 up|down|status" >&2
     exit 2
