@@ -34,6 +34,7 @@ eval "$setting"
 
 work="$(mktemp -d)"
 cleanup() {
+  cd /
   rm -rf "$work"
   if [ "$started_here" = 1 ]; then "${slurm_local[@]}" down; fi
 }
