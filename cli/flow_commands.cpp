@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/frame_chunks.h"
 #include "host/clip/clip.h"
 #include "host/document/flow_file.h"
 #include "host/base/prefs.h"
@@ -98,10 +99,12 @@ FrameResult FinishWrites(FrameWriter& writer, const FrameWrites& writes) {
 }  // namespace
 
 int RenderFlow(const RenderOptions& options) {
+  std::optional<Chunk> chunk;
+  if (!options.chunk.empty() && !(chunk = ChunkOption(options.chunk))) return status::BadInput;
   std::optional<FlowRun> run = LoadFlowRun(options.flow, options.frames);
   if (!run) return status::BadInput;
   CPipelineDoc& doc = *run->doc;
-  const FrameList& frames = run->frames;
+  const std::optional<FrameList> chunk_frames = chunk ? ChunkFrames(run->frames, *chunk) : run->frames;
 
   const std::vector<Operator*> tools = doc.Tools();
   std::vector<Operator*> savers;
@@ -115,6 +118,16 @@ int RenderFlow(const RenderOptions& options) {
     std::fprintf(stderr, "kestrion: '%s': %s\n", options.flow.c_str(), problem.c_str());
     return status::BadInput;
   }
+  if (chunk) {
+    const std::string part = "chunk " + std::to_string(chunk->index) + "/" + std::to_string(chunk->count) +
+                             " of frames " + FramesText(run->frames);
+    if (!chunk_frames) {
+      std::fprintf(stderr, "kestrion: %s holds no frame: nothing to render\n", part.c_str());
+      return status::Done;
+    }
+    std::fprintf(stderr, "kestrion: %s: frames %s\n", part.c_str(), FramesText(*chunk_frames).c_str());
+  }
+  const FrameList& frames = *chunk_frames;
 
   RemoveStaleTemporaries(savers, frames);
   if (options.threads > 0) SetWorkerThreads(options.threads);

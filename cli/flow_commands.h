@@ -16,6 +16,7 @@ struct RenderOptions {
   bool fields = false;
   bool resume = false;
   bool keep_going = false;  // render every frame it can, naming those that failed at the end
+  std::string chunk;   // "K/N" or "auto" (a Slurm array task's); empty: every frame
 };
 
 int RenderFlow(const RenderOptions& options);

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds Kestrion with warnings as errors and runs the whole test suite. With
-# KESTRION_SANITIZERS=1 it also runs the suite under AddressSanitizer+UBSan and ThreadSanitizer,
-# and each fuzz target for KESTRION_FUZZ_SECONDS (60) on its corpus, two at a time.
+# Builds Kestrion with warnings as errors and runs the whole test suite, the farm test (a local
+# Slurm cluster, as root) among it. With KESTRION_SANITIZERS=1 it also runs the suite, less the
+# farm test, under AddressSanitizer+UBSan and ThreadSanitizer, and each fuzz target for
+# KESTRION_FUZZ_SECONDS (60) on its corpus, two at a time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"

@@ -453,6 +453,7 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
   const std::string path = FramePath(IsSequence() ? first_ + frame : 0);
   std::string why;
   Image* img = nullptr;
+  bool missing = false;
   if (std::FILE* file = std::fopen(path.c_str(), "rb")) {
     if (IsPngFile(file))
       img = ReadPng(file, &why);
@@ -460,10 +461,13 @@ Image* ClipParameter::ReadFrame(int frame, Request* req, TagList* tags) {
       img = ReadWithCodecLibrary(path, &why);
     std::fclose(file);
   } else {
-    why = errno == ENOENT ? std::string("no such file") : std::strerror(errno);
+    missing = errno == ENOENT;
+    why = missing ? std::string("no such file") : std::strerror(errno);
   }
   if (!img) {
-    NoteFailure("cannot read '" + path + "': " + why, false);
+    // A file that is not there may be on its way (a sequence still being copied, a network
+    // share that dropped out for a moment): the same render may succeed later.
+    NoteFailure("cannot read '" + path + "': " + why, missing);
     return nullptr;
   }
   if (req) req->Own(img);
