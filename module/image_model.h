@@ -9,6 +9,7 @@
 
 #include "host/image/image.h"
 #include "host/graph/operator.h"
+#include "host/graph/request.h"
 
 namespace kestrion::module {
 
@@ -62,6 +63,12 @@ bool WriteEachRow(const Operator& op, Image& out, RowSpan rows, RowFn&& row_fn) 
     row_fn(y);
   }
   return true;
+}
+
+// The image a colour tool works on: the image itself, or a mask (linked to an image input) as
+// a grey image, its value in all four bytes, made for the request.
+inline const Image* ColourImage(Request* req, const Image* img) {
+  return img->Depth() == 8 ? img->CopyOfImage2(req) : img;
 }
 
 // A double truncated toward zero to 32 bits as the x86 conversion does it: NaN and values

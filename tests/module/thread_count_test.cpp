@@ -73,8 +73,10 @@ class CatalogueThreadsTest : public ::testing::Test {
     return in.GetAttrI(in::WholeNumber) ? std::floor(v) : v;
   }
 
-  // Adds a tool of `reg` to `doc` at `setting` (0: defaults; others drawn at random).
-  void AddCase(CPipelineDoc& doc, Registry* reg, int setting, const std::string& folder, std::vector<Case>& cases) {
+  // Adds a tool of `reg` to `doc` at `setting` (0: defaults; others drawn at random). With
+  // `swapped`, image inputs are fed masks and mask inputs 32-bit images, as links allow.
+  void AddCase(CPipelineDoc& doc, Registry* reg, int setting, const std::string& folder, std::vector<Case>& cases,
+               bool swapped = false) {
     HostError err;
     Operator* op = doc.CreateTool(reg->Name(), {}, &err);
     ASSERT_NE(op, nullptr) << reg->Name() << ": " << err.message;
@@ -82,7 +84,8 @@ class CatalogueThreadsTest : public ::testing::Test {
     for (const auto& in : op->Inputs()) {
       if (in->IsImage()) {
         const bool second = in->Index() % 2 != 0;
-        Picture* source = NewPicture(doc, second ? 31 : 37, second ? 53 : 61, in->Type() == vtype::Mask ? 8 : 32, random);
+        Picture* source = NewPicture(doc, second ? 31 : 37, second ? 53 : 61,
+                                     (in->Type() == vtype::Mask) != swapped ? 8 : 32, random);
         EXPECT_TRUE(doc.Connect(source->out, in.get())) << reg->Name() << "." << in->Name();
       } else if (in->Type() == vtype::Clip) {
         const bool writes = op->op_flags & opflag::Saver;
@@ -166,6 +169,29 @@ TEST_F(CatalogueThreadsTest, EveryToolGivesTheSameResultAtAnyThreadCountAndBesid
   other.join();
   for (const Case* c : at_once)
     EXPECT_TRUE(SameValue(together[c->tool], alone[c->tool].value)) << c->label << ", rendered beside another flow";
+}
+
+// A mask linked to an image input, or an image to a mask input, is read within its rows: every
+// tool renders such links (the sanitizer builds catch a read or write past a row) and hands on
+// an image whose rows hold its own depth.
+TEST_F(CatalogueThreadsTest, EveryToolTakesAMaskForAnImageAndAnImageForAMask) {
+  std::filesystem::create_directories(media_);
+  CPipelineDoc doc;
+  std::vector<Case> cases;
+  for (Registry* reg : ClassRegistry->Records()) {
+    if (reg == &pictures_.record) continue;
+    for (int setting : {0, 1}) AddCase(doc, reg, setting, dir_ / "out", cases, true);
+  }
+  SetWorkerThreads(2);
+  int images = 0;
+  for (const Case& c : cases) {
+    const Outcome outcome = Render(c, 5);
+    if (auto* img = dynamic_cast<const Image*>(outcome.value.get())) {
+      EXPECT_TRUE(img->Depth() == 8 || img->Depth() == 32) << c.label;
+      ++images;
+    }
+  }
+  EXPECT_GE(images, 60);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "module/image_model.h"
 #include "module/operator_contract.h"
 #include "module/registry.h"
 #include "host/clip/clip.h"
@@ -118,7 +119,7 @@ class Loader final : public SourceOperator {
     for (Input* g : {global_in_, global_out_})
       g->SetAttrs({Tag(srcattr::ExtendFirst, CurrentNumber(in_[ExtendFirst])),
                    Tag(srcattr::ExtendLast, CurrentNumber(in_[ExtendLast])), Tag(srcattr::Looping, 1),
-                   Tag(srcattr::LoopOn, uint32_t(CurrentNumber(in_[Loop])))});
+                   Tag(srcattr::LoopOn, uint32_t(module::TruncToInt(CurrentNumber(in_[Loop]))))});
     adjusting_ = false;
     if (ar) module::SkipRecordEnd(ar);
   }
@@ -284,7 +285,7 @@ class Loader final : public SourceOperator {
         SetExtension(in_[ExtendLast], HUGE_VAL);
     } else if (in == in_[Loop]) {
       const double loop = CurrentNumber(in_[Loop]);
-      for (Input* g : {global_in_, global_out_}) g->SetAttrs({Tag(srcattr::LoopOn, uint32_t(loop))});
+      for (Input* g : {global_in_, global_out_}) g->SetAttrs({Tag(srcattr::LoopOn, uint32_t(module::TruncToInt(loop)))});
     } else if (in == in_[ExtendFirst] || in == in_[ExtendLast]) {
       SetExtension(in, CurrentNumber(in));
     }

@@ -263,13 +263,13 @@ class ChannelBooleans final : public ThreadedOperator {
     if (!bg) return req->SetOutputData(image_out_, nullptr);
     if (!fg) fg = bg;  // the background combined with itself
     BooleansRender& t = render_;
-    t.fg = fg;
-    t.bg = bg;
+    t.fg = module::ColourImage(req, fg);
+    t.bg = module::ColourImage(req, bg);
     t.width = std::min(fg->Width(), bg->Width());
     t.height = std::min(fg->Height(), bg->Height());
     // Where the foreground covers the background every output byte is written; elsewhere the
     // uncovered part stays cleared.
-    t.out = t.width == bg->Width() && t.height == bg->Height() ? NewImageUnset(req, bg) : NewImage(req, bg);
+    t.out = t.width == bg->Width() && t.height == bg->Height() ? NewImageUnset(req, t.bg) : NewImage(req, t.bg);
     t.chosen_in_place = true;
     for (int c = 0; c < 4; ++c) {
       // A selector names a channel (read from that channel's byte) or passes the background on.

@@ -182,13 +182,13 @@ class Dissolve final : public ThreadedOperator {
     DissolveRender& d = render_;
     d.kernel = KernelFor(module::TruncToInt(operation));
     if (!d.kernel) return req->SetOutputData(image_out_, NewImage(req, bg));
-    d.fg = fg;
-    d.bg = bg;
+    d.fg = module::ColourImage(req, fg);
+    d.bg = module::ColourImage(req, bg);
     d.width = std::min(fg->Width(), bg->Width());
     d.height = std::min(fg->Height(), bg->Height());
     // Where the foreground covers the background every output byte is written; elsewhere the
     // uncovered part stays cleared.
-    d.out = d.width == bg->Width() && d.height == bg->Height() ? NewImageUnset(req, bg) : NewImage(req, bg);
+    d.out = d.width == bg->Width() && d.height == bg->Height() ? NewImageUnset(req, d.bg) : NewImage(req, d.bg);
     d.blend = module::BlendWeightOf(mix);
     d.threshold = module::WrapAdd(module::TruncToInt(mix * 32767.0), 1);
     if (d.kernel == DissolveRow && d.blend.weight >= 0 && d.blend.weight < 32768) d.kernel = DissolveRowNarrow;

@@ -160,9 +160,9 @@ class Merge final : public ThreadedOperator {
 
     MergeRender& f = render_;
     f = MergeRender{};
-    f.fg = fg;
-    f.bg = bg;
-    f.out = NewImageUnset(req, bg);
+    f.fg = module::ColourImage(req, fg);
+    f.bg = module::ColourImage(req, bg);
+    f.out = NewImageUnset(req, f.bg);
     f.additive = module::TruncToInt(additive * 255.0);
     f.over_weight = 255 - f.additive;
     f.alpha_gain = module::TruncToInt(alpha_gain * 256.0);

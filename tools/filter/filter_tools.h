@@ -12,6 +12,7 @@
 #include "host/graph/registry.h"
 #include "host/graph/request.h"
 #include "host/image/image.h"
+#include "module/image_model.h"
 #include "module/operator_contract.h"
 
 namespace kestrion::tools {
@@ -49,8 +50,7 @@ uint32_t SwitchedBytes(const int32_t (&switches)[4], On on) {
 // four bytes, made for the request). Null when none is connected.
 inline const Image* FilterSource(Request* req, Input* in) {
   auto* img = dynamic_cast<Image*>(req->GetInputData(in));
-  if (img && img->Depth() == 8) return img->CopyOfImage2(req);
-  return img;
+  return img ? module::ColourImage(req, img) : nullptr;
 }
 
 // The frame every filter tool shares: its inputs declared from its table in panel order, one

@@ -137,7 +137,7 @@ class ChromaKeyer final : public RangeKeyer {
     if (!given) return req->SetOutputData(image_out_, nullptr);
 
     ChromaRender& k = render_;
-    k.src = ColourImage(req, given);
+    k.src = module::ColourImage(req, given);
     k.ranges = RangesOf(req);
     PrepareSoftKey(soft);
     k.map = IdentityMap();

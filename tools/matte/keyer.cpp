@@ -165,7 +165,7 @@ class Keyer final : public RangeKeyer {
     if (!given) return req->SetOutputData(image_out_, nullptr);
 
     KeyerRender& k = render_;
-    k.src = ColourImage(req, given);
+    k.src = module::ColourImage(req, given);
     k.differences = DifferenceBounds(RangesOf(req));
     const int colour = backing == 0 ? BlueBacking : backing == 1 ? GreenBacking : OtherBacking;
     k.suppress = kSuppress[colour];

@@ -108,7 +108,7 @@ class LumaKeyer final : public ThreadedOperator {
     if (!given) return req->SetOutputData(image_out_, nullptr);
 
     LumaRender& k = render_;
-    k.src = ColourImage(req, given);
+    k.src = module::ColourImage(req, given);
     k.key = kKeys[channel >= BlueChannel && channel <= AlphaChannel ? channel : LuminanceChannel];
     // The ramp only runs where high is above low, and then high - low is at most 65280 for any
     // rate above 0, so holding the ends changes no comparison with a byte and no ramp value.

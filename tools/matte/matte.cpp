@@ -68,8 +68,6 @@ void AlphaOfRow(const uint32_t* in, uint8_t* __restrict alpha, int count) {
   for (int x = 0; x < count; ++x) alpha[x] = uint8_t(in[x] >> 24);
 }
 
-const Image* ColourImage(Request* req, const Image* img) { return img->Depth() == 8 ? img->CopyOfImage2(req) : img; }
-
 // --- the range keyers ---
 
 module::InputDecl RangeInput(KeyChannel channel, bool high) {

@@ -57,10 +57,6 @@ void JoinRow(const uint32_t* in, const uint8_t* alpha, uint32_t* out, int count)
 // The alpha bytes of a row of 32-bit pixels.
 void AlphaOfRow(const uint32_t* in, uint8_t* alpha, int count);
 
-// The input image as the stages read it: a mask (depth 8) becomes a grey request-bound copy,
-// each of its four bytes the mask value; any other image is used as it is.
-const Image* ColourImage(Request* req, const Image* img);
-
 // --- the range keyers ---
 
 // The channels of the colour-difference form, in the order of the range inputs.

@@ -106,7 +106,7 @@ class MatteControl final : public ThreadedOperator {
     if (!given) return req->SetOutputData(image_out_, nullptr);
 
     ControlRender& k = render_;
-    k.src = ColourImage(req, given);
+    k.src = module::ColourImage(req, given);
     const int w = k.src->Width();
     k.map = IdentityMap();
     if (NonZero(contrast)) k.map = ContrastMap(contrast);

@@ -103,7 +103,7 @@ void DentPoints(const DentRender& t, double dy, int x0, int count, int32_t* sx, 
           trig, module::kFastTrigError, [&](double v) { return source(NewRadius<kType>(r, R, k, v), dy, r, cyp, ys); });
       sx[i] = bx.low;
       sy[i] = by.low;
-      doubt[i] = !((std::fabs(argument) <= module::kFastTrigLimit) & bx.Certain() & by.Certain());
+      doubt[i] = !(int(std::fabs(argument) <= module::kFastTrigLimit) & int(bx.Certain()) & int(by.Certain()));
     } else {
       const double moved = NewRadius<kType>(r, R, k, 0.0);
       sx[i] = source(moved, dx, r, cxp, xs);

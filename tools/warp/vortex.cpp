@@ -72,7 +72,7 @@ void VortexPoints(const VortexRender& t, double dy, int x0, int count, int32_t* 
         module::BracketOf(turn.sin, error, [&](double s) { return module::TruncToInt((s * r / t.ys + t.cyp) * 256.0); });
     sx[k] = bx.low;
     sy[k] = by.low;
-    doubt[k] = !(reached & bx.Certain() & by.Certain());
+    doubt[k] = !(int(reached) & int(bx.Certain()) & int(by.Certain()));
   }
   for (int k = 0; k < count; ++k) {
     if (!doubt[k]) continue;

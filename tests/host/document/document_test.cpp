@@ -622,6 +622,8 @@ TEST_F(DocumentTest, SavedNumbersAreHeldToTheirInput) {
   Operator* loader = doc.CreateTool("Loader");
   ASSERT_NE(loader, nullptr);
   Input* loop = loader->FindInput(FourCC("Loop"));
+  loop->SetValue(new Number(-2e185));
+  EXPECT_EQ(CurrentNumber(loop), double(INT32_MIN));
   loop->SetValue(new Number(2e185));
   EXPECT_EQ(CurrentNumber(loop), double(INT32_MAX));
   std::vector<uint8_t> bytes = SaveBytes(doc);

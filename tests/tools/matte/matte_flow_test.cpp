@@ -41,5 +41,32 @@ TEST(MatteToolFlow, EachToolRendersFromATextFlow) {
   }
 }
 
+// Matte Control's garbage matte drawn by a Rectangle at the flow's 8 x 4 frame: the default
+// rectangle, half the frame wide and high about its centre, covers columns 2 to 5 of rows 1 and 2.
+TEST(MatteToolFlow, ARectangleIsMatteControlsGarbageMatte) {
+  test_tools::SavedPrefs prefs;
+  PictureClass pictures;
+  for (const auto& [mode, inside] : {std::pair{"Make Transparent", 0}, std::pair{"Make Solid", 255}}) {
+    HostError err;
+    std::unique_ptr<CPipelineDoc> doc = LoadTextFlow(
+        std::string(R"({"kestrion": 1, "preferences": {"video": {"width": 8, "height": 4, "aspect": [1.0, 1.0]}},
+            "tools": {"Plate": {"class": "TestPicture"}, "Box": {"class": "RectangleMask"},
+                      "Control1": {"class": "MatteControl", "inputs": {"GMMd": ")") +
+            mode + R"(", "GMat": "Box", "Image": "Plate"}}}})",
+        ".", &err);
+    ASSERT_TRUE(doc) << err.message;
+    dynamic_cast<Picture*>(doc->FindTool("Plate"))->image =
+        MakeFrame(8, 4, Rows::Owned, std::vector<uint32_t>(32, Bgra(10, 20, 30, 200))).image;
+    Ref<Parameter> v = doc->Render(doc->FindTool("Control1")->Outputs()[0].get(), 0.0, 0, &err);
+    auto* img = dynamic_cast<Image*>(v.get());
+    ASSERT_NE(img, nullptr) << mode << ": " << err.message;
+    std::vector<int> alphas, expected;
+    for (const Pixel& p : Pixels(*img)) alphas.push_back(p.a);
+    for (int y = 0; y < 4; ++y)
+      for (int x = 0; x < 8; ++x) expected.push_back(x >= 2 && x < 6 && y >= 1 && y < 3 ? inside : 200);
+    EXPECT_EQ(alphas, expected) << mode;
+  }
+}
+
 }  // namespace
 }  // namespace kestrion::test
