@@ -57,6 +57,19 @@ void DeclareInputs(Operator* op, const InputDecl (&table)[N], Input* (&inputs)[N
   for (size_t i = 0; i < N; ++i) inputs[i] = op->AddInput(table[i].label, table[i].type, table[i].id, table[i].tags);
 }
 
+// Declares a chunked tool of one image output that keeps no fields of its own: its inputs from
+// the table in panel order, the "Image" output (returned), the threaded base's two settings
+// and, loading, the end of the record.
+template <size_t N>
+Output* DeclareImageTool(ThreadedOperator* op, CArchive* ar, const InputDecl (&table)[N], Input* (&inputs)[N],
+                         int thread_setting = 2, int two_image_setting = 0) {
+  DeclareInputs(op, table, inputs);
+  Output* out = op->AddOutput("Image", vtype::Image, ImageOutputId(1));
+  op->SetThreadSettings(thread_setting, two_image_setting);
+  if (ar) SkipRecordEnd(ar);
+  return out;
+}
+
 // The value of a Number input for the request (0 when there is none).
 inline double NumberInput(Request* req, Input* in, int slot = 0) {
   auto* n = dynamic_cast<Number*>(req->GetInputData(in, slot));

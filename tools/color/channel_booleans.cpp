@@ -230,12 +230,9 @@ class ChannelBooleans final : public ThreadedOperator {
       {"Foreground", vtype::Image,  ImageInputId(2), {Tag(in::Required, 0), Tag(in::Presentation05, -1)}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 1);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_, 2, 1);
     module::LoadTilePicture(g_tile, module::TilePictureName::ChannelBooleans);
     SetTilePicture(&g_tile);
-    if (ar) module::SkipRecordEnd(ar);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }

@@ -159,10 +159,7 @@ class Dissolve final : public ThreadedOperator {
       {"Foreground", vtype::Image,  ImageInputId(2), {Tag(in::Required, 0)}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 1);
-    if (ar) module::SkipRecordEnd(ar);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_, 2, 1);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }

@@ -123,13 +123,10 @@ class Merge final : public ThreadedOperator {
       {"Foreground", vtype::Image,  ImageInputId(2), {Tag(in::Required, 0)}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_, 2, 1);
     in_[Angle]->SetAttrs({Tag(in::TiedInput1, in_[Center]), Tag(in::TiedInput2, in_[Size])});
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 1);
     module::LoadTilePicture(g_tile, module::TilePictureName::Merge);
     SetTilePicture(&g_tile);
-    if (ar) module::SkipRecordEnd(ar);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }

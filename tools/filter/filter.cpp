@@ -289,10 +289,9 @@ void NoiseRow(const FilterRender& t, BandScratch& s, int y) {
 
 // The ring of radius p: for p = 1 to 4 the border of the (2p + 1)-square; beyond, the lattice
 // points nearest the circle of radius p, whole symmetric sets of them in order of nearness, as
-// many as the ring's count allows. Each set is given by one point (a, b), a >= b >= 0: all of
-// (+-a, +-b) and (+-b, +-a).
+// many as the ring's count (8, 16, 24, 32, 32, 40, 48, 48, 56, 64 for p = 1 to 10) allows. Each
+// set is given by one point (a, b), a >= b >= 0: all of (+-a, +-b) and (+-b, +-a).
 constexpr int kRings = 10;
-constexpr int kRingCounts[kRings] = {8, 16, 24, 32, 32, 40, 48, 48, 56, 64};
 const std::vector<std::pair<int, int>> kRingSets[kRings - 4] = {
     {{4, 3}, {5, 0}, {5, 1}, {5, 2}, {4, 4}},
     {{6, 0}, {6, 1}, {5, 3}, {6, 2}, {4, 4}, {5, 4}},

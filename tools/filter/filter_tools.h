@@ -64,10 +64,7 @@ class FilterTool : public ThreadedOperator {
  protected:
   FilterTool(Registry* reg, CArchive* ar, TagList* tags, const module::InputDecl (&table)[N])
       : ThreadedOperator(reg, ar, tags) {
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_);
   }
 
   Input* in_[N];

@@ -83,10 +83,7 @@ class LumaKeyer final : public ThreadedOperator {
       {"Image",          vtype::Image,  ImageInputId(1), {}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(3, 0);
-    if (ar) module::SkipRecordEnd(ar);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_, 3, 0);
   }
 
   // The record keeps the check box's sense as an attribute of the base record.

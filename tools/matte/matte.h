@@ -107,13 +107,10 @@ class RangeKeyer : public ThreadedOperator {
   // loading, reads the end of the record.
   template <size_t N>
   void Declare(CArchive* ar, const module::InputDecl (&table)[N], Input* (&inputs)[N], size_t reset, size_t image) {
-    module::DeclareInputs(this, table, inputs);
+    image_out_ = module::DeclareImageTool(this, ar, table, inputs, 3, 0);
     ranges_ = inputs;
     reset_ = inputs[reset];
     image_ = inputs[image];
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(3, 0);
-    if (ar) module::SkipRecordEnd(ar);
   }
   KeyRanges RangesOf(Request* req) const;
 

@@ -10,15 +10,15 @@ namespace kestrion::tools {
 
 enum CornerInput { TopLeft, TopRight, BottomLeft, BottomRight, CornerImage, kCornerInputCount };
 
-// Declares the inputs in panel order. The default corners are not a rectangle on purpose, so
-// that a new tool shows its effect at once.
-inline void DeclareCornerInputs(Operator* op, Input* (&inputs)[kCornerInputCount]) {
+// The inputs in panel order. The default corners are not a rectangle on purpose, so that a new
+// tool shows its effect at once.
+inline const module::InputDecl (&CornerInputTable())[kCornerInputCount] {
   const auto corner = [](double x, double y) {
     return TagList{Tag(in::Control, control::Offset), Tag(in::PreviewControl, control::PointHandle), Tag(in::DefaultX, x),
                    Tag(in::DefaultY, y)};
   };
   // clang-format off
-  const module::InputDecl table[kCornerInputCount] = {
+  static const module::InputDecl table[kCornerInputCount] = {
     {"Top Left",     vtype::Point, FourCC("TpLt"),  corner(0.1, 0.1)},
     {"Top Right",    vtype::Point, FourCC("TpRt"),  corner(0.9, 0.0)},
     {"Bottom Left",  vtype::Point, FourCC("BtLt"),  corner(0.0, 0.7)},
@@ -26,7 +26,7 @@ inline void DeclareCornerInputs(Operator* op, Input* (&inputs)[kCornerInputCount
     {"Image",        vtype::Image, ImageInputId(1), {}},
   };
   // clang-format on
-  module::DeclareInputs(op, table, inputs);
+  return table;
 }
 
 // The corners of a request as doubles: P0 top left, P1 top right, P2 bottom left, P3 bottom
@@ -50,10 +50,7 @@ template <uint32_t ClassId>
 class CornerTool : public ThreadedOperator {
  public:
   CornerTool(Registry* reg, CArchive* ar, TagList* tags) : ThreadedOperator(reg, ar, tags) {
-    DeclareCornerInputs(this, in_);
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
+    image_out_ = module::DeclareImageTool(this, ar, CornerInputTable(), in_);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, ClassId, ar, tags); }

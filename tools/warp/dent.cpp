@@ -166,11 +166,8 @@ class Dent final : public ThreadedOperator {
       {"Image",    vtype::Image,  ImageInputId(1),    {}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_);
     in_[Size]->SetAttrs({Tag(in::TiedInput1, in_[Center])});
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }

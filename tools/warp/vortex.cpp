@@ -114,12 +114,9 @@ class Vortex final : public ThreadedOperator {
       {"Image",  vtype::Image,  ImageInputId(1),    {}},
     };
     // clang-format on
-    module::DeclareInputs(this, table, in_);
+    image_out_ = module::DeclareImageTool(this, ar, table, in_);
     in_[Size]->SetAttrs({Tag(in::TiedInput1, in_[Center])});
     in_[Angle]->SetAttrs({Tag(in::TiedInput1, in_[Center]), Tag(in::TiedInput2, in_[Size])});
-    image_out_ = AddOutput("Image", vtype::Image, ImageOutputId(1));
-    SetThreadSettings(2, 0);
-    if (ar) module::SkipRecordEnd(ar);
   }
 
   uint32_t Save(CArchive* ar, TagList* tags) override { return module::SaveWithoutFields(this, kClassId, ar, tags); }
