@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cfloat>
 #include <cstdint>
@@ -373,7 +374,7 @@ class TextFlowReader {
   Operator* CreateTool(const std::string& name, const Json& entry) {
     const std::string where = "tool " + Quoted(name);
     if (!entry.is_object()) throw FlowError{where + " must be an object with a \"class\""};
-    CheckKeys(entry, {"class", "inputs", "position", "data"}, where + ": ");
+    CheckKeys(entry, {"class", "inputs", "position", "data", "attributes"}, where + ": ");
     if (!entry.contains("class") || !entry["class"].is_string()) throw FlowError{where + " has no \"class\""};
     const std::string class_name = entry["class"].get<std::string>();
     Registry* reg = ClassRegistry->FindByName(class_name);
@@ -384,24 +385,31 @@ class TextFlowReader {
     std::pair<int, int> position{0, 0};
     if (entry.contains("position"))
       position = ReadPosition(entry["position"], where + ": \"position\" must be [x, y] in whole numbers");
+    const TagList attributes = entry.contains("attributes") ? ReadAttributes(entry["attributes"], where) : TagList{};
     Object* obj = reg->Create(nullptr, nullptr);
     if (auto* lists = dynamic_cast<NodeListTool*>(obj); lists && entry.contains("data")) {
       ApplyNodeLists(lists, entry["data"], where);
-    } else if (entry.contains("data")) {
-      // The tool's own fields follow a base record that holds nothing but the name and place
-      // (no inputs, no attributes).
+    } else if (entry.contains("data") || attributes.Size() > 0) {
+      // The tool's own fields follow a base record that holds nothing but the name, the place
+      // and the attributes it keeps (no inputs).
       Ref<Object> probe = Ref<Object>::Adopt(obj);
       std::vector<uint8_t> fields;
-      if (entry["data"].is_object())
-        fields = FieldBytes(dynamic_cast<const Operator*>(obj), entry["data"], where);
-      else if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
-        throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
+      if (entry.contains("data")) {
+        if (entry["data"].is_object())
+          fields = FieldBytes(dynamic_cast<const Operator*>(obj), entry["data"], where);
+        else if (!entry["data"].is_string() || !Unhex(entry["data"].get<std::string>(), fields))
+          throw FlowError{where + ": \"data\" must be a string of hexadecimal byte pairs"};
+      }
       CArchive record;
       record.WriteString(name);
       record.WriteInt(position.first);
       record.WriteInt(position.second);
       record.WriteWord(0);
-      record.WriteWord(0);
+      record.WriteWord(uint32_t(attributes.Size()));
+      for (const Tag& t : attributes) {
+        record.WriteWord(t.id);
+        record.WriteWord(uint32_t(t.integer));
+      }
       record.WriteBytes(fields.data(), fields.size());
       record.WriteWord(0);
       record.WriteWord(kEndOfRecord);
@@ -423,6 +431,24 @@ class TextFlowReader {
     }
     op->SetFlowPos(position.first, position.second);
     return doc_.AddTool(op, name);
+  }
+
+  // The attributes a tool keeps in its record, {"0x100000C8": value, ...}: ids of eight hexadecimal
+  // digits, values whole numbers of 32 bits.
+  static TagList ReadAttributes(const Json& attributes, const std::string& where) {
+    if (!attributes.is_object()) throw FlowError{where + ": \"attributes\" must be an object"};
+    TagList tags;
+    for (const auto& [key, value] : attributes.items()) {
+      std::vector<uint8_t> id;
+      if (key.size() != 10 || key.compare(0, 2, "0x") != 0 || !Unhex(key.substr(2), id))
+        throw FlowError{where + ": attribute " + Quoted(key) + " is not an id such as \"0x100000C8\""};
+      if (!value.is_number() || value.get<double>() < 0 || value.get<double>() > 4294967295.0 ||
+          value.get<double>() != std::floor(value.get<double>()))
+        throw FlowError{where + ": attribute " + Quoted(key) + " must be a whole number from 0 to 4294967295"};
+      tags.Add(Tag(uint32_t(id[0]) << 24 | uint32_t(id[1]) << 16 | uint32_t(id[2]) << 8 | id[3],
+                   uint32_t(value.get<double>())));
+    }
+    return tags;
   }
 
   // The bytes of a tool's own fields from their readable form, {"name": value or [values]}.
@@ -772,6 +798,7 @@ class TextFlowWriter {
     } else if (const Json data = OwnFields(op); !data.is_null()) {
       tool["data"] = data;
     }
+    if (const Json attributes = UnusualAttributes(op); !attributes.is_null()) tool["attributes"] = attributes;
     return tool;
   }
 
@@ -857,22 +884,59 @@ class TextFlowWriter {
     return nullptr;
   }
 
-  // The bytes a tool's record holds between the base record and its end: by name where the
-  // tool lays its fields out, else as hexadecimal. Null when there are none. The base record
-  // ends with the attributes the tool kept: a count, then two words each.
-  static Json OwnFields(Operator* op) {
+  // A tool's saved record split at the end of its base record, which closes with the attributes
+  // the tool kept (a count, then id and value words): those attributes, and the tool's own
+  // fields up to the record's end.
+  struct RecordParts {
+    std::vector<std::pair<uint32_t, uint32_t>> attributes;
+    std::vector<uint8_t> fields;
+  };
+  static RecordParts SplitRecord(Operator* op) {
     CArchive whole, base;
     op->Save(&whole, nullptr);
     op->Operator::Save(&base, nullptr);
+    const std::vector<uint8_t>& bytes = whole.Bytes();
     const size_t kept_at = base.Bytes().size();  // after the class id and the count word
-    if (whole.Bytes().size() < kept_at + 8) return nullptr;
-    uint32_t kept = 0;
-    std::memcpy(&kept, whole.Bytes().data() + kept_at, 4);
-    const size_t begin = kept_at + 4 + 8 * size_t(kept), end = whole.Bytes().size() - 8;
-    if (end <= begin) return nullptr;
-    const std::vector<uint8_t> bytes(whole.Bytes().begin() + long(begin), whole.Bytes().begin() + long(end));
+    RecordParts parts;
+    if (bytes.size() < kept_at + 8) return parts;
+    const auto word = [&bytes](size_t at) {
+      uint32_t w = 0;
+      std::memcpy(&w, bytes.data() + at, 4);
+      return w;
+    };
+    const size_t kept = word(kept_at), begin = kept_at + 4 + 8 * kept, end = bytes.size() - 8;
+    for (size_t i = 0; i < kept && kept_at + 12 + 8 * i <= bytes.size(); ++i)
+      parts.attributes.push_back({word(kept_at + 4 + 8 * i), word(kept_at + 8 + 8 * i)});
+    if (end > begin) parts.fields.assign(bytes.begin() + long(begin), bytes.begin() + long(end));
+    return parts;
+  }
+
+  // The bytes a tool's record holds after the base record: by name where the tool lays its
+  // fields out, else as hexadecimal. Null when there are none.
+  static Json OwnFields(Operator* op) {
+    const std::vector<uint8_t> bytes = SplitRecord(op).fields;
+    if (bytes.empty()) return nullptr;
     if (Json named = NamedFields(op->DataLayout(), bytes); !named.is_null()) return named;
     return Hex(bytes.data(), bytes.size());
+  }
+
+  // The attributes a tool keeps that a new tool of its class would not, {"0x100000C8": value}
+  // (the Luma Keyer of an old flow, whose check box is "Vert"); null when there are none.
+  static Json UnusualAttributes(Operator* op) {
+    const auto kept = SplitRecord(op).attributes;
+    if (kept.empty()) return nullptr;
+    Ref<Object> fresh = Ref<Object>::Adopt(op->Class()->Create(nullptr, nullptr));
+    auto* usual_op = dynamic_cast<Operator*>(fresh.get());
+    const auto usual = usual_op ? SplitRecord(usual_op).attributes : decltype(kept){};
+    Json out = Json::object();
+    for (const auto& [id, value] : kept) {
+      if (std::find(usual.begin(), usual.end(), std::pair{id, value}) != usual.end()) continue;
+      const uint8_t be[4] = {uint8_t(id >> 24), uint8_t(id >> 16), uint8_t(id >> 8), uint8_t(id)};
+      std::string key = Hex(be, 4);
+      for (char& c : key) c = char(std::toupper(c));
+      out["0x" + key] = value;
+    }
+    return out.empty() ? Json() : out;
   }
 
   // Fields by name, {"name": value or [values]}; null when the bytes do not fit the layout.

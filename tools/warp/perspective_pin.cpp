@@ -103,7 +103,7 @@ class PerspectivePin final : public CornerTool<kClassId> {
     auto* src = dynamic_cast<Image*>(req->GetInputData(in_[CornerImage]));
     if (!src) return req->SetOutputData(image_out_, nullptr);
     // The sampling reads whole pixel words: a mask goes through as a grey image.
-    const Image* source = src->Depth() == 32 ? src : src->CopyOfImage2(req);
+    const Image* source = module::ColourImage(req, src);
     PerspectiveRender& r = render_;
     r.src = source;
     r.out = NewImage(req, source);

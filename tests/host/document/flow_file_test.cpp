@@ -250,7 +250,11 @@ TEST_F(FlowFileTest, AWrongFlowIsRefusedWithOneMessage) {
                                        {"class": "TestRamp", "name": "Ramp1", "inputs": {"Speed": 1}}}}})"),
        {R"(tool "Ramp1": no input "Speed" (valid: "Start", "Rate"))"}},
       {"unknown tool key", flow(R"("Saver1": {"class": "Saver", "input": {}})"),
-       {R"(tool "Saver1": unknown key "input" (valid: class, inputs, position, data))"}},
+       {R"(tool "Saver1": unknown key "input" (valid: class, inputs, position, data, attributes))"}},
+      {"attribute id", flow(R"("Luma1": {"class": "Threshold", "attributes": {"100000C8": 0}})"),
+       {R"(tool "Luma1": attribute "100000C8" is not an id such as "0x100000C8")"}},
+      {"attribute value", flow(R"("Luma1": {"class": "Threshold", "attributes": {"0x100000C8": -1}})"),
+       {R"(tool "Luma1": attribute "0x100000C8" must be a whole number from 0 to 4294967295)"}},
       {"bad data", flow(R"("Shape1": {"class": "TestShape", "data": "0g"})"), {R"(tool "Shape1": "data")", "hexadecimal"}},
       {"bad JSON", R"({"kestrion": 1, "tools": {"Saver1": {"class": "Saver",}}})", {"not valid JSON", "line 1"}},
       {"not a flow", R"({"tools": {}})", {R"("kestrion": 1 is missing)"}},
@@ -310,6 +314,26 @@ TEST_F(FlowFileTest, FlowsSurviveSavingAsTextAndAsDocuments) {
   auto from_json = LoadFlowFile(json.string(), &err);
   ASSERT_NE(from_json, nullptr) << err.message;
   EXPECT_EQ(SaveTextFlow(*from_json), text);
+}
+
+// A Luma Keyer of an old flow, its check box "Vert", keeps that through text; a new one writes
+// no attributes.
+TEST_F(FlowFileTest, AttributesAToolKeepsSurviveText) {
+  HostError err;
+  auto doc = Load(R"({"kestrion": 1, "tools": {"Old": {"class": "Threshold", "attributes": {"0x100000C8": 0},
+                                                       "inputs": {"Vert": 1}},
+                                               "New": {"class": "Threshold"}}})",
+                  &err);
+  ASSERT_NE(doc, nullptr) << err.message;
+  const std::string text = SaveTextFlow(*doc);
+  EXPECT_EQ(text.find("\"attributes\""), text.rfind("\"attributes\"")) << text;
+  auto again = Load(text, &err);
+  ASSERT_NE(again, nullptr) << err.message;
+  EXPECT_EQ(SaveTextFlow(*again), text);
+  const uint32_t check_box = 0x74766EC9;
+  EXPECT_EQ(again->FindTool("Old")->FindInput(check_box)->Name(), "Vert");
+  EXPECT_EQ(CurrentNumber(again->FindTool("Old")->FindInput(check_box)), 1.0);
+  EXPECT_EQ(again->FindTool("New")->FindInput(check_box)->Name(), "Invert");
 }
 
 TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
