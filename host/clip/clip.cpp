@@ -63,8 +63,9 @@ bool AllDigits(const std::string& s) {
 
 std::atomic<unsigned> g_temp_counter{0};
 
-// The folder of the flow file being loaded on this thread, while a ClipFolderScope is open.
-thread_local const std::string* t_loading_folder = nullptr;
+// The folder of the flow file being loaded or saved on this thread, while a ClipFolderScope is
+// open.
+thread_local const std::string* t_flow_folder = nullptr;
 
 // ThreadSanitizer cannot follow the codec library's own worker threads (that library is not
 // instrumented), so under it the codecs do their work on the calling thread.
@@ -334,14 +335,25 @@ ClipParameter::ClipParameter(std::string name, std::string base_folder)
 Parameter* ClipParameter::Copy() const { return new ClipParameter(name_, base_folder_); }
 
 void ClipParameter::Save(CArchive& ar) const {
-  ar.WriteString(name_);
-  ar.WriteString(base_folder_);
+  ar.WriteString(SavedName());
+  ar.WriteString(t_flow_folder ? *t_flow_folder : base_folder_);
+}
+
+std::string ClipParameter::SavedName() const {
+  if (!t_flow_folder || name_.empty() || fs::path(name_).is_absolute()) return name_;
+  std::error_code ec;
+  const fs::path from = fs::absolute(t_flow_folder->empty() ? "." : *t_flow_folder, ec).lexically_normal();
+  const fs::path base = fs::absolute(base_folder_.empty() ? "." : base_folder_, ec).lexically_normal();
+  if (ec || from == base) return name_;
+  const fs::path target = (base / name_).lexically_normal();
+  const fs::path relative = target.lexically_relative(from);
+  return relative.empty() ? target.string() : relative.string();
 }
 
 Parameter* ClipParameter::Load(CArchive& ar) {
   std::string name = ar.ReadText();
   std::string base = ar.ReadText();
-  if (t_loading_folder) base = *t_loading_folder;
+  if (t_flow_folder) base = *t_flow_folder;
   return new ClipParameter(std::move(name), std::move(base));
 }
 
@@ -605,10 +617,10 @@ void FrameWriter::Run() {
   }
 }
 
-ClipFolderScope::ClipFolderScope(std::string folder) { t_loading_folder = new std::string(std::move(folder)); }
+ClipFolderScope::ClipFolderScope(std::string folder) { t_flow_folder = new std::string(std::move(folder)); }
 ClipFolderScope::~ClipFolderScope() {
-  delete t_loading_folder;
-  t_loading_folder = nullptr;
+  delete t_flow_folder;
+  t_flow_folder = nullptr;
 }
 
 void ClipParameter::SetCompression(const std::string& extension, int level) {

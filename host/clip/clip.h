@@ -88,6 +88,10 @@ class ClipParameter final : public Parameter {
 
   const std::string& Name() const { return name_; }
   const std::string& BaseFolder() const { return base_folder_; }
+  // The name as a flow file being saved holds it: inside a ClipFolderScope a relative name is
+  // made relative to that folder (absolute where no relative path leads there), so the saved
+  // flow still finds the same files.
+  std::string SavedName() const;
   // The name with a relative path resolved.
   std::string Path() const;
   bool IsSequence() const { return width_ > 0; }
@@ -133,8 +137,9 @@ class ClipParameter final : public Parameter {
   std::string last_error_;
 };
 
-// While a flow document loads, the relative clip names in it are taken from the folder of its
-// file (not the folder it was saved from). One scope at a time per thread.
+// While a flow file loads, the relative clip names in it are taken from the folder of its file
+// (not the folder it was saved from); while one is saved, they are written relative to the
+// folder of the new file. One scope at a time per thread.
 class ClipFolderScope {
  public:
   explicit ClipFolderScope(std::string folder);

@@ -879,7 +879,7 @@ class TextFlowWriter {
     if (auto* n = dynamic_cast<const kestrion::Number*>(&p)) return n->value;
     if (auto* pt = dynamic_cast<const Point*>(&p)) return {FloatJson(pt->x), FloatJson(pt->y)};
     if (auto* t = dynamic_cast<const Text*>(&p)) return t->text;
-    if (auto* c = dynamic_cast<const ClipParameter*>(&p)) return c->Name();
+    if (auto* c = dynamic_cast<const ClipParameter*>(&p)) return c->SavedName();
     if (auto* l = dynamic_cast<const LookUpTable*>(&p)) return l->entries;
     return nullptr;
   }
@@ -1034,6 +1034,7 @@ std::unique_ptr<CPipelineDoc> LoadFlowFile(const std::string& path, HostError* e
 
 bool SaveFlowFile(const CPipelineDoc& doc, const std::string& path, HostError* err) {
   const std::string ext = Extension(path);
+  ClipFolderScope folder(FolderOf(path));
   if (ext == ".kfl") return doc.SaveFile(path, err);
   if (ext != ".json") {
     if (err) err->message = "'" + path + "': a flow file ends in .json or .kfl";

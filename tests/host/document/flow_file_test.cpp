@@ -336,6 +336,40 @@ TEST_F(FlowFileTest, AttributesAToolKeepsSurviveText) {
   EXPECT_EQ(again->FindTool("New")->FindInput(check_box)->Name(), "Invert");
 }
 
+// A flow saved into another folder still reads and writes the same files: its relative clip
+// names are written from the new folder; saved beside the old file they stay as they are.
+TEST_F(FlowFileTest, FlowsSavedElsewhereKeepTheirClips) {
+  const fs::path root = dir_.path();
+  fs::create_directories(root / "shot" / "media");
+  fs::create_directories(root / "elsewhere" / "deeper");
+  WriteBytes((root / "shot" / "flow.json").string(), R"({"kestrion": 1, "tools": {
+      "Loader1": {"class": "Loader", "inputs": {"Filename": "media/plate.####.png"}},
+      "Saver1": {"class": "Saver", "inputs": {"Filename": "/abs/out.####.png", "Image": "Loader1"}}}})");
+  HostError err;
+  auto doc = LoadFlowFile((root / "shot" / "flow.json").string(), &err);
+  ASSERT_NE(doc, nullptr) << err.message;
+  const auto clip = [](const CPipelineDoc& d, const char* tool) {
+    return dynamic_cast<const ClipParameter*>(d.FindTool(tool)->FindInput(FourCC("File"))->Constant());
+  };
+  const std::string plate = fs::absolute(clip(*doc, "Loader1")->Path()).lexically_normal().string();
+  const struct {
+    fs::path path;
+    const char* name;
+  } cases[] = {
+      {root / "shot" / "again.json", "media/plate.####.png"},
+      {root / "elsewhere" / "deeper" / "flow.json", "../../shot/media/plate.####.png"},
+      {root / "elsewhere" / "flow.kfl", "../shot/media/plate.####.png"},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(SaveFlowFile(*doc, c.path.string(), &err)) << err.message;
+    auto again = LoadFlowFile(c.path.string(), &err);
+    ASSERT_NE(again, nullptr) << err.message;
+    EXPECT_EQ(clip(*again, "Loader1")->Name(), c.name) << c.path;
+    EXPECT_EQ(fs::absolute(clip(*again, "Loader1")->Path()).lexically_normal().string(), plate) << c.path;
+    EXPECT_EQ(clip(*again, "Saver1")->Name(), "/abs/out.####.png") << c.path;
+  }
+}
+
 TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
   WriteBytes(dir_ / "flow.txt", "{\"kestrion\": 1}");
   WriteBytes(dir_ / "broken.json", "{\"kestrion\": 1, \"tools\": {\"X\": {\"class\": \"Nope\"}}}");
