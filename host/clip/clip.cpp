@@ -286,6 +286,15 @@ Image* ReadWithCodecLibrary(const std::string& path, std::string* why) {
     img->Recycle();
     return nullptr;
   }
+  // Converting the samples, the codec library sets aside 256 of the file's rows whatever the rows
+  // asked for; that buffer is held to the same bound.
+  if (uint64_t(layout.scanline_bytes(true)) * 256 > 4 * uint64_t(Image::SizeLimit())) {
+    *why = "its rows take " + std::to_string(layout.scanline_bytes(true)) +
+           " bytes each, and the codec library converts 256 rows at a time: more than the image size limit of " +
+           std::to_string(Image::SizeLimit()) + " bytes allows";
+    img->Recycle();
+    return nullptr;
+  }
   // The first four channels are read: colour from the first three, or grey from the first.
   const int channels = std::min(layout.nchannels, 4);
   const int alpha = layout.alpha_channel >= 0 && layout.alpha_channel < 4 ? layout.alpha_channel

@@ -351,6 +351,10 @@ TEST_F(ClipTest, OversizedHeadersTakeNoMoreThanTheSizeLimit) {
   constexpr size_t kLimit = size_t(64) << 20, kMargin = size_t(32) << 20;
   std::vector<DamagedFrame> frames = DamagedFrames(dir_);
   frames.push_back({"limit.png", PngHeaderOnly(4096, 4096), "Not enough image data"});
+  // Found by fuzzing: a frame within the limit whose rows are so wide that the codec library's
+  // buffer of 256 of them is not.
+  frames.push_back({"wide.exr", ExrWith(WrittenFrame(dir_ / "small.exr", 2, 2), "dataWindow", {0, 0, 199999, 0}),
+                    "256 rows at a time"});
   for (const DamagedFrame& frame : frames) WriteBytes(dir_ / frame.name, frame.bytes);
   const auto read_all_within_the_limit = [&] {
     OIIO::attribute("threads", 1);
