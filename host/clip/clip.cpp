@@ -102,11 +102,11 @@ bool WriteAtomically(const std::string& path, const ImageSpec& layout, const std
   std::vector<unsigned char> encoded;
   OIIO::Filesystem::IOVecOutput memory(encoded);
   OIIO::Filesystem::IOProxy* proxy = &memory;
-  ImageSpec spec = layout;
+  ImageSpec written = layout;
   const bool in_memory = out->supports("ioproxy");
-  if (in_memory) spec.attribute("oiio:ioproxy", TypeDesc::PTR, &proxy);
+  if (in_memory) written.attribute("oiio:ioproxy", TypeDesc::PTR, &proxy);
   errno = 0;
-  bool ok = out->open(temp, spec) && out->write_image(TypeDesc::UINT8, pixels.data()) && out->close();
+  bool ok = out->open(temp, written) && out->write_image(TypeDesc::UINT8, pixels.data()) && out->close();
   const int saved_errno = errno;
   if (!ok) {
     std::string why = out->geterror();
