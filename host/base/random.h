@@ -4,7 +4,9 @@
 // with crt_rand_take and jumps each thread to its place in the run with CrtSteps.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace kestrion {
 
@@ -35,6 +37,24 @@ struct CrtSteps {
     for (; n != 0; n >>= 1, power = power.Then(power))
       if (n & 1) result = result.Then(power);
     return result;
+  }
+};
+
+// The maps from a row's first state to each of its draws, one draw per pixel: draw x of a row
+// that starts at state s comes from s * multiplier[x] + increment[x] (x + 1 steps). Kept
+// between renders, so a render allocates nothing once the width is reached.
+struct CrtRowSteps {
+  std::vector<uint32_t> multiplier, increment;
+
+  void Prepare(size_t width) {
+    multiplier.resize(width);
+    increment.resize(width);
+    CrtSteps steps;
+    for (size_t x = 0; x < width; ++x) {
+      steps = steps.Then(CrtSteps::Of(1));
+      multiplier[x] = steps.multiplier;
+      increment[x] = steps.increment;
+    }
   }
 };
 

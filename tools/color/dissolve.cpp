@@ -41,10 +41,7 @@ struct DissolveRender {
   int threshold = 1;         // the random operations take the foreground where the draw is below it
   uint32_t first_state = 0;  // the generator's state before the render's first draw
   CrtSteps row_steps;        // one row of draws
-  // Draw x of a row comes from the state state * draw_multiplier[x] + draw_increment[x]: the
-  // state before the row moved on x + 1 steps. Kept between renders so a render allocates
-  // nothing once the width is reached.
-  std::vector<uint32_t> draw_multiplier, draw_increment;
+  CrtRowSteps draws;         // from a row's first state to each of its draws
 };
 
 // --- row kernels ---
@@ -117,8 +114,8 @@ void ErodeRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, co
 
 void RandomRow(const uint32_t* f, const uint32_t* b, uint32_t* out, int count, const DissolveRender& d,
                uint32_t state) {
-  const uint32_t* multiplier = d.draw_multiplier.data();
-  const uint32_t* increment = d.draw_increment.data();
+  const uint32_t* multiplier = d.draws.multiplier.data();
+  const uint32_t* increment = d.draws.increment.data();
   const int threshold = d.threshold;
   for (int x = 0; x < count; ++x)
     out[x] = CrtDraw(state * multiplier[x] + increment[x]) < threshold ? f[x] : b[x];
@@ -211,14 +208,7 @@ class Dissolve final : public ThreadedOperator {
   static void PrepareDraws(DissolveRender& d) {
     d.first_state = crt_rand_take(uint64_t(d.width) * uint64_t(d.height));
     d.row_steps = CrtSteps::Of(uint64_t(d.width));
-    d.draw_multiplier.resize(size_t(d.width));
-    d.draw_increment.resize(size_t(d.width));
-    CrtSteps steps;
-    for (size_t x = 0; x < size_t(d.width); ++x) {
-      steps = steps.Then(CrtSteps::Of(1));
-      d.draw_multiplier[x] = steps.multiplier;
-      d.draw_increment[x] = steps.increment;
-    }
+    d.draws.Prepare(size_t(d.width));
   }
 
   // The value that seeds "Random": fixed for the tool's life (taken at its first render) so the

@@ -85,10 +85,10 @@ struct FilterRender {
   std::vector<std::pair<int, int>> network;
   // Defocus: the ring's offsets.
   std::vector<std::pair<int, int>> ring;
-  // Noise and Grain: draw x of a row comes from state * draw_multiplier[x] + draw_increment[x],
-  // the state before the row's first draw; the state before the render's first draw.
+  // Noise and Grain: the state before the render's first draw, and the maps from a row's first
+  // state to each of its draws.
   uint32_t first_state = 0;
-  std::vector<uint32_t> draw_multiplier, draw_increment;
+  CrtRowSteps draws;
 };
 
 // A band's row buffers.
@@ -253,8 +253,8 @@ std::vector<std::pair<int, int>> SelectionNetwork(int n, int rank) {
 // One draw per pixel of the row, in order: q = 0 .. 32767.
 void RowDraws(const FilterRender& t, int y, int32_t* q) {
   const uint32_t state = CrtSteps::Of(uint64_t(y) * uint64_t(t.width)).Apply(t.first_state);
-  const uint32_t* multiplier = t.draw_multiplier.data();
-  const uint32_t* increment = t.draw_increment.data();
+  const uint32_t* multiplier = t.draws.multiplier.data();
+  const uint32_t* increment = t.draws.increment.data();
   for (int x = 0; x < t.width; ++x) q[x] = CrtDraw(state * multiplier[x] + increment[x]);
 }
 
@@ -442,14 +442,7 @@ class Filter final : public filter::FilterTool<kClassId, kInputCount> {
   static void PrepareDraws(FilterRender& t, int effect, double time) {
     crt_srand(uint32_t(module::TruncToInt(time)));
     t.first_state = crt_rand_take(uint64_t(t.width) * uint64_t(t.height));
-    t.draw_multiplier.resize(size_t(t.width));
-    t.draw_increment.resize(size_t(t.width));
-    CrtSteps steps;
-    for (size_t x = 0; x < size_t(t.width); ++x) {
-      steps = steps.Then(CrtSteps::Of(1));
-      t.draw_multiplier[x] = steps.multiplier;
-      t.draw_increment[x] = steps.increment;
-    }
+    t.draws.Prepare(size_t(t.width));
     t.kernel = effect == Noise ? &NoiseRow<false> : &NoiseRow<true>;
   }
 
