@@ -24,21 +24,6 @@ class ChannelBooleansTest : public ColorToolTest {
   }
 };
 
-TEST_F(ChannelBooleansTest, Inputs) {
-  const std::vector<std::string> ch = {"Red", "Green", "Blue", "Alpha", "Pass Through"};
-  ExpectInputs(*Tool("BoolImg"),
-               {{"Operation", vtype::Number, FourCC("Type"), 0.0,
-                 {"Copy", "Add", "Subtract", "And", "Or", "Exclusive Or", "Multiply", "Divide", "Maximum", "Minimum",
-                  "Copy & Invert", "Solid", "Clear", "Difference", "Signed Add"}},
-                {"Blend", vtype::Number, 0x646E6CC2, 1.0},
-                {"Red", vtype::Number, FourCC("RdMd"), 0.0, ch},
-                {"Green", vtype::Number, FourCC("GnMd"), 1.0, ch},
-                {"Blue", vtype::Number, FourCC("BlMd"), 2.0, ch},
-                {"Alpha", vtype::Number, FourCC("AlMd"), 3.0, ch},
-                {"Image", vtype::Image, ImageInputId(1), kNoDefault},
-                {"Foreground", vtype::Image, ImageInputId(2), kNoDefault, {}, true}});
-}
-
 // (f, p) per channel: blue (0, 77), green (200, 100), red (100, 200), alpha (128, 200).
 constexpr Pixel F{0, 200, 100, 128}, B{77, 100, 200, 200};
 

@@ -26,43 +26,11 @@ namespace test {
 
 using test_tools::Picture;
 using test_tools::PictureClass;
-constexpr double kNoDefault = __builtin_nan("");
 
 inline std::vector<Pixel> Pixels(const Image& img) {
   std::vector<Pixel> out;
   for (uint32_t w : Words(img)) out.push_back(Pixel::FromWord(w));
   return out;
-}
-
-// One input as `kestrion describe` shows it; a NaN default is not checked.
-struct InputFacts {
-  std::string label;
-  uint32_t type, id;
-  double default_value;
-  std::vector<std::string> entries = {};
-  bool optional = false;
-};
-
-// The inputs in declaration order, then the one image output.
-inline void ExpectInputs(const Operator& op, const std::vector<InputFacts>& facts) {
-  ASSERT_EQ(op.Inputs().size(), facts.size());
-  for (size_t i = 0; i < facts.size(); ++i) {
-    const Input& in = *op.Inputs()[i];
-    const InputFacts& f = facts[i];
-    SCOPED_TRACE("input \"" + f.label + "\"");
-    EXPECT_EQ(in.Name(), f.label);
-    EXPECT_EQ(in.Type(), f.type);
-    EXPECT_EQ(in.Id(), f.id);
-    if (f.default_value == f.default_value) {
-      EXPECT_EQ(in.GetAttrD(in::Default, -1.0), f.default_value);
-    }
-    const std::vector<const char*> entries = in.Tags().GetStrings(in::ListEntry);
-    EXPECT_EQ(std::vector<std::string>(entries.begin(), entries.end()), f.entries);
-    EXPECT_EQ(in.IsOptional(), f.optional);
-  }
-  ASSERT_EQ(op.Outputs().size(), 1u);
-  EXPECT_EQ(op.Outputs()[0]->Name(), "Image");
-  EXPECT_EQ(op.Outputs()[0]->Id(), ImageOutputId(1));
 }
 
 class ColorToolTest : public ::testing::Test {

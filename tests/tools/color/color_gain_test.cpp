@@ -12,25 +12,6 @@ namespace {
 
 using ColorGainTest = ColorToolTest;
 
-TEST_F(ColorGainTest, Inputs) {
-  std::vector<InputFacts> facts;
-  for (const auto& [label, id] : std::vector<std::pair<const char*, uint32_t>>{
-           {"Gain Red", 0x764C64D2}, {"Gain Green", 0x764C6EC7}, {"Gain Blue", 0x764C6CC2},
-           {"Gain Alpha", 0x764C6CC1}, {"Gamma Red", FourCC("RdGm")}, {"Gamma Green", FourCC("GnGm")},
-           {"Gamma Blue", FourCC("BlGm")}, {"Gamma Alpha", FourCC("AlGm")}, {"Saturation Red", FourCC("RdSt")},
-           {"Saturation Green", FourCC("GnSt")}, {"Saturation Blue", FourCC("BlSt")}})
-    facts.push_back({label, vtype::Number, id, 1.0});
-  facts.push_back({"Image", vtype::Image, ImageInputId(1), kNoDefault});
-  Operator* gain = Tool("ColorGain");
-  ASSERT_NO_FATAL_FAILURE(ExpectInputs(*gain, facts));
-  for (size_t i = 0; i < 11; ++i) {
-    const Input& in = *gain->Inputs()[i];
-    EXPECT_EQ((std::tuple{in.GetAttrD(in::Lowest, -1), in.GetAttrD(in::SliderHigh), in.GetAttrI(in::Steps)}),
-              (std::tuple{0.0, 5.0, 100u}))
-        << in.Name();
-  }
-}
-
 // The pixel (blue 20, green 100, red 200, alpha 128); its luminance
 // (19595*200 + 38470*100 + 7471*20) >> 16 is 120.
 TEST_F(ColorGainTest, GainGammaSaturation) {

@@ -11,12 +11,6 @@ namespace {
 
 using ColorSpaceTest = ColorToolTest;
 
-TEST_F(ColorSpaceTest, Inputs) {
-  ExpectInputs(*Tool("ColorSpace"), {{"Color Space Conversion", vtype::Number, FourCC("CSpc"), 0.0,
-                                      {"No Change", "RGB to HLS", "HLS TO RGB", "RGB to YUV", "YUV TO RGB"}},
-                                     {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // Pixels are (blue, green, red, alpha).
 TEST_F(ColorSpaceTest, Conversions) {
   const struct {

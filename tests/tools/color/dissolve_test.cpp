@@ -30,15 +30,6 @@ std::vector<bool> Pattern(uint32_t seed, int count, int k) {
   return out;
 }
 
-TEST_F(DissolveTest, Inputs) {
-  ExpectInputs(*Tool("Dissolve"),
-               {{"Operation", vtype::Number, FourCC("Type"), 0.0,
-                 {"Dissolve", "Additive Mix", "Erode", "Random", "Random Noise"}},
-                {kMix, vtype::Number, 0x646E6CC2, 1.0},
-                {"Image", vtype::Image, ImageInputId(1), kNoDefault, {}, true},
-                {"Foreground", vtype::Image, ImageInputId(2), kNoDefault, {}, true}});
-}
-
 constexpr Pixel F{200, 100, 10, 255}, B{10, 50, 100, 200}, Black{0, 0, 0, 255};
 
 // Mix 0.3: m = 9830 (truncated, not 9831), n = 22938. Mix 2: m = 65536, n = -32768, so blue

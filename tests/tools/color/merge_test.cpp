@@ -18,16 +18,6 @@ namespace {
 const std::string kAdditive = "Subtractive" + std::string(36, ' ') + "Additive";
 using MergeTest = ColorToolTest;
 
-TEST_F(MergeTest, Inputs) {
-  ExpectInputs(*Tool("Merge"), {{"Center", vtype::Point, 0x746E65C3, kNoDefault},
-                                {"Size", vtype::Number, 0x657A69D3, 1.0},
-                                {"Angle", vtype::Number, 0x6C676EC1, 0.0},
-                                {kAdditive, vtype::Number, FourCC("AdSb"), 0.0},
-                                {"Alpha Gain", vtype::Number, FourCC("AlGn"), 1.0},
-                                {"Image", vtype::Image, ImageInputId(1), kNoDefault},
-                                {"Foreground", vtype::Image, ImageInputId(2), kNoDefault, {}, true}});
-}
-
 constexpr Pixel P{100, 150, 250, 200};  // the background everywhere
 constexpr Pixel F0{10, 20, 30, 255}, F1{40, 50, 60, 0}, F2{200, 100, 50, 128};
 constexpr Pixel G0{10, 10, 10, 255}, G1{51, 51, 51, 255};

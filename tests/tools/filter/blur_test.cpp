@@ -24,18 +24,6 @@ class BlurTest : public FilterToolTest {
   }
 };
 
-TEST_F(BlurTest, Inputs) {
-  ExpectInputs(*Tool("Blur"), {{"Filter", vtype::Number, FourCC("FlMd"), 0.0,
-                                {"Soften", "Box Blur", "Bartlett", "Box Blur", "Sharpen"}},
-                               {"Red", vtype::Number, 0x684364D2, 1.0},
-                               {"Green", vtype::Number, 0x68436EC7, 1.0},
-                               {"Blue", vtype::Number, 0x68436CC2, 1.0},
-                               {"Alpha", vtype::Number, 0x68436CC1, 1.0},
-                               {"Blur Size", vtype::Number, FourCC("Blur"), 1.0},
-                               {"Blend", vtype::Number, 0x646E6CC2, 1.0},
-                               {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // One-row images: every row of the kernel reads the same row.
 struct HandRow {
   const char* name;

@@ -20,27 +20,18 @@ class CustomFilterTest : public FilterToolTest {
   }
 };
 
-TEST_F(CustomFilterTest, InputsAndTheDefaultMatrix) {
-  Operator* op = Tool("UserFilter");
-  ExpectInputs(*op, {{"Red", vtype::Number, 0x684364D2, 1.0},
-                     {"Green", vtype::Number, 0x68436EC7, 1.0},
-                     {"Blue", vtype::Number, 0x68436CC2, 1.0},
-                     {"Alpha", vtype::Number, 0x68436CC1, 1.0},
-                     {"Matrix", FourCC("LUT!"), FourCC("Matr"), kNoDefault},
-                     {"Normalize", vtype::Number, FourCC("Norm"), 0.0},
-                     {"Floor level", vtype::Number, FourCC("Flor"), 0.0},
-                     {"Blend", vtype::Number, 0x646E6CC2, 1.0},
-                     {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
+// The default 3 x 3 mean, S / 9. Rows (each of one value) 0, 0, 90, 0: the three rows above
+// repeat row 2, so row 0 takes a third of it; the corner pixels also read a clear corner of
+// the padding.
+// A new tool's matrix is the 3 x 3 identity: size code 0, the centre weight 9 of nine.
+TEST_F(CustomFilterTest, TheDefaultMatrixIsTheIdentity) {
   std::vector<uint16_t> expected(54, 1);
   expected[0] = 0;
   expected[2] = 9;
   expected[1] = expected[3] = expected[4] = 0;
-  EXPECT_EQ(In(op, "Matrix")->ValueAs<LookUpTable>()->entries, expected);
+  EXPECT_EQ(In(Tool("UserFilter"), "Matrix")->ValueAs<LookUpTable>()->entries, expected);
 }
 
-// The default 3 x 3 mean, S / 9. Rows (each of one value) 0, 0, 90, 0: the three rows above
-// repeat row 2, so row 0 takes a third of it; the corner pixels also read a clear corner of
-// the padding.
 TEST_F(CustomFilterTest, PaddingRepeatsRowTwoAndLeavesCornersClear) {
   const std::vector<int> rows = {0, 0, 0, 0, 0, 0, 90, 90, 90, 0, 0, 0};
   EXPECT_EQ(RenderPixels(Custom(Source(3, 4, Greys(rows)))), Greys({20, 30, 20, 30, 30, 30, 30, 30, 30, 30, 30, 30}));

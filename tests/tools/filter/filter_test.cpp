@@ -28,21 +28,6 @@ class FilterTest : public FilterToolTest {
   }
 };
 
-TEST_F(FilterTest, Inputs) {
-  ExpectInputs(*Tool("Filter"),
-               {{"FilterType", vtype::Number, FourCC("Type"), 0.0,
-                 {"Relief", "Emboss Over", "Median", "Noise", "Defocus", "Sobel", "Laplacian", "Grain"}},
-                {"Red", vtype::Number, 0x684364D2, 1.0},
-                {"Green", vtype::Number, 0x68436EC7, 1.0},
-                {"Blue", vtype::Number, 0x68436CC2, 1.0},
-                {"Alpha", vtype::Number, 0x68436CC1, 1.0},
-                {"Power", vtype::Number, 0x6E7274D3, 1.0},
-                {"Angle", vtype::Number, 0x6C676EC1, 45.0},
-                {"Median Point", vtype::Number, FourCC("MedP"), 0.5},
-                {"Blend", vtype::Number, 0x646E6CC2, 1.0},
-                {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // Row 10, 20, 40. Angle 0 reads F at x - 1 and K at x + 1; a column outside gives the pixel
 // itself, a row outside the current row. Relief: 256 P (F - K) + 32768; Emboss Over: + s.
 TEST_F(FilterTest, ShadingDirections) {

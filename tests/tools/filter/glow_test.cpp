@@ -21,19 +21,6 @@ class GlowTest : public FilterToolTest {
   }
 };
 
-TEST_F(GlowTest, Inputs) {
-  ExpectInputs(*Tool("Glow"), {{"Filter", vtype::Number, FourCC("Type"), 0.0,
-                                {"Glow Soften", "Glow Bartlet", "Glow Blend", "Glow Hilight", "Glow Solarise"}},
-                               {"Red", vtype::Number, 0x684364D2, 1.0},
-                               {"Green", vtype::Number, 0x68436EC7, 1.0},
-                               {"Blue", vtype::Number, 0x68436CC2, 1.0},
-                               {"Alpha", vtype::Number, 0x68436CC1, 1.0},
-                               {"Glow Size", vtype::Number, 0x6E7274D3, 10.0},
-                               {"Blend", vtype::Number, 0x646E6CC2, 0.2},
-                               {"Glow", vtype::Number, FourCC("Glow"), 0.8},
-                               {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // One pixel of 100, size 0.5 (r 0: boxes 3x3, 3x3, 5x1, 1x5, area 28), blend 0.2 (Bl 51),
 // glow 0.8 (G 204): N = 28 x 52 >> 8 = 5, h = 2800 / 5 = 560. The triangle of r 0 is the pixel
 // itself, N = max(52 >> 8, 1) = 1, h = 100. An unknown mode leaves the new frame clear.

@@ -22,15 +22,6 @@ class MotionBlurTest : public FilterToolTest {
   }
 };
 
-TEST_F(MotionBlurTest, Inputs) {
-  ExpectInputs(*Tool("MotionBlur"), {{"Type", vtype::Number, FourCC("Type"), 0.0, {"Linear", "Radial"}},
-                                     {"Edges", vtype::Number, FourCC("Edge"), 0.0, {"Duplicate", "Black"}},
-                                     {"Center", vtype::Point, 0x746E65C3, kNoDefault},
-                                     {"Length", vtype::Number, 0x657A69D3, 0.0},
-                                     {"Angle", vtype::Number, 0x6C676EC1, 0.0},
-                                     {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // Eight pixels, Length -0.5: L = 4, samples at k = 1, 2, 3 along (-cos 0, sin 0) = one pixel to
 // the left each; a positive Length turns them to the right. Duplicate leaves out the samples
 // past the edge; Black counts them as black.

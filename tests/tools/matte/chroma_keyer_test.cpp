@@ -14,23 +14,6 @@ namespace {
 
 using ChromaKeyerTest = ColorToolTest;
 
-TEST_F(ChromaKeyerTest, Inputs) {
-  std::vector<InputFacts> facts = RangeFacts();
-  const std::vector<InputFacts> rest = {
-      {"Soft Range", vtype::Number, FourCC("Soft"), kNoDefault},
-      {"Reset", vtype::Number, FourCC("Rst!"), kNoDefault},
-      {"Matte Blur", vtype::Number, 0x72756CC2, 0.0},
-      {"Matte Contrast", vtype::Number, 0x746E6FC3, 0.0},
-      {"Matte Gamma", vtype::Number, 0x616D61C7, 1.0},
-      {"Matte Halo", vtype::Number, FourCC("Halo"), 0.0},
-      {"Image", vtype::Image, ImageInputId(1), kNoDefault},
-  };
-  facts.insert(facts.end(), rest.begin(), rest.end());
-  Operator* chroma = Tool("ChromaKey");
-  ASSERT_NO_FATAL_FAILURE(ExpectInputs(*chroma, facts));
-  EXPECT_EQ(chroma->FindInput(0x616D61C7)->GetAttrD(in::Lowest, -1), 0.0) << "gamma may go down to 0";
-}
-
 TEST_F(ChromaKeyerTest, SoftKeyAndHalo) {
   const Pixel px{100, 150, 200, 255};
   const struct {

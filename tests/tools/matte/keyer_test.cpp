@@ -18,24 +18,6 @@ using KeyerTest = ColorToolTest;
 
 const Pixel kWarm{100, 150, 200, 255}, kBlue{200, 50, 100, 255}, kGreen{0, 255, 0, 255};
 
-TEST_F(KeyerTest, Inputs) {
-  std::vector<InputFacts> facts = RangeFacts();
-  const std::vector<InputFacts> rest = {
-      {"Color Background", vtype::Number, FourCC("BGCl"), kNoDefault, {"Blue", "Green"}},
-      {"Pre Matte Blur", vtype::Number, FourCC("PrBl"), 0.1},
-      {"Pre Matte Contrast", vtype::Number, FourCC("PrCn"), 0.0},
-      {"Reset", vtype::Number, FourCC("Rst!"), kNoDefault},
-      {"Matte Blur", vtype::Number, 0x72756CC2, 0.0},
-      {"Matte Contrast", vtype::Number, 0x746E6FC3, 0.0},
-      {"Matte Gamma", vtype::Number, 0x616D61C7, 1.0},
-      {"Matte Halo", vtype::Number, FourCC("Halo"), 0.0},
-      {"Halo Gamma", vtype::Number, FourCC("HlGm"), 1.0},
-      {"Image", vtype::Image, ImageInputId(1), kNoDefault},
-  };
-  facts.insert(facts.end(), rest.begin(), rest.end());
-  ASSERT_NO_FATAL_FAILURE(ExpectInputs(*Tool("Keyer"), facts));
-}
-
 struct KeyerCase {
   const char* what;
   Pixel in;

@@ -17,19 +17,6 @@ using LumaKeyerTest = ColorToolTest;
 
 const Pixel kPixel{100, 150, 200, 80};
 
-TEST_F(LumaKeyerTest, Inputs) {
-  ASSERT_NO_FATAL_FAILURE(ExpectInputs(*Tool("Threshold"), {
-      {"Channel", vtype::Number, 0x6E6168C3, 4.0, {"Blue", "Green", "Red", "Alpha", "Luminance"}},
-      {"Low", vtype::Number, 0x774C68D4, 0.0},
-      {"High", vtype::Number, 0x694868D4, 1.0},
-      {"Matte Blur", vtype::Number, 0x72756CC2, 0.0},
-      {"Matte Contrast", vtype::Number, 0x746E6FC3, 0.0},
-      {"Matte Gamma", vtype::Number, 0x616D61C7, 1.0},
-      {"Invert", vtype::Number, 0x74766EC9, 0.0},
-      {"Image", vtype::Image, ImageInputId(1), kNoDefault},
-  }));
-}
-
 TEST_F(LumaKeyerTest, EveryChannelWithAndWithoutInvert) {
   const struct {
     double channel;

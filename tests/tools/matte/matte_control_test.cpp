@@ -32,18 +32,6 @@ class MatteControlTest : public ColorToolTest {
   }
 };
 
-TEST_F(MatteControlTest, Inputs) {
-  ASSERT_NO_FATAL_FAILURE(ExpectInputs(*Tool("MatteControl"), {
-      {"Matte Blur", vtype::Number, 0x72756CC2, 0.0},
-      {"Matte Contrast", vtype::Number, 0x746E6FC3, 0.0},
-      {"Matte Gamma", vtype::Number, 0x616D61C7, 1.0},
-      {"Invert Matte", vtype::Number, 0x74766EC9, 0.0},
-      {"Garbage Matte", vtype::Number, FourCC("GMMd"), 0.0, {"Make Transparent", "Make Solid"}},
-      {"Garbage Matte", vtype::Mask, FourCC("GMat"), kNoDefault, {}, true},
-      {"Image", vtype::Image, ImageInputId(1), kNoDefault},
-  }));
-}
-
 // Amounts giving r = 0.5 (n 0, weights 512 and 512): 160 / 3 across three columns, 160 down one.
 TEST_F(MatteControlTest, BlurByHand) {
   const struct {

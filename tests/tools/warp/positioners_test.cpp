@@ -37,23 +37,6 @@ class PositionerTest : public WarpTest {
   }
 };
 
-TEST_F(PositionerTest, Inputs) {
-  const double defaults[4][2] = {{0.1, 0.1}, {0.9, 0.0}, {0.0, 0.7}, {1.0, 0.9}};
-  for (const char* tool : {"CornerPin", "PerspectivePin"}) {
-    SCOPED_TRACE(tool);
-    Operator* op = Tool(tool);
-    ExpectInputs(*op, {{"Top Left", vtype::Point, FourCC("TpLt"), kNoDefault},
-                       {"Top Right", vtype::Point, FourCC("TpRt"), kNoDefault},
-                       {"Bottom Left", vtype::Point, FourCC("BtLt"), kNoDefault},
-                       {"Bottom Right", vtype::Point, FourCC("BtRt"), kNoDefault},
-                       {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-    for (int i = 0; i < 4; ++i) {
-      EXPECT_EQ(op->Inputs()[size_t(i)]->GetAttrD(in::DefaultX), defaults[i][0]) << kCornerLabels[i];
-      EXPECT_EQ(op->Inputs()[size_t(i)]->GetAttrD(in::DefaultY), defaults[i][1]) << kCornerLabels[i];
-    }
-  }
-}
-
 // Quick renders on 8 x 8 coordinate sources, read by hand. Corner Positioner at the frame
 // corners: the nudges leave the positions a hair from whole pixels, which nearest sampling
 // reads as the pixel itself. In the rectangle from (2, 2) to (6, 6) each output pixel reads

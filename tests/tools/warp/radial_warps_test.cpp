@@ -15,32 +15,6 @@
 namespace kestrion::test {
 namespace {
 
-TEST_F(RadialWarpTest, Inputs) {
-  const uint32_t centre = 0x746E65C3, size = 0x657A69D3, angle = 0x6C676EC1;
-  ExpectInputs(*Tool("Drip"), {{"Shape", vtype::Number, FourCC("Shpe"), 0.0,
-                                {"Circular", "Square", "Random", "Horizontal", "Vertical", "Exponential", "Star", "Radial"}},
-                               {"Center", vtype::Point, centre, kNoDefault},
-                               {"Amplitude", vtype::Number, FourCC("Ampl"), 0.1},
-                               {"Dampening", vtype::Number, FourCC("Damp"), 0.0},
-                               {"Frequency", vtype::Number, FourCC("Freq"), 10.0},
-                               {"Phase", vtype::Number, FourCC("Phse"), 0.0},
-                               {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-  ExpectInputs(*Tool("Vortex"), {{"Center", vtype::Point, centre, kNoDefault},
-                                 {"Size", vtype::Number, size, 0.5},
-                                 {"Angle", vtype::Number, angle, 180.0},
-                                 {"Power", vtype::Number, FourCC("Powr"), 2.0},
-                                 {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-  ExpectInputs(*Tool("CoordSpace"), {{"Shape", vtype::Number, FourCC("CrdS"), 0.0,
-                                      {"Rectangular to Polar", "Polar to Rectangular"}},
-                                     {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-  ExpectInputs(*Tool("Dent"), {{"Type", vtype::Number, FourCC("Type"), 0.0,
-                                {"Dent 1", "Kaleidascope", "Dent 2", "Dent 3", "Cosine Dent", "Sine Dent"}},
-                               {"Center", vtype::Point, centre, kNoDefault},
-                               {"Size", vtype::Number, size, 0.5},
-                               {"Strength", vtype::Number, FourCC("Strn"), 1.0},
-                               {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // Settings at which a tool hands its input on as the very same image, and one at which Dent
 // still renders (size 0 with a strength copies every pixel into a new frame).
 TEST_F(RadialWarpTest, NeutralSettingsHandTheInputOn) {

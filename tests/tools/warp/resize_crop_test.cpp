@@ -38,19 +38,6 @@ class ResizeCropTest : public WarpTest {
   test_tools::SavedPrefs prefs_;
 };
 
-TEST_F(ResizeCropTest, Inputs) {
-  ExpectInputs(*Tool("Resize"), {{"Width", vtype::Number, 0x687464D7, 320.0},
-                                 {"Height", vtype::Number, 0x746867C8, 240.0},
-                                 {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-  PVidMode.width = 640;
-  PVidMode.height = 480;
-  ExpectInputs(*Tool("Crop"), {{"X Offset", vtype::Number, FourCC("XOff"), 0.0},
-                               {"Y Offset", vtype::Number, FourCC("YOff"), 0.0},
-                               {"X Size", vtype::Number, FourCC("XSiz"), 640.0},
-                               {"Y Size", vtype::Number, FourCC("YSiz"), 480.0},
-                               {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 TEST_F(ResizeCropTest, ResizeSizesAndAttributes) {
   const struct {
     const char* what;

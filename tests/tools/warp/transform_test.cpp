@@ -35,16 +35,6 @@ class TransformTest : public WarpTest {
   }
 };
 
-TEST_F(TransformTest, Inputs) {
-  ExpectInputs(*Tool("Transform"), {{"Flip Horiz", vtype::Number, FourCC("FlpH"), 0.0},
-                                    {"Flip Vert", vtype::Number, FourCC("FlpV"), 0.0},
-                                    {"Centre", vtype::Point, 0x746E65C3, kNoDefault},
-                                    {"Size", vtype::Number, 0x657A69D3, 1.0},
-                                    {"Aspect", vtype::Number, 0x637073C1, 1.0},
-                                    {"Angle", vtype::Number, 0x6C676EC1, 0.0},
-                                    {"Image", vtype::Image, ImageInputId(1), kNoDefault}});
-}
-
 // With the centre at (0.5, 0.5) the frame's centre is (2, 2), a pixel centre, so a half turn
 // maps x to 4 - x: the first column and row read outside. A quarter turn reads (4 - y, x).
 TEST_F(TransformTest, MapsPixelsAsWorkedByHand) {
