@@ -1,6 +1,6 @@
-// Every tool of the catalogue gives the same result at 1, 2, 3 and 7 worker threads, over small
-// varied images and settings (the defaults and two drawn at random within each input's range),
-// and the same again when two different flows render at once in one process. A new tool joins
+// Every tool of the catalogue gives the same result at 1, 2, 3 and 7 worker threads, full and
+// quick, over small varied images and settings (the defaults and two drawn at random within each
+// input's range), and the same again when two different flows render at once in one process. A new tool joins
 // by being in the catalogue; tools that are still placeholders pass their image through.
 #include <gtest/gtest.h>
 
@@ -100,14 +100,15 @@ class CatalogueThreadsTest : public ::testing::Test {
     cases.push_back({reg->Name() + " at setting " + std::to_string(setting), op});
   }
 
-  // Renders a case's first output afresh, the generator seeded with `seed` (none: left as it is).
-  static Outcome Render(const Case& c, int seed = -1) {
+  // Renders a case's first output afresh, the generator seeded with `seed` (none: left as it
+  // is), with the request flags given (rflag::Quick for a quick render).
+  static Outcome Render(const Case& c, int seed = -1, uint32_t flags = 0) {
     CPipelineDoc& doc = *c.tool->Document();
     doc.InvalidateFrom(c.tool);
     if (seed >= 0) crt_srand(unsigned(seed));
     HostError err;
     Outcome outcome;
-    outcome.value = doc.Render(c.tool->Outputs()[0].get(), 0.0, 0, &err);
+    outcome.value = doc.Render(c.tool->Outputs()[0].get(), 0.0, flags, &err);
     outcome.next_draw = seed >= 0 ? crt_rand() : 0;
     return outcome;
   }
@@ -137,18 +138,23 @@ TEST_F(CatalogueThreadsTest, EveryToolGivesTheSameResultAtAnyThreadCountAndBesid
   }
   ASSERT_GE(second_cases.size(), 42u);
 
-  // One flow at a time, at each thread count; a case whose result depends on where the shared
-  // generator stands (another seed gives other bytes) is left out of the renders at once.
+  // One flow at a time, at each thread count, full and quick; a case whose result depends on
+  // where the shared generator stands (another seed gives other bytes) is left out of the
+  // renders at once.
   std::map<const Operator*, Outcome> alone;
   std::vector<const Case*> at_once;
   for (const std::vector<Case>* cases : {&first_cases, &second_cases})
     for (const Case& c : *cases) {
       SCOPED_TRACE(c.label);
-      for (int threads : {1, 2, 3, 7}) {
-        SetWorkerThreads(threads);
-        const Outcome outcome = Render(c, 5);
-        if (threads == 1) alone[c.tool] = outcome;
-        EXPECT_TRUE(outcome == alone[c.tool]) << threads << " threads";
+      for (uint32_t flags : {0u, rflag::Quick}) {
+        Outcome one_thread;
+        for (int threads : {1, 2, 3, 7}) {
+          SetWorkerThreads(threads);
+          const Outcome outcome = Render(c, 5, flags);
+          if (threads == 1) one_thread = outcome;
+          EXPECT_TRUE(outcome == one_thread) << threads << " threads" << (flags ? ", quick" : "");
+        }
+        if (flags == 0) alone[c.tool] = one_thread;
       }
       if (SameValue(Render(c, 6).value, alone[c.tool].value)) at_once.push_back(&c);
     }

@@ -65,29 +65,6 @@ class ColorToolTest : public ::testing::Test {
     return img ? Pixels(*img) : std::vector<Pixel>{};
   }
 
-  // Renders the tool on 1, 2, 3 and 7 worker threads, its cached result dropped in between,
-  // and expects the same bytes each time and the random generator left at the same place; the
-  // default thread count is put back after.
-  void ExpectSameOnEveryThreadCount(Operator* op, size_t pixels, double time = 0.0, uint32_t flags = 0) {
-    std::vector<Pixel> one_thread;
-    int next_draw = 0;
-    for (int threads : {1, 2, 3, 7}) {
-      SetWorkerThreads(threads);
-      doc_.InvalidateFrom(op);
-      crt_srand(5);
-      const std::vector<Pixel> bytes = RenderPixels(op, time, flags);
-      const int draw = crt_rand();
-      EXPECT_EQ(bytes.size(), pixels);
-      if (threads == 1) {
-        one_thread = bytes;
-        next_draw = draw;
-      }
-      EXPECT_EQ(bytes, one_thread) << threads << " threads";
-      EXPECT_EQ(draw, next_draw) << threads << " threads";
-    }
-    SetWorkerThreads(0);
-  }
-
   PictureClass pictures_;  // outlives the document
   CPipelineDoc doc_;
 };
