@@ -67,15 +67,9 @@ std::atomic<unsigned> g_temp_counter{0};
 // open.
 thread_local const std::string* t_flow_folder = nullptr;
 
-// ThreadSanitizer cannot follow the codec library's own worker threads (that library is not
-// instrumented), so under it the codecs do their work on the calling thread.
 void KeepCodecsOnCallingThreadUnderTsan() {
 #if defined(__SANITIZE_THREAD__)
-  static const bool configured = [] {
-    OIIO::attribute("threads", 1);
-    OIIO::attribute("exr_threads", -1);
-    return true;
-  }();
+  static const bool configured = (KeepCodecsOnCallingThread(), true);
   (void)configured;
 #endif
 }
@@ -334,6 +328,12 @@ Image* ReadWithCodecLibrary(const std::string& path, std::string* why) {
 }
 
 }  // namespace
+
+void KeepCodecsOnCallingThread() {
+  OIIO::attribute("threads", 1);
+  OIIO::attribute("exr_threads", -1);
+  OIIO::attribute("tiff:multithread", 0);
+}
 
 ClipParameter::ClipParameter(std::string name, std::string base_folder)
     : name_(std::move(name)), base_folder_(std::move(base_folder)) {

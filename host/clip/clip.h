@@ -75,6 +75,11 @@ class FrameWriter {
   std::thread thread_;
 };
 
+// Makes the codec library decode and encode on the calling thread (no worker threads of its
+// own). ThreadSanitizer cannot follow that library's workers (it is not instrumented), so the
+// clip layer calls this under it, and so do tests that read frames with the library directly.
+void KeepCodecsOnCallingThread();
+
 class ClipParameter final : public Parameter {
  public:
   // A relative name is taken from `base_folder` (the folder of the flow that holds it).

@@ -50,9 +50,7 @@ struct Picture {
 };
 
 Picture ReadPicture(const fs::path& path) {
-  // Decoded on this thread: ThreadSanitizer cannot follow the codec library's own workers.
-  static const bool single_threaded = OIIO::attribute("threads", 1) && OIIO::attribute("exr_threads", -1);
-  (void)single_threaded;
+  kestrion::KeepCodecsOnCallingThread();
   Picture pic;
   OIIO::ImageSpec info;
   auto in = OIIO::ImageInput::create(path.string());

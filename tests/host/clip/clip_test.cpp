@@ -357,8 +357,7 @@ TEST_F(ClipTest, OversizedHeadersTakeNoMoreThanTheSizeLimit) {
                     "256 rows at a time"});
   for (const DamagedFrame& frame : frames) WriteBytes(dir_ / frame.name, frame.bytes);
   const auto read_all_within_the_limit = [&] {
-    OIIO::attribute("threads", 1);
-    OIIO::attribute("exr_threads", -1);
+    KeepCodecsOnCallingThread();
     Image::SetSizeLimit(kLimit);
     for (const char* warm_up : {"small.png", "small.tif", "small.exr"})
       ClipParameter(dir_ / warm_up).ReadFrame(0, nullptr, nullptr)->Recycle();
