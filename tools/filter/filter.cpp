@@ -59,9 +59,8 @@ const module::InputDecl (&InputTable())[kInputCount] {
 // Power beyond this gives the same bytes in the shading effects (every difference already
 // saturates); it keeps their products within 32 bits.
 constexpr int32_t kShadingPowerLimit = 256;
-// The median windows up to this radius sort through a network eight pixels at a time; a
-// radius typed beyond kMedianRadiusLimit is held there (a window of 40401 pixels).
-constexpr int kNetworkRadius = 2, kMedianRadiusLimit = 100;
+// A median radius typed beyond this is held there (a window of 40401 pixels).
+constexpr int kMedianRadiusLimit = 100;
 constexpr int kGroup = 8;
 
 struct FilterRender;
@@ -79,10 +78,8 @@ struct FilterRender {
   int32_t blend = 256;  // B = trunc(Blend x 256)
   int32_t power = 1;
   int dx = 0, dy = 0;   // Relief and Emboss Over: the direction
-  // Median: the radius, the sorted place taken, and for small radii the comparisons that bring
-  // the element of that place where it belongs.
+  // Median: the radius and the sorted place taken.
   int radius = 0, rank = 0;
-  std::vector<std::pair<int, int>> network;
   // Defocus: the ring's offsets.
   std::vector<std::pair<int, int>> ring;
   // Noise and Grain: the state before the render's first draw, and the maps from a row's first
@@ -168,36 +165,72 @@ inline uint32_t LuminanceKey(uint32_t p) {
           uint32_t(Channel(p, 0)) * 1912576u) >> 16;
 }
 
+// The comparisons of Batcher's merge exchange, in order, that sort n elements: `visit(a, b)`
+// for each pair of places compared.
+template <typename Visit>
+constexpr void MergeExchange(int n, Visit visit) {
+  int t = 0;
+  while ((1 << t) < n) ++t;
+  for (int p = t > 0 ? 1 << (t - 1) : 0; p > 0; p >>= 1)
+    for (int q = 1 << (t - 1), r = 0, d = p;; d = q - p, q >>= 1, r = p) {
+      for (int i = 0; i + d < n; ++i)
+        if ((i & p) == r) visit(i, i + d);
+      if (q == p) break;
+    }
+}
+
+// The sorting network of n elements as a table, built at compile time.
+template <int N>
+constexpr auto SortingNetwork() {
+  constexpr int kSize = [] {
+    int size = 0;
+    MergeExchange(N, [&](int, int) { ++size; });
+    return size;
+  }();
+  std::array<std::pair<int, int>, kSize> network{};
+  int k = 0;
+  MergeExchange(N, [&](int a, int b) { network[size_t(k++)] = {a, b}; });
+  return network;
+}
+
+// Puts the lower of each lane pair in `low`, the higher in `high`.
+template <typename Lanes>
+inline void CompareExchange(Lanes& low, Lanes& high) {
+  const Lanes lower = low < high ? low : high;
+  high = low < high ? high : low;
+  low = lower;
+}
+
 // The window's pixels in order of key, equal keys in the order of their places in the window
 // (row by row): each sorts as key x 512 + place, and the pixel at sorted place `rank` is taken.
-// Small windows: eight pixels at a time through the comparisons of t.network.
+// Small windows: eight pixels at a time through a sorting network fixed at compile time, so the
+// compiler keeps the window in vector registers.
+template <int kSide>
 void MedianNetworkRow(const FilterRender& t, BandScratch& s, int y) {
-  const int r = t.radius, side = 2 * r + 1, w = t.width;
-  const size_t line = size_t(w + 2 * r);
-  const uint32_t* padded = PaddedRows(t, s, y, r);
+  constexpr int kRadius = kSide / 2, kCount = kSide * kSide;
+  static constexpr auto kNetwork = SortingNetwork<kCount>();
+  const int w = t.width;
+  const size_t line = size_t(w + 2 * kRadius);
+  const uint32_t* padded = PaddedRows(t, s, y, kRadius);
   s.keys.resize(s.padded.size());
   for (size_t i = 0; i < s.padded.size(); ++i) s.keys[i] = LuminanceKey(s.padded[i]) << 9;
   s.values.resize(4 * size_t(w));
+  size_t offset[kCount];  // of each window place from the window's top-left pixel in `padded`
+  for (int place = 0; place < kCount; ++place) offset[place] = line * size_t(place / kSide) + size_t(place % kSide);
   typedef uint32_t Lanes __attribute__((vector_size(kGroup * sizeof(uint32_t))));
-  Lanes sorted[(2 * kNetworkRadius + 1) * (2 * kNetworkRadius + 1)];
+  // Keys read eight at a time at any place in a row, straight into registers.
+  typedef uint32_t KeyLanes __attribute__((vector_size(kGroup * sizeof(uint32_t)), aligned(4), may_alias));
   for (int x0 = 0; x0 < w; x0 += kGroup) {
-    for (int dy = 0; dy < side; ++dy)
-      for (int dx = 0; dx < side; ++dx) {
-        const int place = dy * side + dx;
-        Lanes keys;
-        std::memcpy(&keys, &s.keys[line * size_t(dy) + size_t(x0 + dx)], sizeof keys);
-        sorted[place] = keys | uint32_t(place);
-      }
-    for (const auto& [a, b] : t.network) {
-      const Lanes low = sorted[a] < sorted[b] ? sorted[a] : sorted[b];
-      sorted[b] = sorted[a] < sorted[b] ? sorted[b] : sorted[a];
-      sorted[a] = low;
-    }
-    for (int l = 0; l < kGroup && x0 + l < w; ++l) {
-      const int place = int(sorted[t.rank][l] & 511);
-      const uint32_t p = padded[line * size_t(place / side) + size_t(x0 + l + place % side)];
-      for (int c = 0; c < 4; ++c) s.values[size_t(4 * (x0 + l) + c)] = Channel(p, c) << 8;
-    }
+    Lanes sorted[kCount];
+    for (int place = 0; place < kCount; ++place)
+      sorted[place] = *reinterpret_cast<const KeyLanes*>(&s.keys[size_t(x0) + offset[place]]) | uint32_t(place);
+    [&]<size_t... I>(std::index_sequence<I...>) {
+      (CompareExchange(sorted[kNetwork[I].first], sorted[kNetwork[I].second]), ...);
+    }(std::make_index_sequence<kNetwork.size()>());
+    uint32_t chosen[kGroup];
+    for (int l = 0; l < kGroup; ++l) chosen[l] = padded[size_t(x0 + l) + offset[sorted[t.rank][l] & 511]];
+    for (int l = 0; l < kGroup && x0 + l < w; ++l)
+      for (int c = 0; c < 4; ++c) s.values[size_t(4 * (x0 + l) + c)] = Channel(chosen[l], c) << 8;
   }
   StoreRow(s.values.data(), t.src->Row(y), t.out->Row(y), w, t.kept, t.blend);
 }
@@ -222,30 +255,6 @@ void MedianWideRow(const FilterRender& t, BandScratch& s, int y) {
     for (int c = 0; c < 4; ++c) s.values[size_t(4 * x + c)] = Channel(p, c) << 8;
   }
   StoreRow(s.values.data(), t.src->Row(y), t.out->Row(y), w, t.kept, t.blend);
-}
-
-// The comparisons of Batcher's merge exchange that sort n elements, of which only those that
-// lead to the element at place `rank` are kept.
-std::vector<std::pair<int, int>> SelectionNetwork(int n, int rank) {
-  std::vector<std::pair<int, int>> all;
-  int t = 0;
-  while ((1 << t) < n) ++t;
-  for (int p = t > 0 ? 1 << (t - 1) : 0; p > 0; p >>= 1)
-    for (int q = 1 << (t - 1), r = 0, d = p;; d = q - p, q >>= 1, r = p) {
-      for (int i = 0; i + d < n; ++i)
-        if ((i & p) == r) all.push_back({i, i + d});
-      if (q == p) break;
-    }
-  std::vector<bool> needed(size_t(n), false);
-  needed[size_t(rank)] = true;
-  std::vector<std::pair<int, int>> kept;
-  for (auto it = all.rbegin(); it != all.rend(); ++it)
-    if (needed[size_t(it->first)] || needed[size_t(it->second)]) {
-      needed[size_t(it->first)] = needed[size_t(it->second)] = true;
-      kept.push_back(*it);
-    }
-  std::reverse(kept.begin(), kept.end());
-  return kept;
 }
 
 // --- Noise and Grain ---
@@ -429,12 +438,7 @@ class Filter final : public filter::FilterTool<kClassId, kInputCount> {
     t.radius = std::min(t.power, kMedianRadiusLimit);
     const long side = 2 * long(t.radius) + 1, count = side * side;
     t.rank = int(std::clamp(long(double(float(count - 1) * median_point) + 0.5), 0L, count - 1));
-    if (t.radius <= kNetworkRadius) {
-      t.network = SelectionNetwork(int(count), t.rank);
-      t.kernel = &MedianNetworkRow;
-    } else {
-      t.kernel = &MedianWideRow;
-    }
+    t.kernel = t.radius == 1 ? &MedianNetworkRow<3> : t.radius == 2 ? &MedianNetworkRow<5> : &MedianWideRow;
   }
 
   // Seeds the generator with the request's time (truncated), takes one draw per pixel and
