@@ -53,14 +53,17 @@ TEST(FourCC, TextEscapesWhatIsNotPrintableAndParsesBack) {
     uint32_t code;
     bool written;  // FourCCText gives this text for the code
   } cases[] = {
-      {"Colr", FourCC("Colr"), true},     {"LUT ", FourCC("LUT "), true},         {"\\xC9np\\x01", ImageInputId(1), true},
-      {"\\xD2dCh", HighFourCC("RdCh"), true}, {"\\x00\\x00\\x00\\x00", 0, true},   {"a\\x5Cb~", FourCC("a\\b~"), true},
-      {"A: \\x7F", 0x7F203A41, true},    {"\\x30x12", FourCC("0x12"), true},     {"\\x30XzZ", FourCC("0XzZ"), true},
-      {"0x684364D2", 0x684364D2, false},  {"0X017475cf", 0x017475CF, false},      {"0x1", 0x1, false},
-      {"0xFFFFFFFF", 0xFFFFFFFF, false},  {"\\x43olr", FourCC("Colr"), false},      {"Co\\x6cr", FourCC("Colr"), false},
-      {"\\xc9np\\x01", ImageInputId(1), false},
+      {"Colr", FourCC("Colr"), true},           {"LUT ", FourCC("LUT "), true},
+      {"\\xC9np\\x01", ImageInputId(1), true},  {"\\xD2dCh", HighFourCC("RdCh"), true},
+      {"\\x00\\x00\\x00\\x00", 0, true},        {"a\\x5Cb~", FourCC("a\\b~"), true},
+      {"A: \\x7F", 0x7F203A41, true},           {"\\x30x12", FourCC("0x12"), true},
+      {"\\x30XzZ", FourCC("0XzZ"), true},       {"0x684364D2", 0x684364D2, false},
+      {"0X017475cf", 0x017475CF, false},        {"0x1", 0x1, false},
+      {"0xFFFFFFFF", 0xFFFFFFFF, false},        {"\\x43olr", FourCC("Colr"), false},
+      {"Co\\x6cr", FourCC("Colr"), false},      {"\\xc9np\\x01", ImageInputId(1), false},
       // Four characters that only begin like a hexadecimal word are four characters.
-      {"0xG1", FourCC("0xG1"), false},    {"0x-1", FourCC("0x-1"), false},         {"0x+5", FourCC("0x+5"), false},
+      {"0xG1", FourCC("0xG1"), false},          {"0x-1", FourCC("0x-1"), false},
+      {"0x+5", FourCC("0x+5"), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
