@@ -376,6 +376,7 @@ TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
   WriteBytes(dir_ / "broken.kfl", "not a document");
   const std::pair<const char*, const char*> cases[] = {{"flow.txt", ".json or .kfl"},
                                                        {"missing.json", "cannot read"},
+                                                       {"missing.kfl", "cannot open"},
                                                        {"broken.json", "tool \"X\": unknown class \"Nope\""},
                                                        {"broken.kfl", "not a flow document"}};
   for (const auto& [name, expected] : cases) {
@@ -384,9 +385,14 @@ TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
     EXPECT_NE(err.message.find(expected), std::string::npos) << err.message;
     EXPECT_NE(err.message.find(dir_ / name), std::string::npos) << err.message;
   }
-  HostError err;
-  EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), dir_ / "flow.txt", &err));
-  EXPECT_NE(err.message.find(".json or .kfl"), std::string::npos) << err.message;
+  const std::pair<const char*, const char*> saves[] = {{"flow.txt", ".json or .kfl"},
+                                                       {"no-folder/flow.kfl", "cannot write"}};
+  for (const auto& [name, expected] : saves) {
+    HostError err;
+    EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), dir_ / name, &err)) << name;
+    EXPECT_NE(err.message.find(expected), std::string::npos) << err.message;
+    EXPECT_NE(err.message.find(dir_ / name), std::string::npos) << err.message;
+  }
 }
 
 }  // namespace
