@@ -274,8 +274,6 @@ TEST_F(DocumentTest, AFlowSavesAndLoadsBackEqual) {
   EXPECT_EQ(RenderNumber(*loaded, kinds->FindOutput(FourCC("Valu")), 4.0), 7.25 + 0.5 * 4.0);
 }
 
-// --- documents that must not load ---
-
 // A document of version 1, saved before tools kept attributes in their base record, still loads
 // and saves again as the current version.
 TEST_F(DocumentTest, AVersionOneDocumentLoads) {
@@ -289,6 +287,8 @@ TEST_F(DocumentTest, AVersionOneDocumentLoads) {
   ASSERT_NE(again, nullptr) << err.message;
   EXPECT_EQ(SaveBytes(*again), bytes);
 }
+
+// --- documents that must not load ---
 
 TEST_F(DocumentTest, CutOffDocumentsFailWithAMessageAndChangeNothing) {
   const std::vector<uint8_t> bytes = FlowBytes();
