@@ -282,10 +282,17 @@ TEST_F(RenderTest, ANamedStepUndoesAndRedoesEveryChangeExactly) {
   ASSERT_TRUE(clock && adder && defaults && shape);
   adder->b->SetValue(new Number(1));
   shape->SetNodes({1.0, 2.0});
-  ASSERT_EQ(doc_.UndoName(), "Edit Shape");
-  const std::string before = SaveTextFlow(doc_);  // every value and link, and the shape's nodes
-  ASSERT_EQ(RenderNumber(doc_, shape->out, 2.0), 3.0);
-  ASSERT_EQ(RenderNumber(doc_, adder->out, 2.0), 1.0);
+  // A state: its text flow (every value and link, and the shape's nodes), results and step names.
+  const auto expect_state = [&](const std::string& text, double total, double sum, const char* undo,
+                                const char* redo) {
+    EXPECT_EQ(SaveTextFlow(doc_), text);
+    EXPECT_EQ(RenderNumber(doc_, shape->out, 2.0), total) << "a result of another state was kept";
+    EXPECT_EQ(RenderNumber(doc_, adder->out, 2.0), sum);
+    EXPECT_EQ(doc_.UndoName(), undo);
+    EXPECT_EQ(doc_.RedoName(), redo);
+  };
+  const std::string before = SaveTextFlow(doc_);
+  expect_state(before, 3.0, 1.0, "Edit Shape", "");
 
   doc_.StartUndo("Change Values");
   defaults->strength->SetValue(new Number(6));
@@ -300,14 +307,6 @@ TEST_F(RenderTest, ANamedStepUndoesAndRedoesEveryChangeExactly) {
   doc_.EndUndo(1);
 
   const std::string after = SaveTextFlow(doc_);
-  const auto expect_state = [&](const std::string& text, double total, double sum, const char* undo,
-                                const char* redo) {
-    EXPECT_EQ(SaveTextFlow(doc_), text);
-    EXPECT_EQ(RenderNumber(doc_, shape->out, 2.0), total) << "a result of another state was kept";
-    EXPECT_EQ(RenderNumber(doc_, adder->out, 2.0), sum);
-    EXPECT_EQ(doc_.UndoName(), undo);
-    EXPECT_EQ(doc_.RedoName(), redo);
-  };
   expect_state(after, 120.0, 11.0, "Change Values", "");
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
