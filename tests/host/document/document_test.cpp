@@ -360,7 +360,7 @@ std::vector<uint8_t> Real(double d) {
 // Documents that are not flows, refer to what is not there (a class, a tool, an output), or hold
 // what no flow can hold (found by fuzzing: they loaded before) fail with one message. A saved
 // number past its input's limits is held to them, as a number set by hand is.
-TEST_F(DocumentTest, DocumentsThatAreNotFlowsOrHoldWhatNoFlowCanHoldAreRefused) {
+TEST_F(DocumentTest, WrongDocumentsFailWithOneMessageAndSavedNumbersAreHeld) {
   Clock* clock = Make<Clock>(doc_, "TestClock", "Ghost");
   Adder* adder = Make<Adder>(doc_, "TestAdder");
   doc_.Connect(clock->out, adder->b);
