@@ -26,14 +26,12 @@ std::string Hex(uint32_t v) {
 
 // --- four-character codes ---
 
-struct CodeCase {
-  const char* what;
-  uint32_t code;
-  uint32_t expected;
-};
-
 TEST(FourCC, CodesOfTheCatalogueHaveTheirPublishedValues) {
-  const CodeCase cases[] = {
+  const struct {
+    const char* what;
+    uint32_t code;
+    uint32_t expected;
+  } cases[] = {
       {"Colr: first character in the lowest byte", FourCC("Colr"), 0x726C6F43},
       {"dmix keeps its lower case", FourCC("dmix"), 0x78696D64},
       {"RdCh with the high bit on R", HighFourCC("RdCh"), 0x684364D2},
@@ -47,49 +45,34 @@ TEST(FourCC, CodesOfTheCatalogueHaveTheirPublishedValues) {
   for (const auto& c : cases) EXPECT_EQ(Hex(c.code), Hex(c.expected)) << c.what;
 }
 
-struct TextCase {
-  uint32_t code;
-  const char* text;
-};
-
 // Printable characters stand for themselves; anything else (and the backslash, which opens an
-// escape) is written \xNN.
-TEST(FourCC, TextEscapesWhatIsNotPrintable) {
-  const TextCase cases[] = {
-      {FourCC("Colr"), "Colr"},
-      {FourCC("LUT "), "LUT "},
-      {ImageInputId(1), "\\xC9np\\x01"},
-      {HighFourCC("RdCh"), "\\xD2dCh"},
-      {0, "\\x00\\x00\\x00\\x00"},
-      {FourCC("a\\b~"), "a\\x5Cb~"},
-      {0x7F203A41, "A: \\x7F"},
-      {FourCC("0x12"), "\\x30x12"},
-      {FourCC("0XzZ"), "\\x30XzZ"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(Hex(c.code));
-    EXPECT_EQ(FourCCText(c.code), c.text);
-    uint32_t parsed = 0xDEADBEEF;
-    ASSERT_TRUE(ParseFourCC(c.text, parsed)) << c.text;
-    EXPECT_EQ(Hex(parsed), Hex(c.code));
-  }
-}
-
-TEST(FourCC, ParsesHexadecimalWordsAndEscapes) {
+// escape) is written \xNN. Hexadecimal words and escapes are read too, but never written.
+TEST(FourCC, TextEscapesWhatIsNotPrintableAndParsesBack) {
   const struct {
     const char* text;
     uint32_t code;
+    bool written;  // FourCCText gives this text for the code
   } cases[] = {
-      {"0x684364D2", 0x684364D2}, {"0X017475cf", 0x017475CF}, {"0x1", 0x1},
-      {"0xFFFFFFFF", 0xFFFFFFFF}, {"\\x43olr", FourCC("Colr")}, {"Co\\x6cr", FourCC("Colr")},
-      {"\\xc9np\\x01", ImageInputId(1)},
+      {"Colr", FourCC("Colr"), true},           {"LUT ", FourCC("LUT "), true},
+      {"\\xC9np\\x01", ImageInputId(1), true},  {"\\xD2dCh", HighFourCC("RdCh"), true},
+      {"\\x00\\x00\\x00\\x00", 0, true},        {"a\\x5Cb~", FourCC("a\\b~"), true},
+      {"A: \\x7F", 0x7F203A41, true},           {"\\x30x12", FourCC("0x12"), true},
+      {"\\x30XzZ", FourCC("0XzZ"), true},       {"0x684364D2", 0x684364D2, false},
+      {"0X017475cf", 0x017475CF, false},        {"0x1", 0x1, false},
+      {"0xFFFFFFFF", 0xFFFFFFFF, false},        {"\\x43olr", FourCC("Colr"), false},
+      {"Co\\x6cr", FourCC("Colr"), false},      {"\\xc9np\\x01", ImageInputId(1), false},
       // Four characters that only begin like a hexadecimal word are four characters.
-      {"0xG1", FourCC("0xG1")}, {"0x-1", FourCC("0x-1")}, {"0x+5", FourCC("0x+5")},
+      {"0xG1", FourCC("0xG1"), false},          {"0x-1", FourCC("0x-1"), false},
+      {"0x+5", FourCC("0x+5"), false},
   };
   for (const auto& c : cases) {
-    uint32_t parsed = 0;
-    ASSERT_TRUE(ParseFourCC(c.text, parsed)) << c.text;
-    EXPECT_EQ(Hex(parsed), Hex(c.code)) << c.text;
+    SCOPED_TRACE(c.text);
+    if (c.written) {
+      EXPECT_EQ(FourCCText(c.code), c.text);
+    }
+    uint32_t parsed = 0xDEADBEEF;
+    ASSERT_TRUE(ParseFourCC(c.text, parsed));
+    EXPECT_EQ(Hex(parsed), Hex(c.code));
   }
 }
 
@@ -140,34 +123,26 @@ TEST(Tag, KindFollowsTheTopBitsOfTheTag) {
 }
 
 TEST(Tag, NumbersTakeTheKindOfTheirTag) {
-  const Tag whole_to_double(in::Default, 2);
-  EXPECT_EQ(whole_to_double.kind, TagKind::Double);
-  EXPECT_EQ(whole_to_double.real, 2.0);
-
-  const Tag negative_to_double(in::Lowest, -3);
-  EXPECT_EQ(negative_to_double.kind, TagKind::Double);
-  EXPECT_EQ(negative_to_double.real, -3.0);
-
-  const Tag unsigned_to_double(in::SliderPresentation, 7u);
-  EXPECT_EQ(unsigned_to_double.kind, TagKind::Double);
-  EXPECT_EQ(unsigned_to_double.real, 7.0);
-
-  const Tag code(in::Control, control::DropDown);
-  EXPECT_EQ(code.kind, TagKind::Integer);
-  EXPECT_EQ(Hex(code.integer), Hex(FourCC("ComC")));
-
-  const Tag steps(in::Steps, 3600);
-  EXPECT_EQ(steps.kind, TagKind::Integer);
-  EXPECT_EQ(steps.integer, 3600u);
-
-  const Tag real(in::Highest, 0.25);
-  EXPECT_EQ(real.kind, TagKind::Double);
-  EXPECT_EQ(real.real, 0.25);
-
+  const struct {
+    Tag tag;
+    TagKind kind;
+    double value;
+  } cases[] = {
+      {Tag(in::Default, 2), TagKind::Double, 2.0},
+      {Tag(in::Lowest, -3), TagKind::Double, -3.0},
+      {Tag(in::SliderPresentation, 7u), TagKind::Double, 7.0},
+      {Tag(in::Highest, 0.25), TagKind::Double, 0.25},
+      {Tag(in::Control, control::DropDown), TagKind::Integer, double(FourCC("ComC"))},
+      {Tag(in::Steps, 3600), TagKind::Integer, 3600.0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Hex(c.tag.id));
+    ASSERT_EQ(int(c.tag.kind), int(c.kind));
+    EXPECT_EQ(c.kind == TagKind::Double ? c.tag.real : double(c.tag.integer), c.value);
+  }
   const Tag text(in::ListEntry, "Cubic");
   EXPECT_EQ(text.kind, TagKind::String);
   EXPECT_STREQ(text.string, "Cubic");
-
   static int anchor;
   const Tag pointer(in::TiedInput1, &anchor);
   EXPECT_EQ(pointer.kind, TagKind::Pointer);
@@ -207,24 +182,20 @@ TEST(TagList, RepeatedEntriesKeepTheirOrderAndLookUpsFindTheFirst) {
 
 // --- the archive ---
 
-std::vector<uint8_t> Bytes(std::initializer_list<int> b) { return std::vector<uint8_t>(b.begin(), b.end()); }
-
 TEST(CArchive, WritesLittleEndianWordsFloatsDoublesAndStrings) {
   const struct {
     const char* what;
     void (*write)(CArchive&);
     std::vector<uint8_t> bytes;
   } cases[] = {
-      {"word", [](CArchive& a) { a.WriteWord(0x11223344); }, Bytes({0x44, 0x33, 0x22, 0x11})},
-      {"four-character code", [](CArchive& a) { a.WriteWord(FourCC("EndC")); }, Bytes({'E', 'n', 'd', 'C'})},
-      {"negative int", [](CArchive& a) { a.WriteInt(-2); }, Bytes({0xFE, 0xFF, 0xFF, 0xFF})},
-      {"float", [](CArchive& a) { a.WriteFloat(1.5f); }, Bytes({0x00, 0x00, 0xC0, 0x3F})},
-      {"double", [](CArchive& a) { a.WriteDouble(-2.0); }, Bytes({0, 0, 0, 0, 0, 0, 0x00, 0xC0})},
-      {"double, low word first", [](CArchive& a) { a.WriteDouble(1.0 + 0x1p-52); },
-       Bytes({1, 0, 0, 0, 0, 0, 0xF0, 0x3F})},
-      {"string: count, bytes, no terminator", [](CArchive& a) { a.WriteString("ab"); },
-       Bytes({2, 0, 0, 0, 'a', 'b'})},
-      {"empty string", [](CArchive& a) { a.WriteString(""); }, Bytes({0, 0, 0, 0})},
+      {"word", [](CArchive& a) { a.WriteWord(0x11223344); }, {0x44, 0x33, 0x22, 0x11}},
+      {"four-character code", [](CArchive& a) { a.WriteWord(FourCC("EndC")); }, {'E', 'n', 'd', 'C'}},
+      {"negative int", [](CArchive& a) { a.WriteInt(-2); }, {0xFE, 0xFF, 0xFF, 0xFF}},
+      {"float", [](CArchive& a) { a.WriteFloat(1.5f); }, {0x00, 0x00, 0xC0, 0x3F}},
+      {"double", [](CArchive& a) { a.WriteDouble(-2.0); }, {0, 0, 0, 0, 0, 0, 0x00, 0xC0}},
+      {"double, low word first", [](CArchive& a) { a.WriteDouble(1.0 + 0x1p-52); }, {1, 0, 0, 0, 0, 0, 0xF0, 0x3F}},
+      {"string: count, bytes, no terminator", [](CArchive& a) { a.WriteString("ab"); }, {2, 0, 0, 0, 'a', 'b'}},
+      {"empty string", [](CArchive& a) { a.WriteString(""); }, {0, 0, 0, 0}},
   };
   for (const auto& c : cases) {
     CArchive ar;
@@ -245,8 +216,8 @@ TEST(CArchive, ValuesComeBackBitForBit) {
   for (double d : doubles) out.WriteDouble(d);
   for (float f : floats) out.WriteFloat(f);
   for (uint32_t w : words) out.WriteWord(w);
-  for (const auto& s : strings) out.WriteString(s);
   out.WriteInt(-123456);
+  for (const auto& s : strings) out.WriteString(s);  // the last one ends exactly at the end
 
   CArchive in(out.Bytes());
   EXPECT_TRUE(in.IsLoading());
@@ -259,8 +230,8 @@ TEST(CArchive, ValuesComeBackBitForBit) {
     EXPECT_EQ(std::memcmp(&r, &f, sizeof f), 0) << f;
   }
   for (uint32_t w : words) EXPECT_EQ(in.ReadWord(), w);
-  for (const auto& s : strings) EXPECT_EQ(in.ReadString(), s);
   EXPECT_EQ(in.ReadInt(), -123456);
+  for (const auto& s : strings) EXPECT_EQ(in.ReadString(), s);
   EXPECT_TRUE(in.AtEnd());
   EXPECT_EQ(in.Remaining(), 0u);
 }
@@ -274,47 +245,45 @@ TEST(CArchive, ReadingPastTheEndThrows) {
     void (*read)(CArchive&);
   } cases[] = {
       {"word from nothing", {}, [](CArchive& a) { a.ReadWord(); }},
-      {"word from three bytes", Bytes({1, 2, 3}), [](CArchive& a) { a.ReadWord(); }},
-      {"second word", Bytes({1, 2, 3, 4, 5}), [](CArchive& a) { a.ReadWord(); a.ReadWord(); }},
-      {"double from four bytes", Bytes({0, 0, 0, 0}), [](CArchive& a) { a.ReadDouble(); }},
-      {"double from seven bytes", Bytes({0, 0, 0, 0, 0, 0, 0}), [](CArchive& a) { a.ReadDouble(); }},
-      {"float from two bytes", Bytes({0, 0}), [](CArchive& a) { a.ReadFloat(); }},
-      {"string longer than the rest", Bytes({3, 0, 0, 0, 'a', 'b'}), [](CArchive& a) { a.ReadString(); }},
-      {"string claiming 4 GiB", Bytes({0xFF, 0xFF, 0xFF, 0xFF, 'a'}), [](CArchive& a) { a.ReadString(); }},
-      {"string without its count", Bytes({1, 0}), [](CArchive& a) { a.ReadString(); }},
-      {"bytes past the end", Bytes({1, 2}), [](CArchive& a) {
+      {"word from three bytes", {1, 2, 3}, [](CArchive& a) { a.ReadWord(); }},
+      {"second word", {1, 2, 3, 4, 5}, [](CArchive& a) { a.ReadWord(); a.ReadWord(); }},
+      {"double from four bytes", {0, 0, 0, 0}, [](CArchive& a) { a.ReadDouble(); }},
+      {"double from seven bytes", {0, 0, 0, 0, 0, 0, 0}, [](CArchive& a) { a.ReadDouble(); }},
+      {"float from two bytes", {0, 0}, [](CArchive& a) { a.ReadFloat(); }},
+      {"string longer than the rest", {3, 0, 0, 0, 'a', 'b'}, [](CArchive& a) { a.ReadString(); }},
+      {"string claiming 4 GiB", {0xFF, 0xFF, 0xFF, 0xFF, 'a'}, [](CArchive& a) { a.ReadString(); }},
+      {"string without its count", {1, 0}, [](CArchive& a) { a.ReadString(); }},
+      {"bytes past the end", {1, 2}, [](CArchive& a) {
          uint8_t b[3];
          a.ReadBytes(b, 3);
        }},
   };
   for (const auto& c : cases) {
     CArchive ar(c.bytes);
-    try {
-      c.read(ar);
-      ADD_FAILURE() << c.what << ": no error";
-    } catch (const ArchiveError& e) {
-      EXPECT_STRNE(e.what(), "") << c.what;
-    }
+    EXPECT_THROW(c.read(ar), ArchiveError) << c.what;
   }
 }
 
-TEST(CArchive, AStringThatFillsTheRestExactlyIsRead) {
-  CArchive ar(Bytes({3, 0, 0, 0, 'a', 'b', 'c'}));
-  EXPECT_EQ(ar.ReadString(), "abc");
-  EXPECT_TRUE(ar.AtEnd());
+// The message of the ArchiveError that `f` throws, or "" when it throws none.
+template <class F>
+std::string ArchiveErrorOf(F f) {
+  try {
+    f();
+  } catch (const ArchiveError& e) {
+    return e.what();
+  }
+  return "";
 }
 
-class ArchiveFileTest : public ::testing::Test {
- protected:
-  test_tools::TempFolder dir_;
-};
-
-TEST_F(ArchiveFileTest, FilesHoldExactlyTheBytesAndLeaveNoTemporaries) {
+// Files are replaced whole, leave no temporary file behind, and a file that cannot be read or
+// written is named in the error.
+TEST(CArchive, FilesHoldExactlyTheBytesAndFailuresNameThePath) {
+  const test_tools::TempFolder dir;
   CArchive out;
   out.WriteWord(FourCC("KFlw"));
   out.WriteString("flow");
   out.WriteDouble(24.0);
-  const std::string path = dir_ / "a.kfl";
+  const std::string path = dir / "a.kfl";
   out.WriteFile(path);
   out.WriteWord(7);  // replacing a file replaces it whole
   out.WriteFile(path);
@@ -322,24 +291,11 @@ TEST_F(ArchiveFileTest, FilesHoldExactlyTheBytesAndLeaveNoTemporaries) {
   CArchive in = CArchive::FromFile(path);
   EXPECT_TRUE(in.IsLoading());
   EXPECT_EQ(in.Bytes(), out.Bytes());
-  EXPECT_EQ(dir_.Files(), std::vector<std::string>{"a.kfl"}) << "a temporary file was left behind";
-}
+  EXPECT_EQ(dir.Files(), std::vector<std::string>{"a.kfl"}) << "a temporary file was left behind";
 
-TEST_F(ArchiveFileTest, MissingFilesAndFoldersThrowWithThePath) {
-  const std::string missing = dir_ / "none.kfl";
-  try {
-    CArchive::FromFile(missing);
-    ADD_FAILURE() << "read a missing file";
-  } catch (const ArchiveError& e) {
-    EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
-  }
-  const std::string unwritable = dir_ / "no-such-folder/a.kfl";
-  try {
-    CArchive().WriteFile(unwritable);
-    ADD_FAILURE() << "wrote into a missing folder";
-  } catch (const ArchiveError& e) {
-    EXPECT_NE(std::string(e.what()).find(unwritable), std::string::npos) << e.what();
-  }
+  const std::string missing = dir / "none.kfl", unwritable = dir / "no-such-folder/a.kfl";
+  EXPECT_NE(ArchiveErrorOf([&] { (void)CArchive::FromFile(missing); }).find(missing), std::string::npos);
+  EXPECT_NE(ArchiveErrorOf([&] { CArchive().WriteFile(unwritable); }).find(unwritable), std::string::npos);
 }
 
 }  // namespace

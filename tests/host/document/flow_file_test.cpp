@@ -44,25 +44,21 @@ class Twins final : public TestTool<kTwinsId> {
 class FlowFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    classes_ = std::make_unique<TestClasses>();
-    TagList tags{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
-                 Tag(reg::Factory, &module::Factory<Twins>), Tag(reg::ClassId, kTwinsId),
-                 Tag(reg::ClassType, classtype::ImageTool)};
-    twins_ = std::make_unique<Registry>(&ClassRegistry, "TestTwins", std::move(tags));
     fs::copy(fs::path(KESTRION_TEST_SOURCE_DIR) / "examples" / "media", dir_.path() / "media");
   }
-
-  std::unique_ptr<CPipelineDoc> Load(const std::string& text, HostError* err = nullptr) {
-    HostError local;
-    return LoadTextFlow(text, dir_.path().string(), err ? err : &local);
+  std::unique_ptr<CPipelineDoc> Load(const std::string& text, HostError* err) {
+    return LoadTextFlow(text, dir_.path().string(), err);
   }
 
   TempFolder dir_;
 
  private:
   SavedPrefs prefs_;
-  std::unique_ptr<TestClasses> classes_;
-  std::unique_ptr<Registry> twins_;
+  TestClasses classes_;
+  Registry twins_{&ClassRegistry, "TestTwins",
+                  TagList{Tag(reg::ClassInit, &Operator::RegInit), Tag(reg::ClassCleanup, &Operator::RegCleanup),
+                          Tag(reg::Factory, &module::Factory<Twins>), Tag(reg::ClassId, kTwinsId),
+                          Tag(reg::ClassType, classtype::ImageTool)}};
 };
 
 // A flow that holds a value of every kind a text flow can write, in every way it can be keyed.
@@ -95,12 +91,14 @@ const char* const kEveryKind = R"({
   }
 })";
 
+// A tool's input by its label, or by its id where no input has that label.
 Input* InputOf(CPipelineDoc& doc, const std::string& tool, const std::string& label) {
   Operator* op = doc.FindTool(tool);
   if (!op) return nullptr;
   for (const auto& in : op->Inputs())
     if (in->Name() == label) return in.get();
-  return nullptr;
+  uint32_t id = 0;
+  return ParseFourCC(label, id) ? op->FindInput(id) : nullptr;
 }
 
 TEST_F(FlowFileTest, ValuesOfEveryKindLoad) {
@@ -128,6 +126,7 @@ TEST_F(FlowFileTest, ValuesOfEveryKindLoad) {
       {"Adder2", "B", 0.5},           {"Ramped", "B", 7},             {"Merge1", "Angle", 45},
       {"Merge1", "Alpha Gain", 0.5},  {"Saver1", "Field Mode", 2},    {"Loader1", "Missing Frames", 1},
       {"Loader1", "Loop", 1},         {"Loader1", "Clip Time Start", 2}, {"Loader1", "Clip Time End", 5},
+      {"Twins1", "LvLo", 1.5},        {"Twins1", "LvHi", 4},
   };
   for (const auto& c : numbers) {
     SCOPED_TRACE(std::string(c.tool) + "." + c.input);
@@ -135,19 +134,11 @@ TEST_F(FlowFileTest, ValuesOfEveryKindLoad) {
     ASSERT_NE(in, nullptr);
     EXPECT_EQ(CurrentNumber(in), c.value);
   }
-  auto* twins = dynamic_cast<Twins*>(doc->FindTool("Twins1"));
-  ASSERT_NE(twins, nullptr);
-  EXPECT_EQ(CurrentNumber(twins->low), 1.5);
-  EXPECT_EQ(CurrentNumber(twins->high), 4.0);
 
   Ref<Parameter> center = Ref<Parameter>::Adopt(InputOf(*doc, "Defaults1", "Center")->CurrentValue());
-  auto* point = dynamic_cast<Point*>(center.get());
-  ASSERT_NE(point, nullptr);
-  EXPECT_EQ(point->x, 0.25f);
-  EXPECT_EQ(point->y, 0.75f);
+  EXPECT_TRUE(center && center->Equals(Point(0.25f, 0.75f)));
   Ref<Parameter> label = Ref<Parameter>::Adopt(InputOf(*doc, "Defaults1", "Label")->CurrentValue());
-  ASSERT_NE(dynamic_cast<Text*>(label.get()), nullptr);
-  EXPECT_EQ(dynamic_cast<Text*>(label.get())->text, "Title");
+  EXPECT_TRUE(label && label->Equals(Text("Title")));
 
   // Clips: relative to the flow's folder, read before the range inputs that follow them here.
   Ref<Parameter> clip = Ref<Parameter>::Adopt(InputOf(*doc, "Loader1", "Filename")->CurrentValue());
@@ -376,6 +367,7 @@ TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
   WriteBytes(dir_ / "broken.kfl", "not a document");
   const std::pair<const char*, const char*> cases[] = {{"flow.txt", ".json or .kfl"},
                                                        {"missing.json", "cannot read"},
+                                                       {"missing.kfl", "cannot open"},
                                                        {"broken.json", "tool \"X\": unknown class \"Nope\""},
                                                        {"broken.kfl", "not a flow document"}};
   for (const auto& [name, expected] : cases) {
@@ -384,9 +376,14 @@ TEST_F(FlowFileTest, FlowFilesThatCannotBeReadNameTheFile) {
     EXPECT_NE(err.message.find(expected), std::string::npos) << err.message;
     EXPECT_NE(err.message.find(dir_ / name), std::string::npos) << err.message;
   }
-  HostError err;
-  EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), dir_ / "flow.txt", &err));
-  EXPECT_NE(err.message.find(".json or .kfl"), std::string::npos) << err.message;
+  const std::pair<const char*, const char*> saves[] = {{"flow.txt", ".json or .kfl"},
+                                                       {"no-folder/flow.kfl", "cannot write"}};
+  for (const auto& [name, expected] : saves) {
+    HostError err;
+    EXPECT_FALSE(SaveFlowFile(CPipelineDoc(), dir_ / name, &err)) << name;
+    EXPECT_NE(err.message.find(expected), std::string::npos) << err.message;
+    EXPECT_NE(err.message.find(dir_ / name), std::string::npos) << err.message;
+  }
 }
 
 }  // namespace

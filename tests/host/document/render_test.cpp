@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/document/document.h"
+#include "host/document/flow_file.h"
 #include "host/graph/registry.h"
 #include "tests/host/test_tools.h"
 
@@ -20,19 +21,22 @@ using namespace test_tools;
 
 class RenderTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    classes_ = std::make_unique<TestClasses>();
-    doc_ = std::make_unique<CPipelineDoc>();
-  }
-  void TearDown() override {
-    doc_.reset();
-    classes_.reset();
-  }
-  CPipelineDoc& doc() { return *doc_; }
-
-  std::unique_ptr<TestClasses> classes_;
-  std::unique_ptr<CPipelineDoc> doc_;
+  TestClasses classes_;
+  CPipelineDoc doc_;
 };
+
+// A clock feeding an adder's "A", the adder feeding a spread.
+struct Chain {
+  Clock* clock;
+  Adder* adder;
+  Spread* spread;
+};
+Chain MakeChain(CPipelineDoc& doc) {
+  Chain c{Make<Clock>(doc, "TestClock"), Make<Adder>(doc, "TestAdder"), Make<Spread>(doc, "TestSpread")};
+  EXPECT_TRUE(doc.Connect(c.clock->out, c.adder->a));
+  EXPECT_TRUE(doc.Connect(c.adder->out, c.spread->value));
+  return c;
+}
 
 Spline Keys(uint32_t curve, std::initializer_list<std::pair<double, double>> keys) {
   Spline s(curve);
@@ -43,37 +47,30 @@ Spline Keys(uint32_t curve, std::initializer_list<std::pair<double, double>> key
 // --- values ---
 
 TEST_F(RenderTest, ToolsSeeTheirInputsAtTheRequestedTimes) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
-  Adder* adder = Make<Adder>(doc(), "TestAdder");
-  Spread* spread = Make<Spread>(doc(), "TestSpread");
-  ASSERT_TRUE(clock && adder && spread);
-  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
-  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
-
+  const auto [clock, adder, spread] = MakeChain(doc_);
+  const Spline linear = Keys(Spline::Linear, {{0, 0}, {10, 100}});
+  const Spline bezier = Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}});
   const struct {
     const char* what;
-    std::function<void()> set_b;
+    const Spline* b;  // the adder's "B" (a constant 3 where there is none)
     Output* out;
     double time, expected;
   } cases[] = {
-      {"constant", [&] { adder->b->SetValue(new Number(3)); }, adder->out, 5.0, 5.0 + 3.0},
-      {"samples before and after", [&] { adder->b->SetValue(new Number(3)); }, spread->out, 5.0, (4.0 + 3) + (6.0 + 3)},
-      {"linear keys at the request time",
-       [&] { adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 100}})); }, adder->out, 5.0, 5.0 + 50.0},
-      {"held after the last key", [&] { adder->b->SetAnimation(Keys(Spline::Linear, {{0, 0}, {10, 100}})); },
-       adder->out, 30.0, 30.0 + 100.0},
+      {"constant", nullptr, adder->out, 5.0, 5.0 + 3.0},
+      {"samples before and after", nullptr, spread->out, 5.0, (4.0 + 3) + (6.0 + 3)},
+      {"linear keys at the request time", &linear, adder->out, 5.0, 5.0 + 50.0},
+      {"held after the last key", &linear, adder->out, 30.0, 30.0 + 100.0},
       // Handles a third of the way to the next key, flat at the first key and of slope
       // (30 - 0) / 20 at the middle one: the control points (0, 0), (10/3, 0), (20/3, 5),
       // (10, 10) reach x = 5 halfway, where y is (3 * 5 + 10) / 8 = 3.125.
-      {"Bezier keys", [&] { adder->b->SetAnimation(Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}})); },
-       adder->out, 5.0, 5.0 + 3.125},
-      {"Bezier keys at a key", [&] { adder->b->SetAnimation(Keys(Spline::Bezier, {{0, 0}, {10, 10}, {20, 30}})); },
-       adder->out, 10.0, 10.0 + 10.0},
+      {"Bezier keys", &bezier, adder->out, 5.0, 5.0 + 3.125},
+      {"Bezier keys at a key", &bezier, adder->out, 10.0, 10.0 + 10.0},
   };
+  adder->b->SetValue(new Number(3));
   for (const auto& c : cases) {
-    c.set_b();
+    if (c.b) adder->b->SetAnimation(*c.b);
     HostError err;
-    EXPECT_EQ(RenderNumber(doc(), c.out, c.time, &err), c.expected) << c.what << " " << err.message;
+    EXPECT_EQ(RenderNumber(doc_, c.out, c.time, &err), c.expected) << c.what << " " << err.message;
   }
   EXPECT_EQ(spread->slots_seen, 2);
   EXPECT_EQ(spread->times_seen, (std::vector<double>{4.0, 6.0}));
@@ -82,11 +79,7 @@ TEST_F(RenderTest, ToolsSeeTheirInputsAtTheRequestedTimes) {
 // --- the cache ---
 
 TEST_F(RenderTest, EachToolRunsOnceForEachTimeAndKindOfRender) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
-  Adder* adder = Make<Adder>(doc(), "TestAdder");
-  Spread* spread = Make<Spread>(doc(), "TestSpread");
-  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
-  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+  const auto [clock, adder, spread] = MakeChain(doc_);
 
   const struct {
     const char* what;
@@ -107,20 +100,17 @@ TEST_F(RenderTest, EachToolRunsOnceForEachTimeAndKindOfRender) {
   };
   for (const auto& s : steps) {
     HostError err;
-    EXPECT_TRUE(RenderNumber(doc(), s.out, s.time, &err, s.flags).has_value()) << s.what << ": " << err.message;
-    EXPECT_EQ(doc().ProcessCount(clock), s.clock) << s.what;
-    EXPECT_EQ(doc().ProcessCount(adder), s.adder) << s.what;
-    EXPECT_EQ(doc().ProcessCount(spread), s.spread) << s.what;
+    EXPECT_TRUE(RenderNumber(doc_, s.out, s.time, &err, s.flags).has_value()) << s.what << ": " << err.message;
+    EXPECT_EQ(doc_.ProcessCount(clock), s.clock) << s.what;
+    EXPECT_EQ(doc_.ProcessCount(adder), s.adder) << s.what;
+    EXPECT_EQ(doc_.ProcessCount(spread), s.spread) << s.what;
   }
 }
 
 // A change drops the results of the changed tool and of everything downstream of it, and
 // nothing else; the next render shows the change.
 TEST_F(RenderTest, ChangesDropTheResultsDownstreamOfThem) {
-  struct Tools {
-    Clock* clock;
-    Adder* adder;
-    Spread* spread;
+  struct Tools : Chain {
     Clock* other;
   };
   const struct {
@@ -146,10 +136,7 @@ TEST_F(RenderTest, ChangesDropTheResultsDownstreamOfThem) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     CPipelineDoc doc;
-    Tools t{Make<Clock>(doc, "TestClock"), Make<Adder>(doc, "TestAdder"), Make<Spread>(doc, "TestSpread"),
-            Make<Clock>(doc, "TestClock")};
-    ASSERT_TRUE(doc.Connect(t.clock->out, t.adder->a));
-    ASSERT_TRUE(doc.Connect(t.adder->out, t.spread->value));
+    Tools t{MakeChain(doc), Make<Clock>(doc, "TestClock")};
     t.adder->b->SetValue(new Number(3));
     ASSERT_EQ(RenderNumber(doc, t.spread->out, 5.0), 16.0);
     ASSERT_EQ(RenderNumber(doc, t.other->out, 5.0), 5.0);
@@ -168,26 +155,26 @@ TEST_F(RenderTest, ChangesDropTheResultsDownstreamOfThem) {
 // --- inputs a tool does not need ---
 
 TEST_F(RenderTest, AnInputAToolDeclinesIsNeverRendered) {
-  Chooser* chooser = Make<Chooser>(doc(), "TestChooser");
-  Clock* first = Make<Clock>(doc(), "TestClock");
-  Trouble* second = Make<Trouble>(doc(), "TestTrouble");
+  Chooser* chooser = Make<Chooser>(doc_, "TestChooser");
+  Clock* first = Make<Clock>(doc_, "TestClock");
+  Trouble* second = Make<Trouble>(doc_, "TestTrouble");
   ASSERT_TRUE(chooser && first && second);
   first->scale->SetValue(new Number(10));
   second->value->SetValue(new Number(-1));
   second->mode->SetValue(new Number(Trouble::ReturnZero));
-  ASSERT_TRUE(doc().Connect(first->out, chooser->first));
-  ASSERT_TRUE(doc().Connect(second->out, chooser->second));
+  ASSERT_TRUE(doc_.Connect(first->out, chooser->first));
+  ASSERT_TRUE(doc_.Connect(second->out, chooser->second));
 
   HostError err;
-  EXPECT_EQ(RenderNumber(doc(), chooser->out, 2.0, &err), 20.0) << err.message;
-  EXPECT_EQ(doc().ProcessCount(second), 0u) << "a declined input's tool ran";
+  EXPECT_EQ(RenderNumber(doc_, chooser->out, 2.0, &err), 20.0) << err.message;
+  EXPECT_EQ(doc_.ProcessCount(second), 0u) << "a declined input's tool ran";
   EXPECT_FALSE(chooser->dropped_had_value) << "a declined input was handed a value";
 
   chooser->which->SetValue(new Number(1));
   second->mode->SetValue(new Number(Trouble::Pass));
-  EXPECT_EQ(RenderNumber(doc(), chooser->out, 3.0, &err), -1.0) << err.message;
-  EXPECT_EQ(doc().ProcessCount(first), 1u) << "the first tool ran for a render that declined it";
-  EXPECT_EQ(doc().ProcessCount(second), 1u);
+  EXPECT_EQ(RenderNumber(doc_, chooser->out, 3.0, &err), -1.0) << err.message;
+  EXPECT_EQ(doc_.ProcessCount(first), 1u) << "the first tool ran for a render that declined it";
+  EXPECT_EQ(doc_.ProcessCount(second), 1u);
   EXPECT_FALSE(chooser->dropped_had_value);
 }
 
@@ -235,30 +222,26 @@ TEST_F(RenderTest, FailingToolsGiveAMessageAndLeaveTheFlowUsable) {
 }
 
 TEST_F(RenderTest, AnOutputOutsideTheFlowIsRefused) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
+  Clock* clock = Make<Clock>(doc_, "TestClock");
   CPipelineDoc other;
   HostError err;
   EXPECT_EQ(other.Render(clock->out, 0.0, 0, &err).get(), nullptr);
   EXPECT_FALSE(err.message.empty());
   err = {};
-  EXPECT_EQ(doc().Render(nullptr, 0.0, 0, &err).get(), nullptr);
+  EXPECT_EQ(doc_.Render(nullptr, 0.0, 0, &err).get(), nullptr);
   EXPECT_FALSE(err.message.empty());
 }
 
 // --- links ---
 
 TEST_F(RenderTest, LinksThatMakeLoopsOrJoinOtherTypesAreRefused) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
-  Adder* adder = Make<Adder>(doc(), "TestAdder");
-  Spread* spread = Make<Spread>(doc(), "TestSpread");
-  Adder* last = Make<Adder>(doc(), "TestAdder");
-  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
-  Ramp* ramp = dynamic_cast<Ramp*>(doc().AddModifier(clock->scale, "TestRamp"));
-  Operator* blur = doc().CreateTool("Blur");
-  ASSERT_TRUE(clock && adder && spread && last && defaults && ramp && blur);
-  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
-  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
-  ASSERT_TRUE(doc().Connect(spread->out, last->a));
+  const auto [clock, adder, spread] = MakeChain(doc_);
+  Adder* last = Make<Adder>(doc_, "TestAdder");
+  Defaults* defaults = Make<Defaults>(doc_, "TestDefaults");
+  Ramp* ramp = dynamic_cast<Ramp*>(doc_.AddModifier(clock->scale, "TestRamp"));
+  Operator* blur = doc_.CreateTool("Blur");
+  ASSERT_TRUE(last && defaults && ramp && blur);
+  ASSERT_TRUE(doc_.Connect(spread->out, last->a));
 
   const struct {
     const char* what;
@@ -275,165 +258,124 @@ TEST_F(RenderTest, LinksThatMakeLoopsOrJoinOtherTypesAreRefused) {
       {"a number into an image", clock->out, defaults->image},
       {"nothing", nullptr, adder->b},
   };
-  doc().StartUndo("Links");
+  doc_.StartUndo("Links");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Output* before = c.to->Link();
     HostError err;
-    EXPECT_FALSE(doc().Connect(c.from, c.to, &err));
+    EXPECT_FALSE(doc_.Connect(c.from, c.to, &err));
     EXPECT_FALSE(err.message.empty());
     EXPECT_EQ(c.to->Link(), before);
   }
-  doc().EndUndo(1);
-  EXPECT_EQ(doc().UndoName(), "") << "refused links recorded an undo step";
-  EXPECT_TRUE(RenderNumber(doc(), last->out, 2.0).has_value());
+  doc_.EndUndo(1);
+  EXPECT_EQ(doc_.UndoName(), "") << "refused links recorded an undo step";
+  EXPECT_TRUE(RenderNumber(doc_, last->out, 2.0).has_value());
 }
 
 // --- undo ---
 
-std::map<const Input*, InputState> Snapshot(const CPipelineDoc& doc) {
-  std::map<const Input*, InputState> s;
-  for (Operator* op : doc.Tools())
-    for (const auto& in : op->Inputs()) s[in.get()] = in->State();
-  return s;
-}
-
-::testing::AssertionResult SameStates(const std::map<const Input*, InputState>& want, const CPipelineDoc& doc) {
-  for (Operator* op : doc.Tools())
-    for (const auto& in : op->Inputs()) {
-      auto it = want.find(in.get());
-      if (it == want.end()) return ::testing::AssertionFailure() << "new input " << in->Name();
-      const InputState& a = it->second;
-      const InputState& b = in->State();
-      const std::string where = op->Name() + "." + in->Name();
-      if (bool(a.constant) != bool(b.constant) || (a.constant && !a.constant->Equals(*b.constant)))
-        return ::testing::AssertionFailure() << where << ": constant differs";
-      if ((a.animation == nullptr) != (b.animation == nullptr) || (a.animation && !(*a.animation == *b.animation)))
-        return ::testing::AssertionFailure() << where << ": animation differs";
-      if (a.link != b.link) return ::testing::AssertionFailure() << where << ": link differs";
-      if (a.modifier.get() != b.modifier.get() || a.modifier_output != b.modifier_output)
-        return ::testing::AssertionFailure() << where << ": modifier differs";
-    }
-  return ::testing::AssertionSuccess();
-}
-
 TEST_F(RenderTest, ANamedStepUndoesAndRedoesEveryChangeExactly) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
-  Adder* adder = Make<Adder>(doc(), "TestAdder");
-  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
-  Shape* shape = Make<Shape>(doc(), "TestShape");
+  Clock* clock = Make<Clock>(doc_, "TestClock");
+  Adder* adder = Make<Adder>(doc_, "TestAdder");
+  Defaults* defaults = Make<Defaults>(doc_, "TestDefaults");
+  Shape* shape = Make<Shape>(doc_, "TestShape");
   ASSERT_TRUE(clock && adder && defaults && shape);
   adder->b->SetValue(new Number(1));
   shape->SetNodes({1.0, 2.0});
-  ASSERT_EQ(doc().UndoName(), "Edit Shape");
-  const auto before = Snapshot(doc());
-  ASSERT_EQ(RenderNumber(doc(), shape->out, 2.0), 3.0);
-  ASSERT_EQ(RenderNumber(doc(), adder->out, 2.0), 1.0);
+  // A state: its text flow (every value and link, and the shape's nodes), results and step names.
+  const auto expect_state = [&](const std::string& text, double total, double sum, const char* undo,
+                                const char* redo) {
+    EXPECT_EQ(SaveTextFlow(doc_), text);
+    EXPECT_EQ(RenderNumber(doc_, shape->out, 2.0), total) << "a result of another state was kept";
+    EXPECT_EQ(RenderNumber(doc_, adder->out, 2.0), sum);
+    EXPECT_EQ(doc_.UndoName(), undo);
+    EXPECT_EQ(doc_.RedoName(), redo);
+  };
+  const std::string before = SaveTextFlow(doc_);
+  expect_state(before, 3.0, 1.0, "Edit Shape", "");
 
-  doc().StartUndo("Change Values");
+  doc_.StartUndo("Change Values");
   defaults->strength->SetValue(new Number(6));
   defaults->center->SetValue(new Point(0.3f, 0.7f));
   defaults->label->SetValue(new Text("changed"));
   defaults->count->SetAnimation(Keys(Spline::Bezier, {{0, 1}, {4, 9}}));
-  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
+  ASSERT_TRUE(doc_.Connect(clock->out, adder->a));
   adder->b->SetValue(new Number(5));
   adder->b->SetValue(new Number(9));
   shape->gain->SetValue(new Number(2));
   shape->SetNodes({10.0, 20.0, 30.0});
-  doc().EndUndo(1);
+  doc_.EndUndo(1);
 
-  EXPECT_EQ(doc().UndoName(), "Change Values");
-  EXPECT_EQ(doc().RedoName(), "");
-  const auto after = Snapshot(doc());
-  EXPECT_EQ(RenderNumber(doc(), shape->out, 2.0), 120.0);
-  EXPECT_EQ(RenderNumber(doc(), adder->out, 2.0), 11.0);
-
+  const std::string after = SaveTextFlow(doc_);
+  expect_state(after, 120.0, 11.0, "Change Values", "");
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    ASSERT_TRUE(doc().Undo());
-    EXPECT_TRUE(SameStates(before, doc()));
-    EXPECT_EQ(shape->nodes, (std::vector<double>{1.0, 2.0}));
-    EXPECT_EQ(RenderNumber(doc(), shape->out, 2.0), 3.0) << "a result from before the undo was kept";
-    EXPECT_EQ(RenderNumber(doc(), adder->out, 2.0), 1.0);
-    EXPECT_EQ(doc().UndoName(), "Edit Shape");
-    EXPECT_EQ(doc().RedoName(), "Change Values");
-
-    ASSERT_TRUE(doc().Redo());
-    EXPECT_TRUE(SameStates(after, doc()));
-    EXPECT_EQ(shape->nodes, (std::vector<double>{10.0, 20.0, 30.0}));
-    EXPECT_EQ(RenderNumber(doc(), shape->out, 2.0), 120.0);
-    EXPECT_EQ(RenderNumber(doc(), adder->out, 2.0), 11.0);
-    EXPECT_EQ(doc().UndoName(), "Change Values");
-    EXPECT_EQ(doc().RedoName(), "");
+    ASSERT_TRUE(doc_.Undo());
+    expect_state(before, 3.0, 1.0, "Edit Shape", "Change Values");
+    ASSERT_TRUE(doc_.Redo());
+    expect_state(after, 120.0, 11.0, "Change Values", "");
   }
 
   // A new step after an undo ends the redo history.
-  ASSERT_TRUE(doc().Undo());
-  doc().StartUndo("Other");
+  ASSERT_TRUE(doc_.Undo());
+  doc_.StartUndo("Other");
   defaults->strength->SetValue(new Number(1));
-  doc().EndUndo(1);
-  EXPECT_EQ(doc().RedoName(), "");
-  EXPECT_FALSE(doc().Redo());
+  doc_.EndUndo(1);
+  EXPECT_EQ(doc_.RedoName(), "");
+  EXPECT_FALSE(doc_.Redo());
 }
 
 TEST_F(RenderTest, AStepClosedWithoutKeepingIsDropped) {
-  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
-  doc().StartUndo("First");
+  Defaults* defaults = Make<Defaults>(doc_, "TestDefaults");
+  doc_.StartUndo("First");
   defaults->strength->SetValue(new Number(3));
-  doc().EndUndo(1);
-  doc().StartUndo("Scratch");
+  doc_.EndUndo(1);
+  doc_.StartUndo("Scratch");
   defaults->strength->SetValue(new Number(4));
   defaults->count->SetValue(new Number(8));
-  doc().EndUndo(0);
+  doc_.EndUndo(0);
   EXPECT_EQ(CurrentNumber(defaults->strength), 4.0) << "a dropped step keeps its changes";
-  EXPECT_EQ(doc().UndoName(), "First");
-  ASSERT_TRUE(doc().Undo());
+  EXPECT_EQ(doc_.UndoName(), "First");
+  ASSERT_TRUE(doc_.Undo());
   EXPECT_EQ(CurrentNumber(defaults->strength), 2.5);
   EXPECT_EQ(CurrentNumber(defaults->count), 8.0) << "the dropped change was undone with another step";
-  EXPECT_FALSE(doc().Undo());
+  EXPECT_FALSE(doc_.Undo());
 }
 
 TEST_F(RenderTest, NestedStepsFormOneStepNamedByTheOutermost) {
-  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
-  Shape* shape = Make<Shape>(doc(), "TestShape");
-  doc().StartUndo("Outer");
+  Defaults* defaults = Make<Defaults>(doc_, "TestDefaults");
+  Shape* shape = Make<Shape>(doc_, "TestShape");
+  const std::string before = SaveTextFlow(doc_);
+  doc_.StartUndo("Outer");
   defaults->strength->SetValue(new Number(5));
-  doc().StartUndo("Inner");
+  doc_.StartUndo("Inner");
   defaults->count->SetValue(new Number(2));
-  doc().EndUndo(1);
-  EXPECT_TRUE(doc().InUndoStep());
-  EXPECT_FALSE(doc().Undo()) << "undo ran inside an open step";
+  doc_.EndUndo(1);
+  EXPECT_TRUE(doc_.InUndoStep());
+  EXPECT_FALSE(doc_.Undo()) << "undo ran inside an open step";
   shape->SetNodes({4.0});  // the tool's own step, nested
   defaults->label->SetValue(new Text("nested"));
-  doc().EndUndo(1);
-  EXPECT_FALSE(doc().InUndoStep());
-  EXPECT_EQ(doc().UndoName(), "Outer");
+  doc_.EndUndo(1);
+  EXPECT_FALSE(doc_.InUndoStep());
+  EXPECT_EQ(doc_.UndoName(), "Outer");
 
-  ASSERT_TRUE(doc().Undo());
-  EXPECT_EQ(CurrentNumber(defaults->strength), 2.5);
-  EXPECT_EQ(CurrentNumber(defaults->count), 0.0);
-  EXPECT_TRUE(shape->nodes.empty());
-  Ref<Parameter> label = Ref<Parameter>::Adopt(defaults->label->CurrentValue());
-  EXPECT_TRUE(label->Equals(Text("")));
-  EXPECT_FALSE(doc().Undo()) << "the nested steps were kept separately";
+  ASSERT_TRUE(doc_.Undo());
+  EXPECT_EQ(SaveTextFlow(doc_), before);
+  EXPECT_FALSE(doc_.Undo()) << "the nested steps were kept separately";
 }
 
 // --- modifiers ---
 
 TEST_F(RenderTest, AModifierTakesOverAnInputFromItsCurrentValue) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
-  Adder* adder = Make<Adder>(doc(), "TestAdder");
-  Spread* spread = Make<Spread>(doc(), "TestSpread");
-  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
-  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
+  const auto [clock, adder, spread] = MakeChain(doc_);
   adder->b->SetValue(new Number(3));
-  doc().current_time = 6.0;
-  ASSERT_EQ(RenderNumber(doc(), adder->out, 4.0), 7.0);
+  doc_.current_time = 6.0;
+  ASSERT_EQ(RenderNumber(doc_, adder->out, 4.0), 7.0);
 
   HostError err;
-  auto* ramp = dynamic_cast<Ramp*>(doc().AddModifier(adder->b, "TestRamp", &err));
+  auto* ramp = dynamic_cast<Ramp*>(doc_.AddModifier(adder->b, "TestRamp", &err));
   ASSERT_NE(ramp, nullptr) << err.message;
-  EXPECT_EQ(ramp->Document(), &doc());
+  EXPECT_EQ(ramp->Document(), &doc_);
   EXPECT_EQ(ramp->sources_set, 1);
   EXPECT_EQ(ramp->source_value, 3.0) << "SetSource gets the input's current value";
   EXPECT_EQ(ramp->source_time, 6.0);
@@ -442,25 +384,22 @@ TEST_F(RenderTest, AModifierTakesOverAnInputFromItsCurrentValue) {
   EXPECT_EQ(adder->b->Modifier(), ramp);
   EXPECT_EQ(adder->b->ModifierOutput(), ramp->out);
 
-  EXPECT_EQ(RenderNumber(doc(), adder->out, 4.0, &err), 4.0 + 3.0) << err.message;
+  EXPECT_EQ(RenderNumber(doc_, adder->out, 4.0, &err), 4.0 + 3.0) << err.message;
   ramp->rate->SetValue(new Number(2));
-  EXPECT_EQ(RenderNumber(doc(), adder->out, 4.0, &err), 4.0 + 3.0 + 2 * 4.0) << "the modifier's change was not seen";
-  EXPECT_EQ(RenderNumber(doc(), spread->out, 4.0, &err), (3.0 + 3 + 6) + (5.0 + 3 + 10));
-
-  // A modifier feeds its input's tool as a link does: no loops through it.
-  EXPECT_FALSE(doc().Connect(spread->out, ramp->start));
+  EXPECT_EQ(RenderNumber(doc_, adder->out, 4.0, &err), 4.0 + 3.0 + 2 * 4.0) << "the modifier's change was not seen";
+  EXPECT_EQ(RenderNumber(doc_, spread->out, 4.0, &err), (3.0 + 3 + 6) + (5.0 + 3 + 10));
 
   // A modified input's value is there for CheckRequest, and fetched again where it moves it:
   // the ramp gives t, asked for at t - 1 and t + 1.
-  ASSERT_NE(doc().AddModifier(spread->value, "TestRamp", &err), nullptr) << err.message;
+  ASSERT_NE(doc_.AddModifier(spread->value, "TestRamp", &err), nullptr) << err.message;
   dynamic_cast<Ramp*>(spread->value->Modifier())->rate->SetValue(new Number(1));
-  EXPECT_EQ(RenderNumber(doc(), spread->out, 4.0, &err), 3.0 + 5.0) << err.message;
+  EXPECT_EQ(RenderNumber(doc_, spread->out, 4.0, &err), 3.0 + 5.0) << err.message;
   EXPECT_EQ(spread->value_seen_first, 4.0);
 }
 
 TEST_F(RenderTest, AddingAModifierThatCannotDriveTheInputChangesNothing) {
-  Defaults* defaults = Make<Defaults>(doc(), "TestDefaults");
-  const size_t tools = doc().Tools().size();
+  Defaults* defaults = Make<Defaults>(doc_, "TestDefaults");
+  const size_t tools = doc_.Tools().size();
   const struct {
     const char* what;
     Input* in;
@@ -472,39 +411,35 @@ TEST_F(RenderTest, AddingAModifierThatCannotDriveTheInputChangesNothing) {
   };
   for (const auto& c : cases) {
     HostError err;
-    EXPECT_EQ(doc().AddModifier(c.in, c.class_name, &err), nullptr) << c.what;
+    EXPECT_EQ(doc_.AddModifier(c.in, c.class_name, &err), nullptr) << c.what;
     EXPECT_FALSE(err.message.empty()) << c.what;
     EXPECT_EQ(c.in->Source(), ValueSource::Constant) << c.what;
-    EXPECT_EQ(doc().Tools().size(), tools) << c.what << ": a tool was left behind";
+    EXPECT_EQ(doc_.Tools().size(), tools) << c.what << ": a tool was left behind";
   }
   EXPECT_EQ(Ramp::alive, 0);
 }
 
 TEST_F(RenderTest, RemovingAModifiedToolTakesItsModifiersWithIt) {
-  Clock* clock = Make<Clock>(doc(), "TestClock");
-  Adder* adder = Make<Adder>(doc(), "TestAdder");
-  Spread* spread = Make<Spread>(doc(), "TestSpread");
-  ASSERT_TRUE(doc().Connect(clock->out, adder->a));
-  ASSERT_TRUE(doc().Connect(adder->out, spread->value));
-  Operator* on_a = doc().AddModifier(adder->b, "TestRamp");
-  Operator* on_clock = doc().AddModifier(clock->scale, "TestRamp");
+  const auto [clock, adder, spread] = MakeChain(doc_);
+  Operator* on_a = doc_.AddModifier(adder->b, "TestRamp");
+  Operator* on_clock = doc_.AddModifier(clock->scale, "TestRamp");
   ASSERT_TRUE(on_a && on_clock);
   ASSERT_EQ(Ramp::alive, 2);
-  ASSERT_TRUE(RenderNumber(doc(), spread->out, 2.0).has_value());
+  ASSERT_TRUE(RenderNumber(doc_, spread->out, 2.0).has_value());
 
-  doc().RemoveTool(adder);
-  const std::vector<Operator*> left = doc().Tools();
+  doc_.RemoveTool(adder);
+  const std::vector<Operator*> left = doc_.Tools();
   EXPECT_EQ(left, (std::vector<Operator*>{clock, spread, on_clock}));
   EXPECT_EQ(Ramp::alive, 1) << "the removed tool's modifier lives on";
   EXPECT_EQ(spread->value->Link(), nullptr);
   EXPECT_TRUE(clock->out->Targets().empty());
-  EXPECT_EQ(RenderNumber(doc(), spread->out, 2.0), 0.0) << "a stale result of the removed tool was used";
+  EXPECT_EQ(RenderNumber(doc_, spread->out, 2.0), 0.0) << "a stale result of the removed tool was used";
 
   // Removing a modifier itself gives its input back its own value.
-  doc().RemoveTool(on_clock);
+  doc_.RemoveTool(on_clock);
   EXPECT_EQ(Ramp::alive, 0);
   EXPECT_EQ(clock->scale->Source(), ValueSource::Constant);
-  EXPECT_EQ(RenderNumber(doc(), clock->out, 2.0), 2.0);
+  EXPECT_EQ(RenderNumber(doc_, clock->out, 2.0), 2.0);
 }
 
 }  // namespace
