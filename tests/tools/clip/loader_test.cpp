@@ -91,47 +91,40 @@ TEST_F(LoaderTest, RequestTimesMapToClipFrames) {
 
 // What every frame of a text flow's range shows when a Loader is written with only its clip and
 // the inputs of the row: the frames numbered first..last on disk (a still: one file showing
-// `first`), one number taken away where `gap` says, the range perhaps changed after loading.
+// `first`), the range perhaps changed after loading. How a gap shows is MissingFrames'.
 TEST_F(LoaderTest, TextFlowsLayClipsOverTheirRange) {
   const struct {
     const char* what;
     const char* clip;
-    int first, last, gap;
+    int first, last;
     TimeExtent range;
     std::string inputs;
     std::optional<TimeExtent> edit;
     std::vector<std::string> shown;
   } rows[] = {
-      {"a still", "logo.png", 7, 7, 0, {1, 20}, "", {}, Repeat("7", 20)},
-      {"a still, no extension", "logo.png", 7, 7, 0, {1, 3}, R"(, "Extend Last Frame": 0)", {}, {"7", "none", "none"}},
-      {"shorter than the range", "c.####.png", 1, 10, 0, {1, 20}, "", {}, Numbers(1, 10) + Repeat("none", 10)},
-      {"as long as the range", "c.####.png", 1, 20, 0, {1, 20}, "", {}, Numbers(1, 20)},
-      {"longer than the range", "c.####.png", 1, 40, 0, {1, 20}, "", {}, Numbers(1, 20)},
-      {"numbered from 0", "c.####.png", 0, 39, 0, {1, 20}, "", {}, Numbers(0, 19)},
-      {"numbered from 1001", "c.####.png", 1001, 1040, 0, {1, 20}, "", {}, Numbers(1001, 1020)},
-      {"a range from 1001", "c.####.png", 1, 40, 0, {1001, 1020}, "", {}, Numbers(1, 20)},
-      {"a gap, Fail", "c.####.png", 1, 6, 4, {1, 6}, "", {}, {"1", "2", "3", "none", "5", "6"}},
-      {"a gap, Hold Previous", "c.####.png", 1, 6, 4, {1, 6}, R"(, "Missing Frames": "Hold Previous")", {},
-       {"1", "2", "3", "3", "5", "6"}},
-      {"a gap, Output Black", "c.####.png", 1, 6, 4, {1, 6}, R"(, "Missing Frames": "Output Black")", {},
-       {"1", "2", "3", "black 1x1", "5", "6"}},
-      {"reverse", "c.####.png", 1, 40, 0, {1, 20}, R"(, "Reverse": 1)", {}, Numbers(20, 1)},
-      {"loop", "c.####.png", 1, 5, 0, {1, 12}, R"(, "Loop": 1)", {}, Numbers(1, 5) + Numbers(1, 5) + Numbers(1, 2)},
-      {"explicit extents", "c.####.png", 1, 40, 0, {1, 20},
+      {"a still", "logo.png", 7, 7, {1, 20}, "", {}, Repeat("7", 20)},
+      {"a still, no extension", "logo.png", 7, 7, {1, 3}, R"(, "Extend Last Frame": 0)", {}, {"7", "none", "none"}},
+      {"shorter than the range", "c.####.png", 1, 10, {1, 20}, "", {}, Numbers(1, 10) + Repeat("none", 10)},
+      {"longer than the range", "c.####.png", 1, 40, {1, 20}, "", {}, Numbers(1, 20)},
+      {"numbered from 0", "c.####.png", 0, 39, {1, 20}, "", {}, Numbers(0, 19)},
+      {"numbered from 1001", "c.####.png", 1001, 1040, {1, 20}, "", {}, Numbers(1001, 1020)},
+      {"a range from 1001", "c.####.png", 1, 40, {1001, 1020}, "", {}, Numbers(1, 20)},
+      {"reverse", "c.####.png", 1, 40, {1, 20}, R"(, "Reverse": 1)", {}, Numbers(20, 1)},
+      {"loop", "c.####.png", 1, 5, {1, 12}, R"(, "Loop": 1)", {}, Numbers(1, 5) + Numbers(1, 5) + Numbers(1, 2)},
+      {"explicit extents", "c.####.png", 1, 40, {1, 20},
        R"(, "Clip Time Start": 10, "Clip Time End": 29, "Global In": 1, "Global Out": 20)", {}, Numbers(11, 30)},
       // Taken as written: not stretched to the range, not cut to it.
-      {"a short explicit span", "c.####.png", 1, 40, 0, {1, 12}, R"(, "Global In": 5, "Global Out": 8)", {},
+      {"a short explicit span", "c.####.png", 1, 40, {1, 12}, R"(, "Global In": 5, "Global Out": 8)", {},
        Repeat("none", 4) + Numbers(1, 4) + Repeat("none", 4)},
-      {"only a start", "c.####.png", 1, 40, 0, {1, 12}, R"(, "Global In": 5)", {}, Repeat("none", 4) + Numbers(1, 8)},
-      {"the range shortened", "c.####.png", 1, 40, 0, {1, 40}, "", TimeExtent{1, 12}, Numbers(1, 12)},
-      {"the range lengthened", "c.####.png", 1, 10, 0, {1, 10}, "", TimeExtent{1, 12}, Numbers(1, 10) + Repeat("none", 2)},
+      {"only a start", "c.####.png", 1, 40, {1, 12}, R"(, "Global In": 5)", {}, Repeat("none", 4) + Numbers(1, 8)},
+      {"the range shortened", "c.####.png", 1, 40, {1, 40}, "", TimeExtent{1, 12}, Numbers(1, 12)},
+      {"the range lengthened", "c.####.png", 1, 10, {1, 10}, "", TimeExtent{1, 12}, Numbers(1, 10) + Repeat("none", 2)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const fs::path folder = dir_.path() / std::to_string(&row - rows);
     fs::create_directory(folder);
     WriteSequence((folder / row.clip).string(), row.first, row.last);
-    if (row.gap) fs::remove(ClipParameter((folder / row.clip).string()).FramePath(row.gap));
     char range[64];
     std::snprintf(range, sizeof range, "[%g, %g]", row.range.start, row.range.end);
     WriteBytes((folder / "flow.json").string(),
