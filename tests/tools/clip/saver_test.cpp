@@ -86,8 +86,9 @@ TEST_F(SaverTest, WholeFramesAreNumberedAndPadded) {
 
 // Renders with the time step 0.5 of 2 x 1 images a, b, c (wider w). Field 0 goes to the even
 // rows, field 1 to the odd rows; the second field's call writes the frame, numbered int(t).
+// Interactive and preview requests pass the image on and write nothing, not even a field.
 // Written at once or queued on a frame writer, the frames are the same.
-TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
+TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCallAndInteractiveCallsWriteNothing) {
   FrameWriter writer;
   const Ref<Image> a = Numbered(2, 1, 1), b = Numbered(2, 1, 2), c = Numbered(2, 1, 3), w = Numbered(3, 1, 4);
   const Ref<Image> a1 = Numbered(2, 1, 1), b0 = Numbered(2, 1, 2);
@@ -99,6 +100,7 @@ TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
     Ref<Image> img;
     double t;
     std::vector<std::string> files;  // after the call
+    uint32_t flags = 0;
   };
   const struct {
     const char* what;
@@ -121,6 +123,12 @@ TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
        {b_0, b_1, c->Row(0)[0], c->Row(0)[1]}},
       {"two frames", PalFields, {{a, 4, {}}, {b, 4.5, {"4"}}, {b, 5, {"4"}}, {a, 5.5, {"4", "5"}}}, 2, 2,
        {b_0, b_1, a0, a_1}},
+      {"interactive and preview fields", PalFields,
+       {{a, 4, {}, rflag::Interactive}, {b, 4.5, {}, rflag::Interactive}, {a, 4, {}, rflag::Preview},
+        {b, 4.5, {}, rflag::Preview}, {b, 4, {}}, {a, 4.5, {"4"}}},
+       2, 2, {b_0, b_1, a0, a_1}},
+      {"interactive and preview frames", FullFrames, {{a, 4, {}, rflag::Interactive}, {b, 4.5, {}, rflag::Preview}, {c, 5, {"5"}}},
+       2, 1, {c->Row(0)[0], c->Row(0)[1]}},
   };
   for (const auto& k : cases)
     for (FrameWriter* queue_on : {static_cast<FrameWriter*>(nullptr), &writer}) {
@@ -135,7 +143,7 @@ TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
           StartRender(saver, 0.5);
           continue;
         }
-        EXPECT_EQ(Feed(saver, s.img, s.t).get(), s.img.get()) << s.t;
+        EXPECT_EQ(Feed(saver, s.img, s.t, s.flags).get(), s.img.get()) << s.t;
         std::vector<std::string> files;
         for (const std::string& n : s.files) files.push_back("out." + n + ".png");
         EXPECT_EQ(dir_.Files(sub), files) << s.t;
@@ -145,28 +153,6 @@ TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCall) {
       EXPECT_EQ((std::pair{last->Width(), last->Height()}), (std::pair{k.w, k.h}));
       EXPECT_EQ(Words(last), k.frame);
     }
-}
-
-// Interactive and preview requests pass the image on and write nothing, not even a field.
-TEST_F(SaverTest, InteractiveRequestsNeverWrite) {
-  const Ref<Image> a = Numbered(2, 1, 1), b = Numbered(2, 1, 2);
-  for (const int mode : {FullFrames, PalFields}) {
-    for (const uint32_t flags : {rflag::Interactive, rflag::Preview}) {
-      SCOPED_TRACE("mode " + std::to_string(mode) + ", flags " + std::to_string(flags));
-      const std::string sub = Sub(std::to_string(mode) + "-" + std::to_string(flags));
-      Operator* saver = Saver(dir_ / (sub + "/out.####.png"), mode, 0.5);
-      ASSERT_TRUE(saver);
-      EXPECT_EQ(Feed(saver, a, 4, flags).get(), a.get());
-      EXPECT_EQ(Feed(saver, b, 4.5, flags).get(), b.get());
-      EXPECT_EQ(dir_.Files(sub), std::vector<std::string>{});
-      if (mode == PalFields) {  // a real pair still makes frame 4 of its own fields
-        Feed(saver, b, 4);
-        Feed(saver, a, 4.5);
-        EXPECT_EQ(Words(ReadNumber(dir_ / (sub + "/out.####.png"), 4)),
-                  (std::vector<uint32_t>{b->Row(0)[0], b->Row(0)[1], a->Row(0)[0], a->Row(0)[1]}));
-      }
-    }
-  }
 }
 
 // A refused write gives no output, one noted failure naming the frame's file, and no new file,
