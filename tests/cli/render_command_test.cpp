@@ -121,7 +121,6 @@ TEST_F(RenderCommandTest, TheExampleFlowAndItsConversionsRenderTheSameFrames) {
     ASSERT_EQ(runs[i].status, 0) << runs[i].err;
     const auto lines = Lines(runs[i].err);
     ASSERT_EQ(lines.size(), 8u) << runs[i].err;
-    EXPECT_TRUE(Contains(lines[0], "frame 1 done")) << lines[0];
     EXPECT_TRUE(Contains(lines[7], "frame 8 done")) << lines[7];
     EXPECT_TRUE(FilesIn(dir_, "form" + std::to_string(i) + "/out") == FilesIn(dir_, "form0/out"));
   }
@@ -326,9 +325,10 @@ TEST_F(RenderCommandTest, AFrameThatCannotBeWrittenGivesStatus1) {
   EXPECT_EQ(dir_.Files(), (std::vector<std::string>{"blocked0.json", "blocked1.json", "blocker", "grade.json", "late", "media"}));
 }
 
-// Resize and Crop between the example clip (160 x 90) and a Saver write frames of their size,
-// Resize at the proxy size in a proxy render; a size past the image limit fails its frame
-// with status 1, naming the tool and the size, and writes nothing.
+// Resize and Crop between the example clip (160 x 90) and a Saver write frames of their size in
+// a proxy render: Resize at the proxy size, Crop of the frames the Loader leaves whole at its own
+// (their other sizes are resize_crop_test's). A size past the image limit fails its frame with
+// status 1, naming the tool and the size, and writes nothing.
 TEST_F(RenderCommandTest, ResizeAndCropWriteFramesOfTheirSize) {
   const struct {
     const char* tool;
@@ -336,9 +336,7 @@ TEST_F(RenderCommandTest, ResizeAndCropWriteFramesOfTheirSize) {
     const char* proxy;
     int status, width, height;
   } cases[] = {
-      {"Resize", R"("Width": 80, "Height": 45)", "1", 0, 80, 45},
       {"Resize", R"("Width": 80, "Height": 45)", "2", 0, 40, 22},
-      {"Crop", R"("X Offset": 10, "Y Offset": 5, "X Size": 64, "Y Size": 32)", "1", 0, 64, 32},
       {"Crop", R"("X Offset": 150, "Y Offset": 80, "X Size": 64, "Y Size": 32)", "2", 0, 64, 32},
       {"Resize", R"("Width": 100000, "Height": 100000)", "1", 1, 0, 0},
   };
