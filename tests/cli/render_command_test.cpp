@@ -218,7 +218,8 @@ TEST_F(RenderCommandTest, FramesPastTheClipSayWhy) {
   std::vector<std::vector<std::string>> commands;
   for (size_t i = 0; i < std::size(rows); ++i) {
     const std::string name = "past" + std::to_string(i);
-    commands.push_back({"render", WriteFlow(name + ".json", {name + "/f.####.png"}, rows[i].loader_inputs, rows[i].range)});
+    const fs::path flow = WriteFlow(name + ".json", {name + "/f.####.png"}, rows[i].loader_inputs, rows[i].range);
+    commands.push_back({"render", flow.string()});
   }
   const auto runs = RunAll(commands);
   for (size_t i = 0; i < std::size(rows); ++i) {
@@ -268,11 +269,12 @@ TEST_F(RenderCommandTest, WrongCommandsAndFlowsGiveStatus2) {
       {{"render", grade, "-F", "1.5-3"}, {"-F 1.5-3"}},
       {{"render", grade, "-F", "5-12"}, {"-F 5-12", "frames 9-12 lie outside the range 1-8", "grade.json"}},
       {{"render", grade, "-F", "0-12x4"}, {"frames 0 and 9-12 lie outside"}},
-      {{"render", flow("class.json", loader + ", " + saver + R"(, "Blur1": {"class": "Blurr"})")}, {"class.json", "Blurr"}},
-      {{"render", flow("label.json", loader + R"(, "Saver1": {"class": "Saver", "inputs": {"File Name": "out/a.png"}})")},
+      {{"render", flow("class.json", loader + ", " + saver + R"(, "Blur1": {"class": "Blurr"})")},
+       {"class.json", "Blurr"}},
+      {{"render", flow("label.json", loader + R"(, "Saver1": {"class": "Saver", "inputs": {"File Name": "a.png"}})")},
        {"label.json", "File Name"}},
-      {{"render", flow("clip.json", saver + R"(, "Loader1": {"class": "Loader", "inputs": {"Filename": "media/shot.####.png"}})")},
-       {"clip.json", R"(tool "Loader1", input "Filename")", "media/shot.####.png", "no frames"}},
+      {{"render", flow("clip.json", saver + R"(, "Loader1": {"class": "Loader", "inputs": {"Filename": "a.#.png"}})")},
+       {"clip.json", R"(tool "Loader1", input "Filename")", "a.#.png", "no frames"}},
       {{"render", flow("saver.json", loader)}, {"saver.json", "no Saver"}},
   };
   std::vector<std::vector<std::string>> commands;

@@ -305,11 +305,12 @@ TEST_F(LoaderTest, ChangingTheClipSelectsAllOfIt) {
 
 // Over global frames 0..20 with a clip of 10 frames, an extension is cut to what fits, and a
 // change that would carry the Loader past frame 20 is undone by the changed clip bound or, for
-// any other input, by moving the Loader earlier.
+// any other input, by moving the Loader earlier. A range that shrinks under the Loader takes
+// the excess off the last extension, then the clip span (one frame stays), then the first.
 TEST_F(LoaderTest, ChangesStayWithinTheGlobalRange) {
-  doc_.SetRenderRange({0, 20});
   WriteSequence(dir_ / "ten.####.png", 0, 9);
   using Settings = std::vector<std::pair<const char*, double>>;
+  const Settings extended{{"Extend First Frame", 3}, {"Extend Last Frame", 4}};  // frames 0..16
   const struct {
     const char* what;
     Settings setup;
@@ -331,41 +332,28 @@ TEST_F(LoaderTest, ChangesStayWithinTheGlobalRange) {
       {"clip start held at the end", {{"Extend First Frame", 8}, {"Clip Time End", 5}, {"Clip Time Start", 5}, {"Global In", 15}},
        {"Clip Time Start", 0}, 8, 0, 5, 5, 15, 20},
       {"another input", {{"Global In", 15}}, {"Reverse", 1}, 0, 0, 0, 9, 11, 20},
+      {"range end 16: nothing to cut", extended, {"range end", 16}, 3, 4, 0, 9, 0, 16},
+      {"range end 12", extended, {"range end", 12}, 3, 0, 0, 9, 0, 12},
+      {"range end 5", extended, {"range end", 5}, 3, 0, 0, 2, 0, 5},
+      {"range end 2", extended, {"range end", 2}, 2, 0, 0, 0, 0, 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
+    doc_.SetRenderRange({0, 20});
     Operator* op = Loader(dir_ / "ten.####.png");
     ASSERT_TRUE(op);
     for (const auto& [label, v] : c.setup) Set(op, label, v);
-    Set(op, c.change.first, c.change.second);
+    if (c.change.first == std::string("range end")) {
+      doc_.SetRenderRange({0, c.change.second});
+    } else {
+      Set(op, c.change.first, c.change.second);
+    }
     EXPECT_EQ((std::vector{Get(op, "Extend First Frame"), Get(op, "Extend Last Frame"), Get(op, "Clip Time Start"),
                            Get(op, "Clip Time End"), Get(op, "Global In"), Get(op, "Global Out")}),
               (std::vector{c.ef, c.el, c.cs, c.ce, c.gin, c.gout}));
     for (Input* g : {In(op, "Global In"), In(op, "Global Out")})
       EXPECT_EQ((std::pair{g->GetAttrD(srcattr::ExtendFirst, -1), g->GetAttrD(srcattr::ExtendLast, -1)}),
                 (std::pair{c.ef, c.el}));
-    doc_.RemoveTool(op);
-  }
-}
-
-// The global range shrinks to end at E under a Loader at 0 covering 3 + 10 + 4 frames: the
-// excess comes off the last extension, then the clip span (one frame stays), then the first;
-// Global Out follows.
-TEST_F(LoaderTest, ShrinkingTheGlobalRange) {
-  WriteSequence(dir_ / "ten.####.png", 0, 9);
-  for (const auto& [end, ef, el, ce] : std::vector<std::tuple<double, double, double, double>>{
-           {16, 3, 4, 9}, {12, 3, 0, 9}, {5, 3, 0, 2}, {2, 2, 0, 0}}) {
-    SCOPED_TRACE("range end " + std::to_string(end));
-    doc_.SetRenderRange({0, 100});
-    Operator* op = Loader(dir_ / "ten.####.png");
-    ASSERT_TRUE(op);
-    Set(op, "Extend First Frame", 3);
-    Set(op, "Extend Last Frame", 4);
-    doc_.SetRenderRange({0, end});
-    EXPECT_EQ((std::vector{Get(op, "Extend First Frame"), Get(op, "Extend Last Frame"), Get(op, "Clip Time End")}),
-              (std::vector{ef, el, ce}));
-    EXPECT_EQ(Get(op, "Global Out"), std::min(end, 16.0));
-    EXPECT_EQ(In(op, "Global Out")->GetAttrD(srcattr::ExtendLast, -1), el);
     doc_.RemoveTool(op);
   }
 }

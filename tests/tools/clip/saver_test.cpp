@@ -127,8 +127,9 @@ TEST_F(SaverTest, FieldsMakeFramesOnTheSecondCallAndInteractiveCallsWriteNothing
        {{a, 4, {}, rflag::Interactive}, {b, 4.5, {}, rflag::Interactive}, {a, 4, {}, rflag::Preview},
         {b, 4.5, {}, rflag::Preview}, {b, 4, {}}, {a, 4.5, {"4"}}},
        2, 2, {b_0, b_1, a0, a_1}},
-      {"interactive and preview frames", FullFrames, {{a, 4, {}, rflag::Interactive}, {b, 4.5, {}, rflag::Preview}, {c, 5, {"5"}}},
-       2, 1, {c->Row(0)[0], c->Row(0)[1]}},
+      {"interactive and preview frames", FullFrames,
+       {{a, 4, {}, rflag::Interactive}, {b, 4.5, {}, rflag::Preview}, {c, 5, {"5"}}}, 2, 1,
+       {c->Row(0)[0], c->Row(0)[1]}},
   };
   for (const auto& k : cases)
     for (FrameWriter* queue_on : {static_cast<FrameWriter*>(nullptr), &writer}) {
