@@ -91,47 +91,40 @@ TEST_F(LoaderTest, RequestTimesMapToClipFrames) {
 
 // What every frame of a text flow's range shows when a Loader is written with only its clip and
 // the inputs of the row: the frames numbered first..last on disk (a still: one file showing
-// `first`), one number taken away where `gap` says, the range perhaps changed after loading.
+// `first`), the range perhaps changed after loading. How a gap shows is MissingFrames'.
 TEST_F(LoaderTest, TextFlowsLayClipsOverTheirRange) {
   const struct {
     const char* what;
     const char* clip;
-    int first, last, gap;
+    int first, last;
     TimeExtent range;
     std::string inputs;
     std::optional<TimeExtent> edit;
     std::vector<std::string> shown;
   } rows[] = {
-      {"a still", "logo.png", 7, 7, 0, {1, 20}, "", {}, Repeat("7", 20)},
-      {"a still, no extension", "logo.png", 7, 7, 0, {1, 3}, R"(, "Extend Last Frame": 0)", {}, {"7", "none", "none"}},
-      {"shorter than the range", "c.####.png", 1, 10, 0, {1, 20}, "", {}, Numbers(1, 10) + Repeat("none", 10)},
-      {"as long as the range", "c.####.png", 1, 20, 0, {1, 20}, "", {}, Numbers(1, 20)},
-      {"longer than the range", "c.####.png", 1, 40, 0, {1, 20}, "", {}, Numbers(1, 20)},
-      {"numbered from 0", "c.####.png", 0, 39, 0, {1, 20}, "", {}, Numbers(0, 19)},
-      {"numbered from 1001", "c.####.png", 1001, 1040, 0, {1, 20}, "", {}, Numbers(1001, 1020)},
-      {"a range from 1001", "c.####.png", 1, 40, 0, {1001, 1020}, "", {}, Numbers(1, 20)},
-      {"a gap, Fail", "c.####.png", 1, 6, 4, {1, 6}, "", {}, {"1", "2", "3", "none", "5", "6"}},
-      {"a gap, Hold Previous", "c.####.png", 1, 6, 4, {1, 6}, R"(, "Missing Frames": "Hold Previous")", {},
-       {"1", "2", "3", "3", "5", "6"}},
-      {"a gap, Output Black", "c.####.png", 1, 6, 4, {1, 6}, R"(, "Missing Frames": "Output Black")", {},
-       {"1", "2", "3", "black 1x1", "5", "6"}},
-      {"reverse", "c.####.png", 1, 40, 0, {1, 20}, R"(, "Reverse": 1)", {}, Numbers(20, 1)},
-      {"loop", "c.####.png", 1, 5, 0, {1, 12}, R"(, "Loop": 1)", {}, Numbers(1, 5) + Numbers(1, 5) + Numbers(1, 2)},
-      {"explicit extents", "c.####.png", 1, 40, 0, {1, 20},
+      {"a still", "logo.png", 7, 7, {1, 20}, "", {}, Repeat("7", 20)},
+      {"a still, no extension", "logo.png", 7, 7, {1, 3}, R"(, "Extend Last Frame": 0)", {}, {"7", "none", "none"}},
+      {"shorter than the range", "c.####.png", 1, 10, {1, 20}, "", {}, Numbers(1, 10) + Repeat("none", 10)},
+      {"longer than the range", "c.####.png", 1, 40, {1, 20}, "", {}, Numbers(1, 20)},
+      {"numbered from 0", "c.####.png", 0, 39, {1, 20}, "", {}, Numbers(0, 19)},
+      {"numbered from 1001", "c.####.png", 1001, 1040, {1, 20}, "", {}, Numbers(1001, 1020)},
+      {"a range from 1001", "c.####.png", 1, 40, {1001, 1020}, "", {}, Numbers(1, 20)},
+      {"reverse", "c.####.png", 1, 40, {1, 20}, R"(, "Reverse": 1)", {}, Numbers(20, 1)},
+      {"loop", "c.####.png", 1, 5, {1, 12}, R"(, "Loop": 1)", {}, Numbers(1, 5) + Numbers(1, 5) + Numbers(1, 2)},
+      {"explicit extents", "c.####.png", 1, 40, {1, 20},
        R"(, "Clip Time Start": 10, "Clip Time End": 29, "Global In": 1, "Global Out": 20)", {}, Numbers(11, 30)},
       // Taken as written: not stretched to the range, not cut to it.
-      {"a short explicit span", "c.####.png", 1, 40, 0, {1, 12}, R"(, "Global In": 5, "Global Out": 8)", {},
+      {"a short explicit span", "c.####.png", 1, 40, {1, 12}, R"(, "Global In": 5, "Global Out": 8)", {},
        Repeat("none", 4) + Numbers(1, 4) + Repeat("none", 4)},
-      {"only a start", "c.####.png", 1, 40, 0, {1, 12}, R"(, "Global In": 5)", {}, Repeat("none", 4) + Numbers(1, 8)},
-      {"the range shortened", "c.####.png", 1, 40, 0, {1, 40}, "", TimeExtent{1, 12}, Numbers(1, 12)},
-      {"the range lengthened", "c.####.png", 1, 10, 0, {1, 10}, "", TimeExtent{1, 12}, Numbers(1, 10) + Repeat("none", 2)},
+      {"only a start", "c.####.png", 1, 40, {1, 12}, R"(, "Global In": 5)", {}, Repeat("none", 4) + Numbers(1, 8)},
+      {"the range shortened", "c.####.png", 1, 40, {1, 40}, "", TimeExtent{1, 12}, Numbers(1, 12)},
+      {"the range lengthened", "c.####.png", 1, 10, {1, 10}, "", TimeExtent{1, 12}, Numbers(1, 10) + Repeat("none", 2)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const fs::path folder = dir_.path() / std::to_string(&row - rows);
     fs::create_directory(folder);
     WriteSequence((folder / row.clip).string(), row.first, row.last);
-    if (row.gap) fs::remove(ClipParameter((folder / row.clip).string()).FramePath(row.gap));
     char range[64];
     std::snprintf(range, sizeof range, "[%g, %g]", row.range.start, row.range.end);
     WriteBytes((folder / "flow.json").string(),
@@ -312,11 +305,12 @@ TEST_F(LoaderTest, ChangingTheClipSelectsAllOfIt) {
 
 // Over global frames 0..20 with a clip of 10 frames, an extension is cut to what fits, and a
 // change that would carry the Loader past frame 20 is undone by the changed clip bound or, for
-// any other input, by moving the Loader earlier.
+// any other input, by moving the Loader earlier. A range that shrinks under the Loader takes
+// the excess off the last extension, then the clip span (one frame stays), then the first.
 TEST_F(LoaderTest, ChangesStayWithinTheGlobalRange) {
-  doc_.SetRenderRange({0, 20});
   WriteSequence(dir_ / "ten.####.png", 0, 9);
   using Settings = std::vector<std::pair<const char*, double>>;
+  const Settings extended{{"Extend First Frame", 3}, {"Extend Last Frame", 4}};  // frames 0..16
   const struct {
     const char* what;
     Settings setup;
@@ -338,41 +332,28 @@ TEST_F(LoaderTest, ChangesStayWithinTheGlobalRange) {
       {"clip start held at the end", {{"Extend First Frame", 8}, {"Clip Time End", 5}, {"Clip Time Start", 5}, {"Global In", 15}},
        {"Clip Time Start", 0}, 8, 0, 5, 5, 15, 20},
       {"another input", {{"Global In", 15}}, {"Reverse", 1}, 0, 0, 0, 9, 11, 20},
+      {"range end 16: nothing to cut", extended, {"range end", 16}, 3, 4, 0, 9, 0, 16},
+      {"range end 12", extended, {"range end", 12}, 3, 0, 0, 9, 0, 12},
+      {"range end 5", extended, {"range end", 5}, 3, 0, 0, 2, 0, 5},
+      {"range end 2", extended, {"range end", 2}, 2, 0, 0, 0, 0, 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
+    doc_.SetRenderRange({0, 20});
     Operator* op = Loader(dir_ / "ten.####.png");
     ASSERT_TRUE(op);
     for (const auto& [label, v] : c.setup) Set(op, label, v);
-    Set(op, c.change.first, c.change.second);
+    if (c.change.first == std::string("range end")) {
+      doc_.SetRenderRange({0, c.change.second});
+    } else {
+      Set(op, c.change.first, c.change.second);
+    }
     EXPECT_EQ((std::vector{Get(op, "Extend First Frame"), Get(op, "Extend Last Frame"), Get(op, "Clip Time Start"),
                            Get(op, "Clip Time End"), Get(op, "Global In"), Get(op, "Global Out")}),
               (std::vector{c.ef, c.el, c.cs, c.ce, c.gin, c.gout}));
     for (Input* g : {In(op, "Global In"), In(op, "Global Out")})
       EXPECT_EQ((std::pair{g->GetAttrD(srcattr::ExtendFirst, -1), g->GetAttrD(srcattr::ExtendLast, -1)}),
                 (std::pair{c.ef, c.el}));
-    doc_.RemoveTool(op);
-  }
-}
-
-// The global range shrinks to end at E under a Loader at 0 covering 3 + 10 + 4 frames: the
-// excess comes off the last extension, then the clip span (one frame stays), then the first;
-// Global Out follows.
-TEST_F(LoaderTest, ShrinkingTheGlobalRange) {
-  WriteSequence(dir_ / "ten.####.png", 0, 9);
-  for (const auto& [end, ef, el, ce] : std::vector<std::tuple<double, double, double, double>>{
-           {16, 3, 4, 9}, {12, 3, 0, 9}, {5, 3, 0, 2}, {2, 2, 0, 0}}) {
-    SCOPED_TRACE("range end " + std::to_string(end));
-    doc_.SetRenderRange({0, 100});
-    Operator* op = Loader(dir_ / "ten.####.png");
-    ASSERT_TRUE(op);
-    Set(op, "Extend First Frame", 3);
-    Set(op, "Extend Last Frame", 4);
-    doc_.SetRenderRange({0, end});
-    EXPECT_EQ((std::vector{Get(op, "Extend First Frame"), Get(op, "Extend Last Frame"), Get(op, "Clip Time End")}),
-              (std::vector{ef, el, ce}));
-    EXPECT_EQ(Get(op, "Global Out"), std::min(end, 16.0));
-    EXPECT_EQ(In(op, "Global Out")->GetAttrD(srcattr::ExtendLast, -1), el);
     doc_.RemoveTool(op);
   }
 }
