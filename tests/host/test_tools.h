@@ -331,10 +331,7 @@ class Shape final : public TestTool<kShapeId> {
     EndUndo(1);
   }
 
-  UndoState* SaveState() override {
-    ++states_saved;
-    return new State(nodes);
-  }
+  UndoState* SaveState() override { return new State(nodes); }
   void RestoreState(UndoState* state) override {
     if (auto* s = dynamic_cast<State*>(state)) nodes = s->nodes;
   }
@@ -347,7 +344,6 @@ class Shape final : public TestTool<kShapeId> {
   Input* gain;
   Output* out;
   std::vector<double> nodes;
-  int states_saved = 0;
 
  protected:
   void SaveFields(CArchive* ar) override {
