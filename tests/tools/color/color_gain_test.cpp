@@ -2,7 +2,6 @@
 // values is away from 1; values typed past the slider's end pass on, below 0 they are held.
 #include <gtest/gtest.h>
 
-#include <tuple>
 #include <utility>
 
 #include "tests/tools/color/color_fixture.h"
@@ -39,15 +38,12 @@ TEST_F(ColorGainTest, GainGammaSaturation) {
     Picture* src = Flat(1, 1, px);
     Operator* gain = Tool("ColorGain");
     Link(src, gain, "Image");
-    std::string what;
-    for (const auto& [label, v] : c.values) {
-      Set(gain, label, v);
-      what += std::string(label) + " " + std::to_string(v) + "; ";
-    }
+    SCOPED_TRACE(testing::PrintToString(c.values));
+    for (const auto& [label, v] : c.values) Set(gain, label, v);
     Ref<Image> out = Render(gain);
-    ASSERT_TRUE(out) << what;
-    EXPECT_NE(out.get(), src->image.get()) << what;
-    EXPECT_EQ(Pixels(*out), std::vector{c.expected}) << what;
+    ASSERT_TRUE(out);
+    EXPECT_NE(out.get(), src->image.get());
+    EXPECT_EQ(Pixels(*out), std::vector{c.expected});
   }
 }
 

@@ -1,6 +1,6 @@
 // Dissolve: the five operations worked out by hand on one pixel pair, the wrap of a mix typed
-// past 1, the common area, a single image passed on as it is, and the random patterns re-drawn
-// from the C runtime's generator.
+// past 1, the common area, a single image passed on as it is, and the random patterns kept or
+// re-drawn. (The draws themselves, seed 0 at time 0 in row order: row_kernels_test.cpp.)
 #include <gtest/gtest.h>
 
 #include "tests/tools/color/color_fixture.h"
@@ -21,14 +21,6 @@ class DissolveTest : public ColorToolTest {
     return d;
   }
 };
-
-// Which of `count` pixels take the foreground: state = state * 214013 + 2531011, draw = bits
-// 16..30, the foreground when the draw is below k.
-std::vector<bool> Pattern(uint32_t seed, int count, int k) {
-  std::vector<bool> out;
-  for (int i = 0; i < count; ++i) out.push_back(int((seed = seed * 214013u + 2531011u) >> 16 & 0x7FFF) < k);
-  return out;
-}
 
 constexpr Pixel F{200, 100, 10, 255}, B{10, 50, 100, 200}, Black{0, 0, 0, 255};
 
@@ -70,16 +62,6 @@ TEST_F(DissolveTest, OneImagePassesOnAsItIs) {
     EXPECT_EQ(Render(Dissolve(bg, nullptr, operation, 1)).get(), bg->image.get()) << operation;
     EXPECT_FALSE(Render(Dissolve(nullptr, nullptr, operation, .5))) << operation;
   }
-}
-
-// Seed 0 at time 0, one draw per pixel of the 5 x 3 common area row by row, k = trunc(0.3 *
-// 32767) + 1; the background's last row is outside the area and stays zero.
-TEST_F(DissolveTest, RandomNoiseAtTimeZeroSeedsWithZero) {
-  const Pixel fg{1, 2, 3, 4}, bg{5, 6, 7, 8};
-  const std::vector<bool> take = Pattern(0, 15, 9831);
-  std::vector<Pixel> expected(20, Pixel{});
-  for (size_t i = 0; i < 15; ++i) expected[i] = take[i] ? fg : bg;
-  EXPECT_EQ(RenderPixels(Dissolve(Flat(5, 4, bg), Flat(7, 3, fg), 4, .3)), expected);
 }
 
 // "Random" keeps one pattern for the tool's life; "Random Noise" changes it with the time. Every

@@ -16,7 +16,29 @@ namespace kestrion::test {
 namespace {
 
 const std::string kAdditive = "Subtractive" + std::string(36, ' ') + "Additive";
-using MergeTest = ColorToolTest;
+
+// The Merge inputs and the images' own settings that place the foreground.
+struct Placement {
+  float cx = 0.5f, cy = 0.5f;
+  double size = 1, angle = 0, additive = 0, alpha_gain = 1;
+  float fg_x_aspect = 1, fg_origin_x = 0.5f, fg_origin_y = 0.5f;
+  float bg_x_aspect = 1, bg_origin_x = 0.5f, bg_origin_y = 0.5f;
+};
+
+class MergeTest : public ColorToolTest {
+ protected:
+  Operator* Merge(Picture* fg, Picture* bg, const Placement& p) {
+    Operator* merge = Tool("Merge");
+    Link(fg, merge, "Foreground");
+    Link(bg, merge, "Image");
+    In(merge, "Center")->SetValue(new Point(p.cx, p.cy));
+    Set(merge, "Size", p.size);
+    Set(merge, "Angle", p.angle);
+    Set(merge, kAdditive, p.additive);
+    Set(merge, "Alpha Gain", p.alpha_gain);
+    return merge;
+  }
+};
 
 constexpr Pixel P{100, 150, 250, 200};  // the background everywhere
 constexpr Pixel F0{10, 20, 30, 255}, F1{40, 50, 60, 0}, F2{200, 100, 50, 128};
@@ -31,37 +53,30 @@ TEST_F(MergeTest, PlacesAndMixesTheForeground) {
     int fw, fh;
     std::vector<Pixel> fg;
     int bw, bh;
-    double size, angle, cx, additive, alpha_gain;
+    Placement p;
     uint32_t flags;
     std::vector<Pixel> expected;
   } cases[] = {
-      {"identity", 3, 1, {F0, F1, F2}, 3, 1, 1, 0, .5, 0, 1, 0, {F0, P, {148, 123, 148, 227}}},
-      {"identity, quick", 3, 1, {F0, F1, F2}, 3, 1, 1, 0, .5, 0, 1, rflag::Quick, {F0, P, {148, 123, 148, 227}}},
-      {"additive", 3, 1, {F0, F1, F2}, 3, 1, 1, 0, .5, 1, 1, 0, {F0, P, {248, 173, 173, 227}}},
-      {"A = 127", 3, 1, {F0, F1, F2}, 3, 1, 1, 0, .5, .5, 1, 0, {F0, P, {198, 148, 160, 227}}},
+      {"identity", 3, 1, {F0, F1, F2}, 3, 1, {}, 0, {F0, P, {148, 123, 148, 227}}},
+      {"identity, quick", 3, 1, {F0, F1, F2}, 3, 1, {}, rflag::Quick, {F0, P, {148, 123, 148, 227}}},
+      {"additive", 3, 1, {F0, F1, F2}, 3, 1, {.additive = 1}, 0, {F0, P, {248, 173, 173, 227}}},
+      {"A = 127", 3, 1, {F0, F1, F2}, 3, 1, {.additive = .5}, 0, {F0, P, {198, 148, 160, 227}}},
       // G = 128: alpha' is (255*128 + 127) >> 8 = 127 for F0 and 64 for F2.
-      {"alpha gain 0.5", 3, 1, {F0, F1, F2}, 3, 1, 1, 0, .5, 0, .5, 0, {{53, 83, 138, 227}, P, {123, 135, 198, 213}}},
-      {"smaller foreground", 2, 1, {G0, G1}, 4, 1, 1, 0, .5, 0, 1, 0, {G0, G1, P, P}},
-      {"centre a pixel right", 2, 1, {G0, G1}, 4, 1, 1, 0, .75, 0, 1, 0, {P, G0, G1, P}},
+      {"alpha gain 0.5", 3, 1, {F0, F1, F2}, 3, 1, {.alpha_gain = .5}, 0,
+       {{53, 83, 138, 227}, P, {123, 135, 198, 213}}},
+      {"smaller foreground", 2, 1, {G0, G1}, 4, 1, {}, 0, {G0, G1, P, P}},
+      {"centre a pixel right", 2, 1, {G0, G1}, 4, 1, {.cx = .75f}, 0, {P, G0, G1, P}},
       // Half-pixel steps: x = 1 reads (G0 + G1 + 1) >> 1; x = 3 reads G1 half with the black
       // past the edge, (26, 26, 26, 128), which mixes over P.
-      {"size 2", 2, 1, {G0, G1}, 4, 1, 2, 0, .5, 0, 1, 0, {G0, {31, 31, 31, 255}, G1, {61, 86, 136, 227}}},
+      {"size 2", 2, 1, {G0, G1}, 4, 1, {.size = 2}, 0, {G0, {31, 31, 31, 255}, G1, {61, 86, 136, 227}}},
       // Nearest: (128 + 128) >> 8 = 1 reads G1; (384 + 128) >> 8 = 2 is outside.
-      {"size 2, quick", 2, 1, {G0, G1}, 4, 1, 2, 0, .5, 0, 1, rflag::Quick, {G0, G1, G1, P}},
+      {"size 2, quick", 2, 1, {G0, G1}, 4, 1, {.size = 2}, rflag::Quick, {G0, G1, G1, P}},
       // Output (x, y) reads the foreground at (-y, x): its first column lies along row 0.
-      {"angle 90", 2, 2, {G0, F0, G1, F2}, 2, 2, 1, 90, .5, 0, 1, 0, {G0, G1, P, P}},
+      {"angle 90", 2, 2, {G0, F0, G1, F2}, 2, 2, {.angle = 90}, 0, {G0, G1, P, P}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    Operator* merge = Tool("Merge");
-    Link(Source(c.fw, c.fh, c.fg), merge, "Foreground");
-    Link(Flat(c.bw, c.bh, P), merge, "Image");
-    In(merge, "Center")->SetValue(new Point(float(c.cx), 0.5f));
-    Set(merge, "Size", c.size);
-    Set(merge, "Angle", c.angle);
-    Set(merge, kAdditive, c.additive);
-    Set(merge, "Alpha Gain", c.alpha_gain);
-    Ref<Image> out = Render(merge, 0, c.flags);
+    Ref<Image> out = Render(Merge(Source(c.fw, c.fh, c.fg), Flat(c.bw, c.bh, P), c.p), 0, c.flags);
     ASSERT_TRUE(out);
     EXPECT_EQ(std::pair(out->Width(), out->Height()), std::pair(c.bw, c.bh));
     EXPECT_EQ(Pixels(*out), c.expected);
@@ -94,14 +109,6 @@ TEST_F(MergeTest, HiddenForegroundPassesTheBackgroundOn) {
 }
 
 // --- The rows against the per-pixel path ---
-
-// The Merge inputs and the images' own settings that place the foreground.
-struct Placement {
-  float cx = 0.5f, cy = 0.5f;
-  double size = 1, angle = 0, additive = 0, alpha_gain = 1;
-  float fg_x_aspect = 1, fg_origin_x = 0.5f, fg_origin_y = 0.5f;
-  float bg_x_aspect = 1, bg_origin_x = 0.5f, bg_origin_y = 0.5f;
-};
 
 // Merge as it was first written, every pixel sampled on its own with DoSample_Black, its
 // position stepped from the row start, then mixed; the reference for the rows.
@@ -151,7 +158,7 @@ std::vector<Pixel> Noise(std::mt19937& random, int n) {
   return out;
 }
 
-class MergeRowsTest : public ColorToolTest {
+class MergeRowsTest : public MergeTest {
  protected:
   // Merges fg_w x fg_h over bg_w x bg_h of noise, full and quick, and expects the bytes of the
   // per-pixel path.
@@ -166,15 +173,7 @@ class MergeRowsTest : public ColorToolTest {
     bg->image->origin_y = p.bg_origin_y;
     for (long quality : {1L, 0L}) {
       SCOPED_TRACE(quality == 0 ? "quick" : "full");
-      Operator* merge = Tool("Merge");
-      Link(fg, merge, "Foreground");
-      Link(bg, merge, "Image");
-      In(merge, "Center")->SetValue(new Point(p.cx, p.cy));
-      Set(merge, "Size", p.size);
-      Set(merge, "Angle", p.angle);
-      Set(merge, kAdditive, p.additive);
-      Set(merge, "Alpha Gain", p.alpha_gain);
-      EXPECT_EQ(RenderPixels(merge, 0, quality == 0 ? rflag::Quick : 0),
+      EXPECT_EQ(RenderPixels(Merge(fg, bg, p), 0, quality == 0 ? rflag::Quick : 0),
                 PerPixelMerge(*fg->image, *bg->image, p, quality));
     }
   }

@@ -20,8 +20,6 @@ namespace kestrion::test {
 namespace {
 
 const std::string kMix = "Background" + std::string(31, ' ') + "Foreground";
-// 17 rows make two bands, so every render also starts a band part way down.
-constexpr int kLongestRow = 67, kRows = 17;
 
 // --- scalar references, one pixel at a time ---
 
@@ -94,42 +92,14 @@ uint32_t ConvertedPixel(int conversion, uint32_t p) {
 
 // --- the tools rendered on random rows ---
 
-class RowKernelTest : public ColorToolTest {
- protected:
-  Picture* RandomSource(int w, int h) {
-    std::vector<Pixel> pixels(size_t(w * h));
-    for (Pixel& p : pixels) p = Pixel::FromWord(uint32_t(random_()));
-    return Source(w, h, pixels);
-  }
-  // For every row length: random images and the tool over them (the foreground linked where the
-  // tool has one); then for each of `settings` settings, set(tool, setting) and the render
-  // compared with expected(setting, background words, foreground words).
-  void CheckEveryLength(const char* tool, int settings, const std::function<void(Operator*, int)>& set,
-                        const std::function<Vec(int, const Vec&, const Vec&)>& expected) {
-    for (int w = 1; w <= kLongestRow; ++w) {
-      Picture* bg = RandomSource(w, kRows);
-      Picture* fg = RandomSource(w, kRows);
-      Operator* op = Tool(tool);
-      Link(bg, op, "Image");
-      if (In(op, "Foreground")) Link(fg, op, "Foreground");
-      for (int setting = 0; setting < settings; ++setting) {
-        set(op, setting);
-        const Ref<Image> out = Render(op);
-        ASSERT_TRUE(out) << "width " << w;
-        ASSERT_EQ(Words(*out), expected(setting, Words(*bg->image), Words(*fg->image)))
-            << "width " << w << ", setting " << setting;
-      }
-    }
-  }
-  template <class Fn>
-  static Vec PerPixel(const Vec& bg, const Vec& fg, Fn fn) {
-    Vec out;
-    for (size_t i = 0; i < bg.size(); ++i) out.push_back(fn(bg[i], fg[i]));
-    return out;
-  }
+template <class Fn>
+Vec PerPixel(const Vec& bg, const Vec& fg, Fn fn) {
+  Vec out;
+  for (size_t i = 0; i < bg.size(); ++i) out.push_back(fn(bg[i], fg[i]));
+  return out;
+}
 
-  std::mt19937 random_{20261124};
-};
+using RowKernelTest = RandomRowsTest;
 
 TEST_F(RowKernelTest, ChannelBooleansMatchesTheReference) {
   const std::vector<std::vector<int>> selectors = {{0, 1, 2, 3}, {2, 4, 3, 1}, {3, 3, 0, 4}};
@@ -139,7 +109,7 @@ TEST_F(RowKernelTest, ChannelBooleansMatchesTheReference) {
   const auto operation = [](int setting) { return setting / 12; };
   const auto blend = [&](int setting) { return blends[setting / 3 % 4]; };
   const auto selector = [&](int setting) { return selectors[size_t(setting % 3)]; };
-  CheckEveryLength(
+  CheckEveryWidth(
       "BoolImg", 17 * 12,
       [&](Operator* op, int setting) {
         Set(op, "Operation", operation(setting));
@@ -147,7 +117,7 @@ TEST_F(RowKernelTest, ChannelBooleansMatchesTheReference) {
         const char* labels[] = {"Red", "Green", "Blue", "Alpha"};
         for (size_t c = 0; c < 4; ++c) Set(op, labels[c], selector(setting)[c]);
       },
-      [&](int setting, const Vec& bg, const Vec& fg) {
+      [&](int setting, const Vec& bg, const Vec& fg, int, int) {
         return PerPixel(bg, fg, [&](uint32_t b, uint32_t f) {
           return BooleansPixel(operation(setting), int(blend(setting) * 255.0), selector(setting), f, b);
         });
@@ -156,13 +126,13 @@ TEST_F(RowKernelTest, ChannelBooleansMatchesTheReference) {
 
 TEST_F(RowKernelTest, DissolveBlendsMatchTheReference) {
   const double mixes[] = {0.0, 0.3, 0.5, 0.97, 1.0, 2.0};
-  CheckEveryLength(
+  CheckEveryWidth(
       "Dissolve", 3 * 6,
       [&](Operator* op, int setting) {
         Set(op, "Operation", setting / 6);
         Set(op, kMix, mixes[setting % 6]);
       },
-      [&](int setting, const Vec& bg, const Vec& fg) {
+      [&](int setting, const Vec& bg, const Vec& fg, int, int) {
         const uint32_t m = uint32_t(int32_t(mixes[setting % 6] * 32768.0));
         return PerPixel(bg, fg, [&](uint32_t b, uint32_t f) { return DissolvePixel(setting / 6, m, f, b); });
       });
@@ -172,13 +142,13 @@ TEST_F(RowKernelTest, DissolveBlendsMatchTheReference) {
 // the render leaves the generator just after its last draw.
 TEST_F(RowKernelTest, DissolveRandomDrawsInRowOrder) {
   const double mixes[] = {0.2, 0.5, 0.9};
-  CheckEveryLength(
+  CheckEveryWidth(
       "Dissolve", 3,
       [&](Operator* op, int setting) {
         Set(op, "Operation", 4);
         Set(op, kMix, mixes[setting]);
       },
-      [&](int setting, const Vec& bg, const Vec& fg) {
+      [&](int setting, const Vec& bg, const Vec& fg, int, int) {
         const int after_render = crt_rand();
         const int k = int(mixes[setting] * 32767.0) + 1;
         crt_srand(0);
@@ -200,12 +170,12 @@ TEST_F(RowKernelTest, ColorGainMatchesTheReference) {
   // Saturations that fixed-point products cannot take: the tables' kernel.
   settings[10][8] = 9.5f;
   settings[11][10] = 12.0f;
-  CheckEveryLength(
+  CheckEveryWidth(
       "ColorGain", int(settings.size()),
       [&](Operator* op, int setting) {
         for (size_t i = 0; i < 11; ++i) Set(op, labels[i], settings[size_t(setting)][i]);
       },
-      [&](int setting, const Vec& bg, const Vec&) {
+      [&](int setting, const Vec& bg, const Vec&, int, int) {
         const float* v = settings[size_t(setting)].data();
         return PerPixel(bg, bg, [&](uint32_t p, uint32_t) {
           return SaturateByDoubles(GammaByDoubles(GainByDoubles(p, v), v + 4), v + 8);
@@ -215,9 +185,9 @@ TEST_F(RowKernelTest, ColorGainMatchesTheReference) {
 
 TEST_F(RowKernelTest, ColorSpaceMatchesTheReference) {
   const int conversions[] = {0, 1, 2, 3, 4, 7};
-  CheckEveryLength(
+  CheckEveryWidth(
       "ColorSpace", 6, [&](Operator* op, int setting) { Set(op, "Color Space Conversion", conversions[setting]); },
-      [&](int setting, const Vec& bg, const Vec&) {
+      [&](int setting, const Vec& bg, const Vec&, int, int) {
         return PerPixel(bg, bg, [&](uint32_t p, uint32_t) { return ConvertedPixel(conversions[setting], p); });
       });
 }

@@ -156,7 +156,7 @@ TEST_F(BlurTest, EveryKernelMatchesDirectSums) {
         Set(op, "Blend", blends[setting % 2]);
         SetSwitches(op, switches[setting / 2 % 2]);
       },
-      [&](int setting, const Vec& img, int w, int h) {
+      [&](int setting, const Vec& img, const Vec&, int w, int h) {
         const double r = double(float(sizes[setting % 3])) * w / 320.0;
         return ReferenceBlur(setting / 3, r, r, blends[setting % 2], switches[setting / 2 % 2], img, w, h);
       });

@@ -10,19 +10,8 @@
 namespace kestrion::test {
 namespace {
 
-class CustomFilterTest : public FilterToolTest {
- protected:
-  Operator* Custom(Picture* src, int size = 3, const std::vector<int>& block = std::vector<int>(9, 1)) {
-    Operator* op = Tool("UserFilter");
-    Link(src, op, "Image");
-    In(op, "Matrix")->SetValue(new LookUpTable(filter_matrix::OfBlock(size, block)));
-    return op;
-  }
-};
+using CustomFilterTest = FilterToolTest;
 
-// The default 3 x 3 mean, S / 9. Rows (each of one value) 0, 0, 90, 0: the three rows above
-// repeat row 2, so row 0 takes a third of it; the corner pixels also read a clear corner of
-// the padding.
 // A new tool's matrix is the 3 x 3 identity: size code 0, the centre weight 9 of nine.
 TEST_F(CustomFilterTest, TheDefaultMatrixIsTheIdentity) {
   std::vector<uint16_t> expected(54, 1);
@@ -32,54 +21,56 @@ TEST_F(CustomFilterTest, TheDefaultMatrixIsTheIdentity) {
   EXPECT_EQ(In(Tool("UserFilter"), "Matrix")->ValueAs<LookUpTable>()->entries, expected);
 }
 
-TEST_F(CustomFilterTest, PaddingRepeatsRowTwoAndLeavesCornersClear) {
-  const std::vector<int> rows = {0, 0, 0, 0, 0, 0, 90, 90, 90, 0, 0, 0};
-  EXPECT_EQ(RenderPixels(Custom(Source(3, 4, Greys(rows)))), Greys({20, 30, 20, 30, 30, 30, 30, 30, 30, 30, 30, 30}));
-  EXPECT_EQ(RenderPixels(Custom(Flat(3, 3, Grey(90)))), Greys({80, 90, 80, 90, 90, 90, 80, 90, 80}));
-}
-
-// A single weight of 1 (N = 256, so v = S): on the right of the middle row it reads the pixel
-// to the left (column -1 repeats column 1); at the top of the middle column it reads the row
-// above (row -1 repeats row 2).
-TEST_F(CustomFilterTest, MirroredAcrossOnly) {
-  EXPECT_EQ(RenderPixels(Custom(Source(3, 1, Greys({10, 20, 30})), 3, {0, 0, 0, 0, 0, 1, 0, 0, 0})),
-            Greys({20, 10, 20}));
-  EXPECT_EQ(RenderPixels(Custom(Source(1, 4, Greys({10, 20, 30, 40})), 3, {0, 1, 0, 0, 0, 0, 0, 0, 0})),
-            Greys({30, 10, 20, 30}));
-}
-
-// A Laplacian sums to 0, so N = 256: v = S, a dark centre goes below 0 and is held there; the
-// floor level adds F = trunc(floor x 256) before holding.
-TEST_F(CustomFilterTest, ZeroSumFloorAndNormalize) {
+TEST_F(CustomFilterTest, MatricesWorkedByHand) {
+  const std::vector<int> mean(9, 1), right = {0, 0, 0, 0, 0, 1, 0, 0, 0}, top = {0, 1, 0, 0, 0, 0, 0, 0, 0};
   const std::vector<int> laplacian = {0, -1, 0, -1, 4, -1, 0, -1, 0};
-  const std::vector<int> dark = {50, 50, 50, 50, 0, 50, 50, 50, 50};
-  EXPECT_EQ(RenderPixels(Custom(Source(3, 3, Greys(dark)), 3, laplacian))[4], Grey(0));
-  Operator* floor = Custom(Flat(2, 2, Grey(40)), 3, laplacian);
-  Set(floor, "Floor level", 0.5);
-  EXPECT_EQ(RenderPixels(floor)[3], Grey(128));
-  Set(floor, "Floor level", 1.0);
-  EXPECT_EQ(RenderPixels(floor)[3], Grey(255));
-  // Nz = trunc(0.5 x 255) = 127, N = 9 x 129: 810 x 256 / 1161 = 178.
-  Operator* gain = Custom(Flat(3, 3, Grey(90)));
-  Set(gain, "Normalize", 0.5);
-  EXPECT_EQ(RenderPixels(gain)[4], Grey(178));
-}
-
-// Normalize 1 (Nz 255) leaves N = 1: a bright top row and right neighbour under weights of 127
-// give v = 4 x 127 x 255 x 256, and 256 (v + F) wraps in 32 bits to a negative, held at 0.
-TEST_F(CustomFilterTest, ProductsWrapInThirtyTwoBits) {
-  Operator* op = Custom(Source(3, 3, Greys({255, 255, 255, 0, 0, 255, 0, 0, 0})), 3,
-                        {127, 127, 127, 127, 1, -127, -127, -127, -127});
-  Set(op, "Normalize", 1.0);
-  EXPECT_EQ(RenderPixels(op)[4], Grey(0));
-}
-
-// Blend 0.5 (Bl 128): (s x 128 + 128 (v + F)) >> 8; switched-off channels keep the source.
-TEST_F(CustomFilterTest, BlendAndSwitches) {
-  Operator* op = Custom(Source(3, 1, Greys({10, 20, 30})), 3, {0, 0, 0, 0, 0, 1, 0, 0, 0});
-  Set(op, "Blend", 0.5);
-  SetSwitches(op, 1 | 4);
-  EXPECT_EQ(RenderPixels(op), (std::vector<Pixel>{{15, 10, 15, 10}, {15, 20, 15, 20}, {25, 30, 25, 30}}));
+  const struct {
+    const char* what;
+    int w, h;
+    std::vector<int> greys, block;
+    double normalize, floor, blend;
+    int switches;
+    int at;  // the one pixel compared, or -1 for all
+    std::vector<Pixel> expected;
+  } cases[] = {
+      // The mean S / 9. Rows 0, 0, 90, 0: the rows above repeat row 2, so row 0 takes a third of
+      // it; the corner pixels also read a clear corner of the padding.
+      {"padding repeats row 2", 3, 4, {0, 0, 0, 0, 0, 0, 90, 90, 90, 0, 0, 0}, mean, 0, 0, 1, 15, -1,
+       Greys({20, 30, 20, 30, 30, 30, 30, 30, 30, 30, 30, 30})},
+      {"padding corners are clear", 3, 3, std::vector<int>(9, 90), mean, 0, 0, 1, 15, -1,
+       Greys({80, 90, 80, 90, 90, 90, 80, 90, 80})},
+      // A single weight of 1 (N = 256, so v = S): on the right of the middle row it reads the
+      // pixel to the left (column -1 repeats column 1); at the top of the middle column it reads
+      // the row above (row -1 repeats row 2).
+      {"mirrored across", 3, 1, {10, 20, 30}, right, 0, 0, 1, 15, -1, Greys({20, 10, 20})},
+      {"not mirrored down", 1, 4, {10, 20, 30, 40}, top, 0, 0, 1, 15, -1, Greys({30, 10, 20, 30})},
+      // A Laplacian sums to 0, so N = 256: v = S, a dark centre goes below 0 and is held there;
+      // the floor level adds F = trunc(floor x 256) before holding.
+      {"zero sum, held at 0", 3, 3, {50, 50, 50, 50, 0, 50, 50, 50, 50}, laplacian, 0, 0, 1, 15, 4, {Grey(0)}},
+      {"floor 0.5", 2, 2, std::vector<int>(4, 40), laplacian, 0, 0.5, 1, 15, 3, {Grey(128)}},
+      {"floor 1", 2, 2, std::vector<int>(4, 40), laplacian, 0, 1, 1, 15, 3, {Grey(255)}},
+      // Nz = trunc(0.5 x 255) = 127, N = 9 x 129: 810 x 256 / 1161 = 178.
+      {"normalize 0.5", 3, 3, std::vector<int>(9, 90), mean, 0.5, 0, 1, 15, 4, {Grey(178)}},
+      // Nz 255 leaves N = 1: a bright top row and right neighbour under weights of 127 give v =
+      // 4 x 127 x 255 x 256, and 256 (v + F) wraps in 32 bits to a negative, held at 0.
+      {"products wrap in 32 bits", 3, 3, {255, 255, 255, 0, 0, 255, 0, 0, 0},
+       {127, 127, 127, 127, 1, -127, -127, -127, -127}, 1, 0, 1, 15, 4, {Grey(0)}},
+      // Blend 0.5 (Bl 128): (s x 128 + 128 (v + F)) >> 8; switched-off channels keep the source.
+      {"blend and switches", 3, 1, {10, 20, 30}, right, 0, 0, 0.5, 1 | 4, -1,
+       {{15, 10, 15, 10}, {15, 20, 15, 20}, {25, 30, 25, 30}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Operator* op = Tool("UserFilter");
+    Link(Source(c.w, c.h, Greys(c.greys)), op, "Image");
+    In(op, "Matrix")->SetValue(new LookUpTable(filter_matrix::OfBlock(3, c.block)));
+    Set(op, "Normalize", c.normalize);
+    Set(op, "Floor level", c.floor);
+    Set(op, "Blend", c.blend);
+    SetSwitches(op, c.switches);
+    const std::vector<Pixel> got = RenderPixels(op);
+    EXPECT_EQ(c.at < 0 ? got : std::vector{got.at(size_t(c.at))}, c.expected);
+  }
 }
 
 // --- the reference: the padded source read pixel by pixel ---
@@ -146,7 +137,9 @@ TEST_F(CustomFilterTest, RandomMatricesMatchTheReference) {
         Set(op, "Blend", s.blend);
         SetSwitches(op, s.switches);
       },
-      [&](int setting, const Vec& img, int w, int h) { return ReferenceCustom(settings[size_t(setting)], img, w, h); });
+      [&](int setting, const Vec& img, const Vec&, int w, int h) {
+        return ReferenceCustom(settings[size_t(setting)], img, w, h);
+      });
 }
 
 }  // namespace

@@ -3,9 +3,6 @@
 // matrices refused with a message that names the tool and the input.
 #include <gtest/gtest.h>
 
-#include <memory>
-
-#include "host/document/flow_file.h"
 #include "tests/tools/filter/filter_fixture.h"
 
 namespace kestrion::test {
@@ -43,30 +40,27 @@ const std::string kFlow = R"({"kestrion": 1, "tools": {
 // Laplacian of one pixel is 0.
 TEST(FilterToolFlow, EachToolRendersFromATextFlow) {
   PictureClass pictures;
-  HostError err;
-  std::unique_ptr<CPipelineDoc> doc = LoadTextFlow(kFlow, ".", &err);
-  ASSERT_TRUE(doc) << err.message;
-  dynamic_cast<Picture*>(doc->FindTool("Pic"))->image = MakeFrame(1, 1, Rows::Owned, {Grey(100).Word()}).image;
+  std::unique_ptr<CPipelineDoc> doc = LoadFlow(kFlow);
+  ASSERT_TRUE(doc);
+  SetPicture(*doc, "Pic", 1, 1, {Grey(100)});
   const std::pair<const char*, int> cases[] = {{"Blur1", 100},    {"Glow1", 191},   {"Readable", 228},
                                                {"Array", 75},     {"Filter1", 0},   {"Motion1", 100}};
   for (const auto& [tool, expected] : cases) {
-    Ref<Parameter> v = doc->Render(doc->FindTool(tool)->Outputs()[0].get(), 1.0, 0, &err);
-    auto* img = dynamic_cast<Image*>(v.get());
-    ASSERT_NE(img, nullptr) << tool << ": " << err.message;
+    const Ref<Image> img = RenderFlowTool(*doc, tool);
+    ASSERT_TRUE(img) << tool;
     EXPECT_EQ(Pixels(*img), std::vector{Grey(expected)}) << tool;
   }
 }
 
 TEST(FilterToolFlow, MatricesAreSavedReadableWhereTheyCanBe) {
   PictureClass pictures;
-  HostError err;
-  std::unique_ptr<CPipelineDoc> doc = LoadTextFlow(kFlow, ".", &err);
-  ASSERT_TRUE(doc) << err.message;
+  std::unique_ptr<CPipelineDoc> doc = LoadFlow(kFlow);
+  ASSERT_TRUE(doc);
   const std::string text = SaveTextFlow(*doc);
   EXPECT_NE(text.find(R"("weights": [)"), std::string::npos) << text;
   EXPECT_NE(text.find("-128"), std::string::npos) << text;  // the array form, kept as written
-  std::unique_ptr<CPipelineDoc> again = LoadTextFlow(text, ".", &err);
-  ASSERT_TRUE(again) << err.message;
+  std::unique_ptr<CPipelineDoc> again = LoadFlow(text);
+  ASSERT_TRUE(again);
   EXPECT_EQ(SaveTextFlow(*again), text);
 }
 

@@ -128,7 +128,7 @@ TEST_F(GlowTest, EveryModeMatchesDirectSums) {
         Set(op, "Blend", blends[setting % 2]);
         Set(op, "Glow", glows[setting / 2 % 3]);
       },
-      [&](int setting, const Vec& img, int w, int h) {
+      [&](int setting, const Vec& img, const Vec&, int w, int h) {
         return ReferenceGlow(setting / 3, sizes[setting % 3], blends[setting % 2], glows[setting / 2 % 3], img, w, h);
       });
 }

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host/base/random.h"
-#include "tests/tools/warp/radial_warp_fixture.h"
+#include "tests/tools/warp/warp_fixture.h"
 #include "tests/tools/warp/radial_warp_references.h"
 
 namespace kestrion::test {
@@ -33,44 +33,43 @@ class RadialWarpRowsTest : public RadialWarpTest {
     return pic;
   }
 
-  // The tool's output as words, row after row (a mask's value in all four bytes).
-  std::vector<uint32_t> RenderWords(Operator* op, bool quick) {
-    Ref<Image> out = Render(op, 0, quick ? rflag::Quick : 0);
-    return out ? Unchanged(*out) : std::vector<uint32_t>{};
+  // The tool over `src`, its numbers set and its centre at (cx, cy), against the reference's words
+  // (a mask's value in all four bytes).
+  void Expect(const char* tool, Picture* src, const Numbers& numbers, float cx, float cy, bool quick,
+              const std::vector<uint32_t>& expected) {
+    SCOPED_TRACE(testing::Message() << tool << " " << testing::PrintToString(numbers) << " at " << cx << ", " << cy
+                                    << (quick ? ", quick" : ""));
+    Ref<Image> out = Render(Warp(tool, src, numbers, cx, cy), 0, quick ? rflag::Quick : 0);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(Unchanged(*out), expected);
   }
 
+  // Ripple's random shape draws from the generator as the reference does, and leaves it where the
+  // reference does.
   void ExpectRipple(Picture* src, const RippleSettings& s, bool quick) {
-    SCOPED_TRACE(testing::Message() << "Ripple shape " << s.shape << " at " << s.cx << ", " << s.cy << " amplitude "
-                                    << s.amplitude << " dampening " << s.dampening << " frequency " << s.frequency
-                                    << " phase " << s.phase << (quick ? " quick" : ""));
-    Operator* op = Warp("Drip", src,
-                        {{"Shape", s.shape}, {"Amplitude", s.amplitude}, {"Dampening", s.dampening},
-                         {"Frequency", s.frequency}, {"Phase", s.phase}}, s.cx, s.cy);
     crt_srand(11);
     const std::vector<uint32_t> expected = RippleReference(*src->image, s, quick);
     const int next = crt_rand();
     crt_srand(11);
-    EXPECT_EQ(RenderWords(op, quick), expected);
+    Expect("Drip", src,
+           {{"Shape", s.shape}, {"Amplitude", s.amplitude}, {"Dampening", s.dampening}, {"Frequency", s.frequency},
+            {"Phase", s.phase}},
+           s.cx, s.cy, quick, expected);
     EXPECT_EQ(crt_rand(), next) << "the generator is left elsewhere";
   }
 
   void ExpectVortex(Picture* src, const VortexSettings& s, bool quick) {
-    SCOPED_TRACE(testing::Message() << "Vortex at " << s.cx << ", " << s.cy << " size " << s.size << " angle "
-                                    << s.angle << " power " << s.power << (quick ? " quick" : ""));
-    Operator* op = Warp("Vortex", src, {{"Size", s.size}, {"Angle", s.angle}, {"Power", s.power}}, s.cx, s.cy);
-    EXPECT_EQ(RenderWords(op, quick), VortexReference(*src->image, s, quick));
+    Expect("Vortex", src, {{"Size", s.size}, {"Angle", s.angle}, {"Power", s.power}}, s.cx, s.cy, quick,
+           VortexReference(*src->image, s, quick));
   }
 
   void ExpectDent(Picture* src, const DentSettings& s, bool quick) {
-    SCOPED_TRACE(testing::Message() << "Dent type " << s.type << " at " << s.cx << ", " << s.cy << " size " << s.size
-                                    << " strength " << s.strength << (quick ? " quick" : ""));
-    Operator* op = Warp("Dent", src, {{"Type", s.type}, {"Size", s.size}, {"Strength", s.strength}}, s.cx, s.cy);
-    EXPECT_EQ(RenderWords(op, quick), DentReference(*src->image, s, quick));
+    Expect("Dent", src, {{"Type", s.type}, {"Size", s.size}, {"Strength", s.strength}}, s.cx, s.cy, quick,
+           DentReference(*src->image, s, quick));
   }
 
   void ExpectCoordinateSpace(Picture* src, int shape) {
-    SCOPED_TRACE(testing::Message() << "Coordinate Space shape " << shape);
-    EXPECT_EQ(RenderWords(Warp("CoordSpace", src, {{"Shape", shape}}), false), CoordinateSpaceReference(*src->image, shape));
+    Expect("CoordSpace", src, {{"Shape", shape}}, 0.5f, 0.5f, false, CoordinateSpaceReference(*src->image, shape));
   }
 
   std::mt19937 random_{29};

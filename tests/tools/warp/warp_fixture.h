@@ -1,9 +1,11 @@
-// What the warp tests share: the flow fixture of the colour tools, and sources whose pixels
-// encode their own position, so that an output pixel names the source pixel it came from.
+// What the warp tests share: the flow fixture of the colour tools, sources whose pixels encode
+// their own position, so that an output pixel names the source pixel it came from, and a tool
+// rendered over a picture with its inputs set.
 #pragma once
 
 #include <functional>
 #include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -40,5 +42,28 @@ inline std::vector<Pixel> Noise(std::mt19937& random, int n) {
   for (int k = 0; k < n; ++k) out.push_back(Pixel::FromWord(uint32_t(random())));
   return out;
 }
+
+using Numbers = std::vector<std::pair<std::string, double>>;
+
+class RadialWarpTest : public WarpTest {
+ protected:
+  Picture* CoordinateSource(int w, int h) { return Source(w, h, Coordinates(w, h)); }
+
+  // A tool of the class over `src`, its numbers set by label and its centre at (cx, cy) where it
+  // has one.
+  Operator* Warp(const char* tool, Picture* src, const Numbers& numbers, float cx = 0.5f, float cy = 0.5f) {
+    Operator* op = Tool(tool);
+    Link(src, op, "Image");
+    for (const auto& [label, value] : numbers) Set(op, label, value);
+    if (Input* centre = In(op, "Center")) centre->SetValue(new Point(cx, cy));
+    return op;
+  }
+
+  // Pixel (x, y) of the tool's output.
+  Pixel RenderedAt(Operator* op, int x, int y, uint32_t flags = 0) {
+    Ref<Image> out = Render(op, 0, flags);
+    return out ? Pixel::FromWord(out->Row(y)[x]) : Pixel{};
+  }
+};
 
 }  // namespace kestrion::test

@@ -1,11 +1,11 @@
-// The geometry tools from a text flow: each renders one 8 x 8 source, quick, as its inputs
-// there say; its output's size and pixel (1, 1) show it.
+// The geometry tools from a text flow, each rendering one 8 x 8 coordinate source, quick, as its
+// inputs there say: the moving tools' outputs show it by their size and pixel (1, 1), the radial
+// warps' by their references.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <utility>
 
-#include "host/document/flow_file.h"
+#include "tests/tools/warp/radial_warp_references.h"
 #include "tests/tools/warp/warp_fixture.h"
 
 namespace kestrion::test {
@@ -13,8 +13,7 @@ namespace {
 
 TEST(WarpToolFlow, EachToolRendersFromATextFlow) {
   PictureClass pictures;
-  HostError err;
-  std::unique_ptr<CPipelineDoc> doc = LoadTextFlow(R"({"kestrion": 1, "tools": {
+  std::unique_ptr<CPipelineDoc> doc = LoadFlow(R"({"kestrion": 1, "tools": {
       "Source": {"class": "TestPicture"},
       "Transform1": {"class": "Transform", "inputs": {"Flip Horiz": 1, "Centre": [0.5, 0.5], "Image": "Source"}},
       "Resize1": {"class": "Resize", "inputs": {"Width": 2, "Height": 2, "Image": "Source"}},
@@ -22,29 +21,43 @@ TEST(WarpToolFlow, EachToolRendersFromATextFlow) {
       "CornerPin1": {"class": "CornerPin", "inputs": {"Top Left": [0, 0], "Top Right": [1, 0],
                      "Bottom Left": [0, 1], "Bottom Right": [1, 1], "Image": "Source"}},
       "PerspectivePin1": {"class": "PerspectivePin", "inputs": {"Top Left": [0, 0], "Top Right": [1, 0],
-                          "Bottom Left": [0, 1], "Bottom Right": [1, 1], "Image": "Source"}}}})",
-                                                   ".", &err);
-  ASSERT_TRUE(doc) << err.message;
-  dynamic_cast<Picture*>(doc->FindTool("Source"))->image = MakeFrame(8, 8, Rows::Owned, [] {
-    std::vector<uint32_t> words;
-    for (const Pixel& p : Coordinates(8, 8)) words.push_back(p.Word());
-    return words;
-  }()).image;
+                          "Bottom Left": [0, 1], "Bottom Right": [1, 1], "Image": "Source"}},
+      "Ripple1": {"class": "Drip", "inputs": {"Shape": "Radial", "Amplitude": 0.4, "Frequency": 30, "Image": "Source"}},
+      "Vortex1": {"class": "Vortex", "inputs": {"Center": [0.4, 0.6], "Angle": 270, "Image": "Source"}},
+      "Polar1": {"class": "CoordSpace", "inputs": {"Shape": "Polar to Rectangular", "Image": "Source"}},
+      "Dent1": {"class": "Dent", "inputs": {"Type": "Kaleidascope", "Size": 0.8, "Image": "Source"}}}})");
+  ASSERT_TRUE(doc);
+  SetPicture(*doc, "Source", 8, 8, Coordinates(8, 8));
   const struct {
     const char* tool;
     int w, h;
     Pixel at_1_1;
-  } cases[] = {
+  } moved[] = {
       {"Transform1", 8, 8, At(6, 1)}, {"Resize1", 2, 2, At(4, 4)}, {"Crop1", 5, 4, At(2, 3)},
       {"CornerPin1", 8, 8, At(1, 1)}, {"PerspectivePin1", 8, 8, At(1, 1)},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : moved) {
     SCOPED_TRACE(c.tool);
-    Ref<Parameter> v = doc->Render(doc->FindTool(c.tool)->Outputs()[0].get(), 1.0, rflag::Quick, &err);
-    auto* img = dynamic_cast<Image*>(v.get());
-    ASSERT_NE(img, nullptr) << err.message;
+    const Ref<Image> img = RenderFlowTool(*doc, c.tool, rflag::Quick);
+    ASSERT_TRUE(img);
     EXPECT_EQ(std::pair(img->Width(), img->Height()), std::pair(c.w, c.h));
     EXPECT_EQ(Pixel::FromWord(img->Row(1)[1]), c.at_1_1);
+  }
+  const Image& source = *dynamic_cast<Picture*>(doc->FindTool("Source"))->image;
+  const struct {
+    const char* tool;
+    std::vector<uint32_t> expected;
+  } radial[] = {
+      {"Ripple1", RippleReference(source, {.shape = 7, .amplitude = 0.4, .frequency = 30}, true)},
+      {"Vortex1", VortexReference(source, {.cx = 0.4f, .cy = 0.6f, .angle = 270}, true)},
+      {"Polar1", CoordinateSpaceReference(source, 1)},
+      {"Dent1", DentReference(source, {.type = 1, .size = 0.8}, true)},
+  };
+  for (const auto& c : radial) {
+    SCOPED_TRACE(c.tool);
+    const Ref<Image> img = RenderFlowTool(*doc, c.tool, rflag::Quick);
+    ASSERT_TRUE(img);
+    EXPECT_EQ(Unchanged(*img), c.expected);
   }
 }
 
