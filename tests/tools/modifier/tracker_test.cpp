@@ -63,7 +63,7 @@ class TrackerTest : public ::testing::Test {
     In("Select Pattern")->SetValue(new Number(0));
     return Ref<Image>::Share(dynamic_cast<Image*>(shown.get()));
   }
-  // The feature moving by kFeatureCorners on frames 0 onwards, its pattern (Size 0.05: 17 x 13) selected
+  // The feature at kFeatureCorners on the first frames, its pattern (Size 0.05: 17 x 13) selected
   // on frame 0 within the feature's centre pixel.
   void SelectMovingFeature(size_t frames) {
     for (size_t t = 0; t < frames; ++t) source_->frames[double(t)] = FeatureFrame(320, 240, {kFeatureCorners[t]});
@@ -128,8 +128,7 @@ TEST_F(TrackerTest, SelectingCutsThePatternBoxInsideTheFrame) {
   }
 }
 
-// A feature moving by known steps is followed to within a pixel, and "Center" is keyed where it
-// was found.
+// The feature is followed to within a pixel, and "Center" is keyed where it was found.
 TEST_F(TrackerTest, AFeatureIsFollowedWithinAPixel) {
   SelectMovingFeature(kFeatureCorners.size());
   for (size_t t = 1; t < kFeatureCorners.size(); ++t) {
