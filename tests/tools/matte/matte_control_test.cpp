@@ -74,8 +74,6 @@ TEST_F(MatteControlTest, GarbageMatte) {
       {"solid", 1, 2, 1, {0, 255}, {200, 255}},
       {"transparent, partly", 0, 2, 1, {60, 150}, {195, 100}},
       {"solid, partly", 1, 2, 1, {60, 150}, {200, 150}},
-      {"a value of 1 is 0", 1, 2, 1, {1, 1}, {200, 100}},
-      {"a value of 1 is 0, transparent", 0, 2, 1, {1, 1}, {200, 100}},
       // Twice the width: (G[0][2x] + G[1][2x]) / 2, so (254 + 3) / 2 = 128 and (1 + 2) / 2 = 1.
       {"twice the width", 1, 4, 2, {254, 9, 1, 9, 3, 9, 2, 9}, {200, 100}},
       {"twice the width, transparent", 0, 4, 2, {254, 9, 1, 9, 3, 9, 2, 9}, {127, 100}},
