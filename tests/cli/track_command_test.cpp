@@ -23,15 +23,14 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Where the feature's top-left corner is on frames 1 to 6 of the clip (320 x 240).
-const std::vector<std::pair<int, int>> kCorners = {{100, 80}, {103, 81}, {107, 79}, {104, 85}, {98, 90}, {99, 90}};
+using test::kFeatureCorners;  // on frames 1 to 6 of the clip
 
 class TrackCommandTest : public CommandTest {
  protected:
   void SetUp() override {
     ClipParameter clip(dir_ / "f.####.png");
-    for (size_t i = 0; i < kCorners.size(); ++i)
-      ASSERT_EQ(clip.WriteFrame(int(i + 1), test::FeatureFrame(320, 240, {kCorners[i]}).get(), nullptr), 1u);
+    for (size_t i = 0; i < kFeatureCorners.size(); ++i)
+      ASSERT_EQ(clip.WriteFrame(int(i + 1), test::FeatureFrame(320, 240, {kFeatureCorners[i]}).get(), nullptr), 1u);
     // The feature's centre on frame 1 is pixel (104, 83); Center lies a little inside it.
     flow_ = R"({"kestrion": 1, "range": [1, 6], "tools": {
       "Loader1": {"class": "Loader", "inputs": {"Filename": "f.####.png"}},
@@ -50,7 +49,7 @@ TEST_F(TrackCommandTest, TheTrackIsPrintedAndSavedInTheFlow) {
   const Outcome run = Track({"-F", "1-6"});
   ASSERT_EQ(run.status, 0) << run.err;
   const std::vector<std::string> lines = Lines(run.out);
-  ASSERT_EQ(lines.size(), kCorners.size());
+  ASSERT_EQ(lines.size(), kFeatureCorners.size());
   EXPECT_TRUE(Contains(run.err, "frame 6 done")) << run.err;
   EXPECT_EQ(ReadBytes(dir_ / "flow.json.bak"), flow_);
 
@@ -60,18 +59,18 @@ TEST_F(TrackCommandTest, TheTrackIsPrintedAndSavedInTheFlow) {
   Operator* tracker = doc->FindTool("Tracker1");
   const Spline* keys = tracker->FindInput(0, "Center")->Animation();
   ASSERT_NE(keys, nullptr);
-  ASSERT_EQ(keys->Keys().size(), kCorners.size());
+  ASSERT_EQ(keys->Keys().size(), kFeatureCorners.size());
   EXPECT_EQ(tracker->FindInput(0, "Select Pattern")->ValueAs<Number>()->value, 0.0);
   const Json data = Json::parse(ReadBytes(dir_ / "flow.json"))["tools"]["Tracker1"]["data"];
   EXPECT_EQ(data["reference time"], 1.0);
   EXPECT_EQ(data["reference position"], Json::array({double(0.3255f), double(0.346f)}));
-  for (size_t i = 0; i < kCorners.size(); ++i) {
+  for (size_t i = 0; i < kFeatureCorners.size(); ++i) {
     SCOPED_TRACE(i + 1);
     const Json line = Json::parse(lines[i]);
     EXPECT_EQ(line["frame"], i + 1);
     const double x = line["Position"][0], y = line["Position"][1];
-    EXPECT_NEAR(x * 320, kCorners[i].first + 4, 1.0);
-    EXPECT_NEAR(y * 240, kCorners[i].second + 3, 1.0);
+    EXPECT_NEAR(x * 320, kFeatureCorners[i].first + 4, 1.0);
+    EXPECT_NEAR(y * 240, kFeatureCorners[i].second + 3, 1.0);
     EXPECT_NEAR(line["Unsteady Position"][0], x - double(0.3255f) + 0.5, 1e-6);
     const KeyPoint& key = keys->Keys()[i];
     EXPECT_EQ(key.time, double(i + 1));
@@ -82,8 +81,8 @@ TEST_F(TrackCommandTest, TheTrackIsPrintedAndSavedInTheFlow) {
   Ref<Parameter> found = doc->Render(tracker->FindOutput(0, "Position"), 5, 0, &err);
   auto* p = dynamic_cast<Point*>(found.get());
   ASSERT_NE(p, nullptr) << err.message;
-  EXPECT_NEAR(p->x * 320, kCorners[4].first + 4, 1.0);
-  EXPECT_NEAR(p->y * 240, kCorners[4].second + 3, 1.0);
+  EXPECT_NEAR(p->x * 320, kFeatureCorners[4].first + 4, 1.0);
+  EXPECT_NEAR(p->y * 240, kFeatureCorners[4].second + 3, 1.0);
 }
 
 TEST_F(TrackCommandTest, AnOutputFlowLeavesTheFlowAlone) {

@@ -13,7 +13,10 @@ namespace {
 
 // Calc1 divides (1 + t) by (t - 2); Big multiplies -1e308 by (10 - 5t), beyond the doubles
 // but at t = 2; Off1's aspect is t (a Calculation modifier), its points (0.1, 0.2) and
-// (0.2, 0.3). The Loader and Saver have no clip on disk and take no part.
+// (0.2, 0.3). Path1 drives Circle1's centre along one straight segment from (0, 0) to
+// (0.75, 0.75), handles at thirds, so the point moves at one speed: displacement t / 4 puts it
+// at 0.75 t / 4 on both axes; its heading is 10 + atan2(-0.75 * 0.75, 0.75) degrees, the aspect
+// factor 0.75 of a new Path. The Loader and Saver have no clip on disk and take no part.
 const char* kFlow = R"({"kestrion": 1, "range": [0, 4], "tools": {
   "Calc1": {"class": "Calculation", "inputs": {"First Operand": {"keys": [[0, 1], [4, 5]]}, "Operator": "Divide",
                                                "Second Operand": {"keys": [[0, -2], [4, 2]]}}},
@@ -23,7 +26,10 @@ const char* kFlow = R"({"kestrion": 1, "range": [0, 4], "tools": {
             "Image Aspect": {"modifier": {"class": "Calculation", "name": "Calc2",
                              "inputs": {"First Operand": {"keys": [[0, 0], [4, 4]]}, "Operator": 2, "Second Operand": 1}}}}},
   "Loader1": {"class": "Loader", "inputs": {"Filename": "missing.####.png"}},
-  "Saver1":  {"class": "Saver", "inputs": {"Filename": "out.####.png", "Image": "Loader1"}}}})";
+  "Saver1":  {"class": "Saver", "inputs": {"Filename": "out.####.png", "Image": "Loader1"}},
+  "Circle1": {"class": "Circle", "inputs": {"Center": {"modifier": {"class": "Path", "name": "Path1",
+    "inputs": {"Displacement": {"keys": [[0, 0], [4, 1]], "curve": "linear"}, "Heading Offset": 10},
+    "data": {"nodes": [[0, 0], [0.25, 0.25], [0.5, 0.5], [0.75, 0.75]]}}}}}}})";
 
 class ValuesCommandTest : public CommandTest {
  protected:
@@ -51,6 +57,10 @@ TEST_F(ValuesCommandTest, EachFrameIsOneLineOfShortestDigits) {
        {R"({"frame": 0, "Off1.Position": [0.3, 0.5], "Off1.Angle": -90, "Off1.Distance": "inf"})",
         R"({"frame": 2, "Off1.Position": [0.3, 0.5], "Off1.Angle": -26.56505288462523, "Off1.Distance": 0.11180340220699048})",
         R"({"frame": 4, "Off1.Position": [0.3, 0.5], "Off1.Angle": -14.036244472366043, "Off1.Distance": 0.10307764262817587})"}},
+      {{"-F", "0-4x2", "Path1"},
+       {R"({"frame": 0, "Path1.Value": [0, 0], "Path1.Heading": -26.86989764584402})",
+        R"({"frame": 2, "Path1.Value": [0.375, 0.375], "Path1.Heading": -26.86989764584402})",
+        R"({"frame": 4, "Path1.Value": [0.75, 0.75], "Path1.Heading": -26.86989764584402})"}},
       {{"-F", "3", "Calc2.Result", "Calc1"}, {R"({"frame": 3, "Calc2.Result": 3, "Calc1.Result": 4})"}},
   };
   for (const auto& c : cases) {
@@ -64,7 +74,7 @@ TEST_F(ValuesCommandTest, EachFrameIsOneLineOfShortestDigits) {
 
 TEST_F(ValuesCommandTest, AWrongNameOrFrameListGivesStatus2) {
   const std::string valid = R"((valid: "Calc1.Result", "Big.Result", "Off1.Position", "Off1.Angle", "Off1.Distance", )"
-                            R"("Calc2.Result"))";
+                            R"("Calc2.Result", "Path1.Value", "Path1.Heading"))";
   const struct {
     std::vector<std::string> args;
     std::string message;

@@ -1,5 +1,5 @@
-// Luma Keyer on the pixel (B 100, G 150, R 200, A 80), luminance 159, with Low 50 and High 200:
-// the ramp's rate is 65280 / 150 = 435, so a value v between gives ((v - 50) * 435) >> 8.
+// Luma Keyer on the pixel (B 100, G 150, R 200, A 80), luminance 159, mostly with Low 50 and
+// High 200: the ramp's rate is 65280 / 150 = 435, so a value v between gives ((v - 50) * 435) >> 8.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,48 +17,34 @@ using LumaKeyerTest = ColorToolTest;
 
 const Pixel kPixel{100, 150, 200, 80};
 
-TEST_F(LumaKeyerTest, EveryChannelWithAndWithoutInvert) {
+// Without a ramp (Low at or above High), at or below Low is transparent and everything else
+// opaque.
+TEST_F(LumaKeyerTest, EveryChannelAndRangeWithAndWithoutInvert) {
   const struct {
     double channel;
-    int alpha;
+    int low, high, alpha;
   } cases[] = {
-      {0, 84},    // blue 100: (50 * 435) >> 8
-      {1, 169},   // green 150
-      {2, 255},   // red 200, at High
-      {3, 50},    // alpha 80
-      {4, 185},   // luminance 159
-      {2.5, 50},  // trunc(2.5 + 0.5) = 3, alpha
-      {4.7, 185}, // 5: any other value keys on the luminance
+      {0, 50, 200, 84},    // blue 100: (50 * 435) >> 8
+      {1, 50, 200, 169},   // green 150
+      {2, 50, 200, 255},   // red 200, at High
+      {3, 50, 200, 50},    // alpha 80
+      {4, 50, 200, 185},   // luminance 159
+      {2.5, 50, 200, 50},  // trunc(2.5 + 0.5) = 3, alpha
+      {4.7, 50, 200, 185}, // 5: any other value keys on the luminance
+      {1, 150, 150, 0},    {2, 150, 150, 255}, {2, 180, 100, 255}, {4, 180, 100, 0},
   };
   for (const auto& c : cases)
     for (double invert : {0.0, 1.0}) {
       Operator* luma = Tool("Threshold");
       Link(Flat(1, 1, kPixel), luma, "Image");
       Set(luma, "Channel", c.channel);
-      Set(luma, "Low", End(50));
-      Set(luma, "High", End(200));
+      Set(luma, "Low", End(c.low));
+      Set(luma, "High", End(c.high));
       Set(luma, "Invert", invert);
       const int alpha = invert != 0.0 ? 255 - c.alpha : c.alpha;
       EXPECT_EQ(RenderPixels(luma), (std::vector<Pixel>{{100, 150, 200, uint8_t(alpha)}}))
-          << "channel " << c.channel << ", invert " << invert;
+          << "channel " << c.channel << ", " << c.low << " .. " << c.high << ", invert " << invert;
     }
-}
-
-// Without a ramp, at or below Low is transparent and everything else opaque.
-TEST_F(LumaKeyerTest, LowAtOrAboveHigh) {
-  const struct {
-    int low, high;
-    double channel;
-    int alpha;
-  } cases[] = {{150, 150, 1, 0}, {150, 150, 2, 255}, {180, 100, 2, 255}, {180, 100, 4, 0}};
-  for (const auto& c : cases) {
-    Operator* luma = Tool("Threshold");
-    Link(Flat(1, 1, kPixel), luma, "Image");
-    Set(luma, "Channel", c.channel);
-    Set(luma, "Low", End(c.low));
-    Set(luma, "High", End(c.high));
-    EXPECT_EQ(RenderPixels(luma)[0].a, c.alpha) << c.low << " .. " << c.high << ", channel " << c.channel;
-  }
 }
 
 // The check box's sense travels in the record; a record without it (flows saved before it

@@ -10,9 +10,8 @@
 #include <string>
 
 #include "host/base/prefs.h"
-#include "host/document/document.h"
 #include "host/draw/mask_operator.h"
-#include "tests/host/test_tools.h"
+#include "tests/tools/color/color_fixture.h"
 
 namespace kestrion {
 
@@ -34,34 +33,22 @@ struct RenderedMask {
   uint8_t At(int x, int y) const { return mask->MaskRow(y)[x]; }
 };
 
-class MaskToolTest : public ::testing::Test {
+class MaskToolTest : public ColorToolTest {
  protected:
   void SetFrame(int width, int height) {
     PVidMode.width = width;
     PVidMode.height = height;
   }
-  Operator* Tool(const char* class_name) {
-    HostError err;
-    Operator* op = doc_.CreateTool(class_name, {}, &err);
-    if (!op) throw std::runtime_error(err.message);
-    return op;
-  }
-  static Input* In(Operator* op, const std::string& label) { return op->FindInput(0, label.c_str()); }
-  static void Set(Operator* op, const std::string& label, double v) { In(op, label)->SetValue(new Number(v)); }
   static void SetPoint(Operator* op, const std::string& label, float x, float y) { In(op, label)->SetValue(new Point(x, y)); }
 
   RenderedMask Render(Operator* op, double time = 0.0, uint32_t flags = 0) {
-    HostError err;
-    Ref<Parameter> v = doc_.Render(op->Outputs()[0].get(), time, flags, &err);
-    EXPECT_EQ(err.message, "");
-    RenderedMask out{Ref<Image>::Share(dynamic_cast<Image*>(v.get())), {}};
+    RenderedMask out{ColorToolTest::Render(op, time, flags), {}};
     if (auto* mask_tool = dynamic_cast<MaskOperator*>(op)) out.bounds = mask_tool->GetBounds();
     if (!out.mask) throw std::runtime_error("no mask");
     return out;
   }
 
   test_tools::SavedPrefs prefs_;
-  CPipelineDoc doc_;
 };
 
 }  // namespace test

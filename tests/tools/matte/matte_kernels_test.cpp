@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <utility>
@@ -50,6 +51,9 @@ class MatteKernelTest : public ColorToolTest {
   static void SetRanges(Operator* op, const double (&ranges)[8]) {
     for (int i = 0; i < 8; ++i) Set(op, kRangeLabels[i], ranges[i]);
   }
+  static void SetAll(Operator* op, std::initializer_list<std::pair<const char*, double>> values) {
+    for (const auto& [label, v] : values) Set(op, label, v);
+  }
 
   std::mt19937 random_{7011};
 };
@@ -70,11 +74,9 @@ TEST_F(MatteKernelTest, KeyerMatchesTheReference) {
       "Keyer", settings,
       [](Operator* op, const KeyerSettings& s, int) {
         SetRanges(op, s.ranges);
-        const std::pair<const char*, double> values[] = {
-            {"Color Background", s.backing}, {"Pre Matte Blur", s.pre_blur}, {"Pre Matte Contrast", s.pre_contrast},
-            {"Matte Blur", s.blur},          {"Matte Contrast", s.contrast}, {"Matte Gamma", s.gamma},
-            {"Matte Halo", s.halo},          {"Halo Gamma", s.halo_gamma}};
-        for (const auto& [label, v] : values) Set(op, label, v);
+        SetAll(op, {{"Color Background", s.backing}, {"Pre Matte Blur", s.pre_blur},
+                    {"Pre Matte Contrast", s.pre_contrast}, {"Matte Blur", s.blur}, {"Matte Contrast", s.contrast},
+                    {"Matte Gamma", s.gamma}, {"Matte Halo", s.halo}, {"Halo Gamma", s.halo_gamma}});
       },
       [](const Vec& in, int w, const KeyerSettings& s) { return KeyerReference(in, w, kRows, s); });
 }
@@ -93,10 +95,8 @@ TEST_F(MatteKernelTest, ChromaKeyerMatchesTheReference) {
       "ChromaKey", settings,
       [](Operator* op, const ChromaSettings& s, int) {
         SetRanges(op, s.ranges);
-        const std::pair<const char*, double> values[] = {{"Soft Range", s.soft},         {"Matte Blur", s.blur},
-                                                         {"Matte Contrast", s.contrast}, {"Matte Gamma", s.gamma},
-                                                         {"Matte Halo", s.halo}};
-        for (const auto& [label, v] : values) Set(op, label, v);
+        SetAll(op, {{"Soft Range", s.soft}, {"Matte Blur", s.blur}, {"Matte Contrast", s.contrast},
+                    {"Matte Gamma", s.gamma}, {"Matte Halo", s.halo}});
       },
       [](const Vec& in, int w, const ChromaSettings& s) { return ChromaReference(in, w, kRows, s); });
 }
@@ -111,11 +111,8 @@ TEST_F(MatteKernelTest, LumaKeyerMatchesTheReference) {
   CheckEveryLength<LumaSettings>(
       "Threshold", settings,
       [](Operator* op, const LumaSettings& s, int) {
-        const std::pair<const char*, double> values[] = {{"Channel", s.channel},   {"Low", s.low},
-                                                         {"High", s.high},         {"Matte Blur", s.blur},
-                                                         {"Matte Contrast", s.contrast}, {"Matte Gamma", s.gamma},
-                                                         {"Invert", s.invert}};
-        for (const auto& [label, v] : values) Set(op, label, v);
+        SetAll(op, {{"Channel", s.channel}, {"Low", s.low}, {"High", s.high}, {"Matte Blur", s.blur},
+                    {"Matte Contrast", s.contrast}, {"Matte Gamma", s.gamma}, {"Invert", s.invert}});
       },
       [](const Vec& in, int w, const LumaSettings& s) { return LumaReference(in, w, kRows, s); });
 }
@@ -145,10 +142,8 @@ TEST_F(MatteKernelTest, MatteControlMatchesTheReference) {
     CheckEveryLength<ControlSettings>(
         "MatteControl", {c.s},
         [&](Operator* op, const ControlSettings& s, int w) {
-          Set(op, "Matte Blur", s.blur);
-          Set(op, "Matte Contrast", s.contrast);
-          Set(op, "Matte Gamma", s.gamma);
-          Set(op, "Invert Matte", s.invert);
+          SetAll(op, {{"Matte Blur", s.blur}, {"Matte Contrast", s.contrast}, {"Matte Gamma", s.gamma},
+                      {"Invert Matte", s.invert}});
           op->FindInput(FourCC("GMMd"))->SetValue(new Number(s.mode));
           if (c.mask_scale == 0) return;
           mask_w = c.mask_scale * w;

@@ -52,6 +52,10 @@ TEST_F(PolygonTest, OutlinesArePlacedByCentreSizeAndAngle) {
       // Y = -u sin + cy Hp: a shape right of the centre turns to above it.
       {"right of the centre", right_of_centre, 1, 0, {9, 5, 15, 11}, {}},
       {"turned 90", right_of_centre, 1, 90, {5, 1, 11, 7}, {}},
+      // Sizes that are not positive draw nothing.
+      {"size 0", Square(.25f), 0, 0, {}, {{{8, 8}, 0}}},
+      {"size -1", Square(.25f), -1, 0, {}, {{{8, 8}, 0}}},
+      {"size NaN", Square(.25f), NAN, 0, {}, {{{8, 8}, 0}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -61,16 +65,6 @@ TEST_F(PolygonTest, OutlinesArePlacedByCentreSizeAndAngle) {
     const RenderedMask r = Render(op);
     EXPECT_EQ(r.bounds, c.bounds);
     for (const auto& [at, value] : c.pixels) EXPECT_EQ(r.At(at.x, at.y), value) << at.x << ", " << at.y;
-  }
-}
-
-TEST_F(PolygonTest, SizesThatAreNotPositiveDrawNothing) {
-  for (double size : {0.0, -1.0, double(NAN)}) {
-    Operator* op = Polygon(Square(.25f));
-    Set(op, "Size", size);
-    const RenderedMask r = Render(op);
-    EXPECT_EQ(r.bounds, CRect{}) << size;
-    EXPECT_EQ(r.Count(0), 256u) << size;
   }
 }
 
@@ -127,19 +121,6 @@ TEST_F(PolygonTest, TheSaveRecordsAreLengthPrefixed) {
   expected.WriteWord(0);
   expected.WriteWord(FourCC("EndC"));
   EXPECT_EQ(whole.Bytes(), expected.Bytes());
-
-  Operator* keyed = Polygon({{0, Square(.125f)}, {7.5, Square(.25f)}});
-  for (Operator* saved : {op, keyed}) {
-    CArchive record;
-    saved->Save(&record, nullptr);
-    CArchive in(std::vector<uint8_t>(record.Bytes().begin() + 4, record.Bytes().end()));
-    Ref<Object> loaded = Ref<Object>::Adopt(saved->Class()->Create(&in, nullptr));
-    EXPECT_TRUE(in.AtEnd());
-    NodeLists want = dynamic_cast<NodeListTool*>(saved)->GetNodeLists();
-    for (NodeShape& shape : want.shapes)
-      for (PathKeyPoint& p : shape.nodes) p.flags &= PathKeyPoint::SavedFlags;
-    EXPECT_EQ(dynamic_cast<NodeListTool*>(loaded.get())->GetNodeLists(), want);
-  }
 }
 
 TEST_F(PolygonTest, BrokenRecordsAreRefused) {

@@ -13,6 +13,10 @@ namespace kestrion::test {
 // The feature's size: 9 x 7 pixels; its centre pixel is (4, 3) from its top-left corner.
 constexpr int kFeatureWidth = 9, kFeatureHeight = 7;
 
+// Where the feature's top-left corner is on six frames of a 320 x 240 clip, moving by known steps.
+inline const std::vector<std::pair<int, int>> kFeatureCorners = {{100, 80}, {103, 81}, {107, 79},
+                                                                 {104, 85}, {98, 90},  {99, 90}};
+
 // A w x h frame of flat grey with the feature at each top-left corner given.
 inline Ref<Image> FeatureFrame(int w, int h, const std::vector<std::pair<int, int>>& corners) {
   std::vector<uint32_t> words(size_t(w * h), Bgra(90, 90, 90, 255));

@@ -115,13 +115,6 @@ TEST_F(PathTest, TheSaveRecordHoldsTheNodes) {
   }
   expected.WriteWord(FourCC("EndC"));
   EXPECT_EQ(whole.Bytes(), expected.Bytes());
-
-  CArchive in(std::vector<uint8_t>(whole.Bytes().begin() + 4, whole.Bytes().end()));
-  Ref<Object> loaded = Ref<Object>::Adopt(path->Class()->Create(&in, nullptr));
-  ASSERT_NE(loaded.get(), nullptr);
-  EXPECT_TRUE(in.AtEnd());
-  EXPECT_EQ(ToNodes(dynamic_cast<PathEditing*>(loaded.get())->EditedNodes()),
-            (std::vector<Node>{{.25, .5, 2}, {.5, .5}, {.75, .5, 4}, {1, .5, 8}}));
 }
 
 // A record whose node count is not 3k - 2, or longer than the document, loads nothing.

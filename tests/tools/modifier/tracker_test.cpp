@@ -22,6 +22,7 @@ namespace {
 
 using test::Bgra;
 using test::FeatureFrame;
+using test::kFeatureCorners;
 using test_tools::Picture;
 
 // A frame whose pixel (x, y) holds x in blue and y in green.
@@ -61,6 +62,12 @@ class TrackerTest : public ::testing::Test {
     selected_at_ = PointAt("Position", time);
     In("Select Pattern")->SetValue(new Number(0));
     return Ref<Image>::Share(dynamic_cast<Image*>(shown.get()));
+  }
+  // The feature at kFeatureCorners on the first frames, its pattern (Size 0.05: 17 x 13) selected
+  // on frame 0 within the feature's centre pixel.
+  void SelectMovingFeature(size_t frames) {
+    for (size_t t = 0; t < frames; ++t) source_->frames[double(t)] = FeatureFrame(320, 240, {kFeatureCorners[t]});
+    Select(0, 104.25, 83.25);
   }
   // The tracked position in pixels at a time.
   std::pair<double, double> TrackedAt(double time, const Image& frame) {
@@ -121,17 +128,14 @@ TEST_F(TrackerTest, SelectingCutsThePatternBoxInsideTheFrame) {
   }
 }
 
-// A feature moving by known steps on a 320 x 240 frame (Size 0.05: a 17 x 13 pattern) is
-// followed to within a pixel, and "Center" is keyed where it was found.
+// The feature is followed to within a pixel, and "Center" is keyed where it was found.
 TEST_F(TrackerTest, AFeatureIsFollowedWithinAPixel) {
-  const std::vector<std::pair<int, int>> corners = {{100, 80}, {103, 81}, {107, 79}, {104, 85}, {98, 90}, {99, 90}};
-  for (size_t t = 0; t < corners.size(); ++t) source_->frames[double(t)] = FeatureFrame(320, 240, {corners[t]});
-  Select(0, 104.25, 83.25);  // within the feature's centre pixel
-  for (size_t t = 1; t < corners.size(); ++t) {
+  SelectMovingFeature(kFeatureCorners.size());
+  for (size_t t = 1; t < kFeatureCorners.size(); ++t) {
     SCOPED_TRACE(t);
     const auto [x, y] = TrackedAt(double(t), *source_->frames[0]);
-    EXPECT_NEAR(x, corners[t].first + 4, 1.0);
-    EXPECT_NEAR(y, corners[t].second + 3, 1.0);
+    EXPECT_NEAR(x, kFeatureCorners[t].first + 4, 1.0);
+    EXPECT_NEAR(y, kFeatureCorners[t].second + 3, 1.0);
     Ref<Point> keyed = In("Center")->ValueAs<Point>(double(t));
     EXPECT_EQ((std::vector<float>{keyed->x, keyed->y}), PointAt("Position", double(t)));
   }
@@ -194,9 +198,7 @@ TEST_F(TrackerTest, EachFieldKeepsItsOwnPattern) {
 // its pattern again from the reference frame and finds the feature where the first one did.
 // Text flows hold the same under "data" by name.
 TEST_F(TrackerTest, ALoadedTrackerCutsItsPatternFromTheReferenceFrameAgain) {
-  const std::vector<std::pair<int, int>> corners = {{100, 80}, {103, 81}, {107, 79}};
-  for (size_t t = 0; t < corners.size(); ++t) source_->frames[double(t)] = FeatureFrame(320, 240, {corners[t]});
-  Select(0, 104.25, 83.25);
+  SelectMovingFeature(3);
   PointAt("Position", 1);
   const std::vector<float> tracked = PointAt("Position", 2);
 
