@@ -136,9 +136,7 @@ TEST_P(ResizeTest, HalvingBothWaysIsTheGeneralFilter) {
   }
 }
 
-TEST(Resize, EmptySourceGivesTransparentBlack) {
-  test::NullTool tool;
-  Request req(&tool, 0.0, 0);
+TEST_P(ResizeTest, EmptySourceGivesTransparentBlack) {
   Ref<Image> empty = Ref<Image>::Adopt(new Image(0, 3));
   Image* out = empty->ResizeOfImage(&req, 2, 2, 1);
   EXPECT_EQ(Words(*out), Vec(4, 0));
@@ -150,21 +148,13 @@ class BlurTest : public ::testing::TestWithParam<Rows> {};
 
 TEST_P(BlurTest, HandWorkedRows) {
   // Box of 3: a single 255 spreads to 85, 85, 85. Triangle 1, 2, 1 over 4: 63.75 and 127.5
-  // round up. At the left edge the box repeats 255: (255 + 255 + 0) / 3 = 170.
+  // round up. Edges and columns are compared with the direct sums below.
   auto box = MakeFrame(5, 1, GetParam(), Blues({0, 0, 255, 0, 0}));
   box->Blur(1, 1, 1, 1, 1, 0);
   EXPECT_EQ(Words(*box.get()), Blues({0, 85, 85, 85, 0}));
   auto tri = MakeFrame(5, 1, GetParam(), Blues({0, 0, 255, 0, 0}));
   tri->Bartlet(1, 1, 1, 1, 1, 0);
   EXPECT_EQ(Words(*tri.get()), Blues({0, 64, 128, 64, 0}));
-  auto edge = MakeFrame(3, 1, GetParam(), Blues({255, 0, 0}));
-  edge->Blur(1, 1, 1, 1, 1, 0);
-  EXPECT_EQ(Words(*edge.get()), Blues({170, 85, 0}));
-  // Down a column, through the row table.
-  auto column = MakeFrame(1, 5, GetParam(), Blues({0, 0, 255, 0, 0}));
-  column->Bartlet(1, 1, 1, 1, 0, 1);
-  EXPECT_EQ(Words(*column.get()), Blues({0, 64, 128, 64, 0}));
-  EXPECT_TRUE(column.PaddingIntact());
 }
 
 TEST_P(BlurTest, SwitchesChooseTheChannels) {
@@ -216,6 +206,7 @@ TEST_P(BlurTest, MatchesDirectSumsBitForBit) {
           else
             img->Blur(1, 1, 1, 1, rx, ry);
           const Vec got = Words(*img.get());
+          ASSERT_TRUE(img.PaddingIntact());
           for (int shift = 0; shift < 32; shift += 8) {
             std::vector<int> channel;
             for (uint32_t v : words) channel.push_back(int(v >> shift & 255));
