@@ -161,7 +161,9 @@ TEST_F(CatalogueTest, EachRecordCarriesExactlyItsCatalogueTags) {
     if (!r) continue;
     const std::vector<Want> wanted = WantedTags(row);
     const std::vector<Tag>& tags = r->Tags().All();
-
+    // The hooks, class id and type lead the list, in the order of WantedTags's first five.
+    for (size_t i = 0; i < 5 && i < tags.size(); ++i)
+      EXPECT_EQ(Hex(tags[i].id), Hex(wanted[i].id)) << "at position " << i;
     for (const Tag& t : tags) {
       bool known = false;
       for (const Want& w : wanted) known = known || w.id == t.id;
@@ -186,37 +188,20 @@ TEST_F(CatalogueTest, EachRecordCarriesExactlyItsCatalogueTags) {
   }
 }
 
-TEST_F(CatalogueTest, HooksClassIdAndTypeLeadEveryTagList) {
-  constexpr uint32_t kLeading[] = {reg::ClassInit, reg::ClassCleanup, reg::Factory, reg::ClassId,
-                                   reg::ClassType};
-  for (const Registry* r : records_) {
-    SCOPED_TRACE(r->Name());
-    const std::vector<Tag>& tags = r->Tags().All();
-    ASSERT_GE(tags.size(), std::size(kLeading));
-    for (size_t i = 0; i < std::size(kLeading); ++i)
-      EXPECT_EQ(Hex(tags[i].id), Hex(kLeading[i])) << "at position " << i;
-  }
-}
-
 // Every tool but the Loader hands class set-up and clean-up to the host's shared operator
-// hooks; the Loader has its own pair. Each class has a factory of its own.
+// hooks; the Loader has its own pair. Each class has a factory of its own. (That every hook is
+// set is the tag test's.)
 TEST_F(CatalogueTest, ClassHooksAreSharedExceptByTheLoader) {
   const Registry* first = records_.front();
   ASSERT_NE(first->Name(), "Loader");
   const void* shared_init = PointerTag(*first, reg::ClassInit);
   const void* shared_cleanup = PointerTag(*first, reg::ClassCleanup);
-  ASSERT_NE(shared_init, nullptr);
-  ASSERT_NE(shared_cleanup, nullptr);
-
   std::map<const void*, std::string> factories;
   for (const Registry* r : records_) {
     SCOPED_TRACE(r->Name());
     const void* init = PointerTag(*r, reg::ClassInit);
     const void* cleanup = PointerTag(*r, reg::ClassCleanup);
     const void* factory = PointerTag(*r, reg::Factory);
-    EXPECT_NE(init, nullptr);
-    EXPECT_NE(cleanup, nullptr);
-    EXPECT_NE(factory, nullptr);
     if (r->Name() == "Loader") {
       EXPECT_NE(init, shared_init);
       EXPECT_NE(cleanup, shared_cleanup);
@@ -252,31 +237,20 @@ TEST_F(CatalogueTest, ToolNumbersRunWithoutGapsAndClassIdsAreUnique) {
 TEST_F(CatalogueTest, OffsetOffersPositionAngleAndDistance) {
   const Registry* offset = Named("Offset");
   ASSERT_NE(offset, nullptr);
-  const auto* rows =
-      static_cast<const ModifierOutputRow*>(PointerTag(*offset, reg::ModifierOutputs));
+  const auto* rows = static_cast<const ModifierOutputRow*>(PointerTag(*offset, reg::ModifierOutputs));
   ASSERT_NE(rows, nullptr);
 
-  const struct {
-    uint32_t id;
-    uint32_t type;
-    const char* name;
-  } kOutputs[] = {
-      {0x017475CF, FourCC("Poin"), "Offset Position"},
-      {0x027475CF, FourCC("Numb"), "Offset Angle"},
-      {0x037475CF, FourCC("Numb"), "Offset Distance"},
-  };
-  size_t i = 0;
-  for (const auto& want : kOutputs) {
-    SCOPED_TRACE(want.name);
-    EXPECT_EQ(Hex(rows[i].id), Hex(want.id));
-    EXPECT_EQ(Hex(rows[i].type), Hex(want.type));
-    EXPECT_STREQ(rows[i].name, want.name);
-    ++i;
+  // The table ends with an empty row.
+  const ModifierOutputRow kOutputs[] = {{0x017475CF, FourCC("Poin"), "Offset Position"},
+                                        {0x027475CF, FourCC("Numb"), "Offset Angle"},
+                                        {0x037475CF, FourCC("Numb"), "Offset Distance"},
+                                        {0, 0, nullptr}};
+  for (size_t i = 0; i < std::size(kOutputs); ++i) {
+    SCOPED_TRACE(testing::Message() << "row " << i);
+    EXPECT_EQ(Hex(rows[i].id), Hex(kOutputs[i].id));
+    EXPECT_EQ(Hex(rows[i].type), Hex(kOutputs[i].type));
+    EXPECT_STREQ(rows[i].name, kOutputs[i].name);
   }
-  SCOPED_TRACE("closing row");
-  EXPECT_EQ(rows[i].id, 0u);
-  EXPECT_EQ(rows[i].type, 0u);
-  EXPECT_EQ(rows[i].name, nullptr);
 }
 
 }  // namespace
