@@ -49,12 +49,10 @@ class CatalogueThreadsTest : public ::testing::Test {
   Picture* NewPicture(CPipelineDoc& doc, int width, int height, int depth, std::mt19937& random) {
     auto* picture = test_tools::Make<Picture>(doc, "TestPicture");
     picture->image = Ref<Image>::Adopt(new Image(width, height, depth));
-    for (int y = 0; y < height; ++y)
-      for (int x = 0; x < width; ++x)
-        if (depth == 8)
-          picture->image->MaskRow(y)[x] = uint8_t(random());
-        else
-          picture->image->Row(y)[x] = uint32_t(random());
+    for (int y = 0; y < height; ++y) {
+      auto* row = static_cast<uint8_t*>(picture->image->RowTable()[y]);
+      for (int k = 0; k < width * depth / 8; ++k) row[k] = uint8_t(random());
+    }
     return picture;
   }
 
