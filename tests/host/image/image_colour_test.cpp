@@ -15,9 +15,10 @@ namespace {
 
 using namespace test;
 
-enum class Op { RGBtoYUV, YUVtoRGB, RGBtoHLS, HLStoRGB, RGBtoGUV, ColourDifference };
+enum class Op { RGBtoYUV, YUVtoRGB, RGBtoHLS, HLStoRGB, RGBtoGUV, ColourDifference, Saturate };
 
-void Apply(Image& img, Op op) {
+// `factors` (red, green, blue) are Saturate's.
+void Apply(Image& img, Op op, const float factors[3]) {
   switch (op) {
     case Op::RGBtoYUV: img.RGBtoYUV(); break;
     case Op::YUVtoRGB: img.YUVtoRGB(); break;
@@ -25,6 +26,7 @@ void Apply(Image& img, Op op) {
     case Op::HLStoRGB: img.HLStoRGB(); break;
     case Op::RGBtoGUV: img.RGBtoGUV(); break;
     case Op::ColourDifference: img.ColourDifference(); break;
+    case Op::Saturate: img.Saturate(factors[0], factors[1], factors[2]); break;
   }
 }
 
@@ -39,6 +41,7 @@ struct ConversionCase {
   Op op;
   Rgb in, out;
   uint32_t alpha_out = 0x5A;
+  float factors[3] = {};
 };
 
 // clang-format off
@@ -77,6 +80,15 @@ const ConversionCase kConversions[] = {
   // Y = (19595 * 10 + 38470 * 200 + 7471 * 30) >> 16 = 123: 40000 * -113, 50000 * 77,
   // 30000 * -93 over 65536 give -68.97, 58.75, -42.57.
   {"colour difference 2", Op::ColourDifference, {10, 200, 30}, {60, 186, 86}, 123},
+  // Saturation about Y = (19595 * 200 + 38470 * 100 + 7471 * 50) >> 16 = 124.
+  {"saturate to grey",   Op::Saturate, {200, 100, 50},  {124, 124, 124}, 0x5A, {0.0f, 0.0f, 0.0f}},
+  {"saturate by 2",      Op::Saturate, {200, 100, 50},  {255, 76, 0},    0x5A, {2.0f, 2.0f, 2.0f}},
+  {"saturate by 1",      Op::Saturate, {200, 100, 50},  {200, 100, 50},  0x5A, {1.0f, 1.0f, 1.0f}},
+  // Y = 124 again; 124 + 77 / 2 = 162.5 and 124 - 73 / 2 = 87.5 both round up (half away
+  // from zero on positive values), 124 - 24 / 2 = 112.
+  {"saturate by a half", Op::Saturate, {201, 100, 51},  {163, 112, 88},  0x5A, {0.5f, 0.5f, 0.5f}},
+  // One factor per channel, in the order red, green, blue.
+  {"saturate per channel", Op::Saturate, {200, 100, 50}, {124, 100, 0}, 0x5A, {0.0f, 1.0f, 2.0f}},
 };
 // clang-format on
 
@@ -85,46 +97,16 @@ class ColourTest : public ::testing::TestWithParam<Rows> {};
 TEST_P(ColourTest, HandWorkedPixels) {
   for (const ConversionCase& c : kConversions) {
     auto img = MakeFrame(1, 1, GetParam(), {c.in.Word()});
-    Apply(*img.get(), c.op);
+    Apply(*img.get(), c.op, c.factors);
     EXPECT_EQ(Words(*img.get())[0], c.out.Word(c.alpha_out)) << c.what;
   }
 }
 
 TEST_P(ColourTest, MasksHaveNoColour) {
-  for (Op op : {Op::RGBtoYUV, Op::YUVtoRGB, Op::RGBtoHLS, Op::HLStoRGB, Op::RGBtoGUV, Op::ColourDifference}) {
+  for (const ConversionCase& c : kConversions) {
     auto mask = MakeMask(2, 1, GetParam(), {7, 200});
-    Apply(*mask.get(), op);
-    EXPECT_EQ(test::MaskValues(*mask.get()), (std::vector<uint8_t>{7, 200}));
-  }
-  auto mask = MakeMask(1, 1, GetParam(), {9});
-  mask->Saturate(0.0f, 0.0f, 0.0f);
-  EXPECT_EQ(test::MaskValues(*mask.get())[0], 9);
-}
-
-struct SaturateCase {
-  float r, g, b;
-  Rgb in, out;
-};
-
-// clang-format off
-const SaturateCase kSaturations[] = {
-  // Y = (19595 * 200 + 38470 * 100 + 7471 * 50) >> 16 = 124.
-  {0.0f, 0.0f, 0.0f, {200, 100, 50}, {124, 124, 124}},
-  {2.0f, 2.0f, 2.0f, {200, 100, 50}, {255, 76, 0}},
-  {1.0f, 1.0f, 1.0f, {200, 100, 50}, {200, 100, 50}},
-  // Y = 124 again; 124 + 77 / 2 = 162.5 and 124 - 73 / 2 = 87.5 both round up (half away
-  // from zero on positive values), 124 - 24 / 2 = 112.
-  {0.5f, 0.5f, 0.5f, {201, 100, 51}, {163, 112, 88}},
-  // One factor per channel, in the order red, green, blue.
-  {0.0f, 1.0f, 2.0f, {200, 100, 50}, {124, 100, 0}},
-};
-// clang-format on
-
-TEST_P(ColourTest, SaturateTable) {
-  for (const SaturateCase& c : kSaturations) {
-    auto img = MakeFrame(1, 1, GetParam(), {c.in.Word()});
-    img->Saturate(c.r, c.g, c.b);
-    EXPECT_EQ(Words(*img.get())[0], c.out.Word()) << c.r << " " << c.g << " " << c.b;
+    Apply(*mask.get(), c.op, c.factors);
+    EXPECT_EQ(test::MaskValues(*mask.get()), (std::vector<uint8_t>{7, 200})) << c.what;
   }
 }
 
