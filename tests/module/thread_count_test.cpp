@@ -1,7 +1,8 @@
 // Every tool of the catalogue gives the same result at 1, 2, 3 and 7 worker threads, full and
 // quick, over small varied images and settings (the defaults and two drawn at random within each
-// input's range), and the same again when two different flows render at once in one process. A new tool joins
-// by being in the catalogue; tools that are still placeholders pass their image through.
+// input's range), and the same again when two different flows render at once in one process. A
+// new tool joins by being in the catalogue; tools that are still placeholders pass their image
+// through.
 #include <gtest/gtest.h>
 
 #include <cmath>
