@@ -37,9 +37,9 @@ const BandCase kBands[] = {
 
 TEST(BandRows, FromTheTopAndFromTheBottom) {
   for (const BandCase& c : kBands) {
-    EXPECT_EQ(BandRows(c.height, c.chunks, c.chunk), c.top) << c.height << " " << c.chunks << " " << c.chunk;
-    EXPECT_EQ(BandRowsFromBottom(c.height, c.chunks, c.chunk), c.bottom)
-        << c.height << " " << c.chunks << " " << c.chunk;
+    SCOPED_TRACE(testing::Message() << "chunk " << c.chunk << " of " << c.chunks << " over " << c.height << " rows");
+    EXPECT_EQ(BandRows(c.height, c.chunks, c.chunk), c.top);
+    EXPECT_EQ(BandRowsFromBottom(c.height, c.chunks, c.chunk), c.bottom);
   }
 }
 

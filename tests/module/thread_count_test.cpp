@@ -1,7 +1,8 @@
 // Every tool of the catalogue gives the same result at 1, 2, 3 and 7 worker threads, full and
 // quick, over small varied images and settings (the defaults and two drawn at random within each
-// input's range), and the same again when two different flows render at once in one process. A new tool joins
-// by being in the catalogue; tools that are still placeholders pass their image through.
+// input's range), and the same again when two different flows render at once in one process. A
+// new tool joins by being in the catalogue; tools that are still placeholders pass their image
+// through.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -49,12 +50,10 @@ class CatalogueThreadsTest : public ::testing::Test {
   Picture* NewPicture(CPipelineDoc& doc, int width, int height, int depth, std::mt19937& random) {
     auto* picture = test_tools::Make<Picture>(doc, "TestPicture");
     picture->image = Ref<Image>::Adopt(new Image(width, height, depth));
-    for (int y = 0; y < height; ++y)
-      for (int x = 0; x < width; ++x)
-        if (depth == 8)
-          picture->image->MaskRow(y)[x] = uint8_t(random());
-        else
-          picture->image->Row(y)[x] = uint32_t(random());
+    for (int y = 0; y < height; ++y) {
+      auto* row = static_cast<uint8_t*>(picture->image->RowTable()[y]);
+      for (int k = 0; k < width * depth / 8; ++k) row[k] = uint8_t(random());
+    }
     return picture;
   }
 

@@ -34,27 +34,27 @@ Coverage Of(const Image& mask, int x, int y) {
   return v == 0 ? Out : v == 255 ? In : Band;
 }
 
-// Every pixel of the mask as `expected` classes it.
-template <class Expected>
-void ExpectCoverage(const Image& mask, Expected expected) {
-  for (int y = 0; y < mask.Height(); ++y)
-    for (int x = 0; x < mask.Width(); ++x)
-      EXPECT_EQ(Of(mask, x, y), expected(x, y)) << "pixel " << x << ", " << y << " value " << int(mask.MaskRow(y)[x]);
-}
-
 // The smallest rectangle holding the non-zero pixels, by looking at every pixel.
 CRect ScannedBounds(const Image& mask) {
   CRect r{mask.Width(), mask.Height(), 0, 0};
   for (int y = 0; y < mask.Height(); ++y)
     for (int x = 0; x < mask.Width(); ++x)
-      if (mask.MaskRow(y)[x]) r = {std::min(r.left, x), std::min(r.top, y), std::max(r.right, x + 1), std::max(r.bottom, y + 1)};
+      if (mask.MaskRow(y)[x])
+        r = {std::min(r.left, x), std::min(r.top, y), std::max(r.right, x + 1), std::max(r.bottom, y + 1)};
   return r.left < r.right ? r : CRect{};
+}
+
+// In within `full`, on the band within `edge` around it, out beyond.
+Coverage Within(int x, int y, CRect full, CRect edge) {
+  const auto inside = [&](const CRect& r) { return x >= r.left && x < r.right && y >= r.top && y < r.bottom; };
+  return inside(full) ? In : inside(edge) ? Band : Out;
 }
 
 constexpr CPoint kBox[] = {{2, 1}, {6, 1}, {6, 4}, {2, 4}};
 constexpr CPoint kWedge[] = {{0, 0}, {4, 0}, {0, 4}};
 constexpr CPoint kSame[] = {{3, 3}, {3, 3}, {3, 3}};
 constexpr CPoint kLine[] = {{1, 1}, {3, 2}, {5, 3}, {7, 4}};
+constexpr CPoint kHuge[] = {{-5000000, -5000000}, {5000000, -5000000}, {5000000, 5000000}};
 
 TEST(MaskSurface, ShapesCoverWholePixelsInsideTheirCorners) {
   const struct {
@@ -64,31 +64,36 @@ TEST(MaskSurface, ShapesCoverWholePixelsInsideTheirCorners) {
     CRect bounds;
   } cases[] = {
       {"box", [](MaskSurface& s) { s.Polygon(kBox, 4); },
-       [](int x, int y) { return x >= 2 && x < 6 && y >= 1 && y < 4 ? In : Out; }, {2, 1, 6, 4}},
+       [](int x, int y) { return Within(x, y, {2, 1, 6, 4}, {2, 1, 6, 4}); }, {2, 1, 6, 4}},
       // x + y < 4: pixels whose far corner is inside are full, those the edge crosses a band.
       {"wedge", [](MaskSurface& s) { s.Polygon(kWedge, 3); },
        [](int x, int y) { return x + y <= 2 ? In : x + y == 3 ? Band : Out; }, {0, 0, 4, 4}},
       // Centre (4, 3), radii 3 and 2: the pixels of rows 2 and 3 within x 2..5 lie wholly inside,
       // the rest of the box is crossed by the edge (the least covered, at its corners, 16%).
       {"ellipse", [](MaskSurface& s) { s.Ellipse(1, 1, 7, 5); },
-       [](int x, int y) { return x >= 2 && x < 6 && y >= 2 && y < 4 ? In : x >= 1 && x < 7 && y >= 1 && y < 5 ? Band : Out; },
-       {1, 1, 7, 5}},
+       [](int x, int y) { return Within(x, y, {2, 2, 6, 4}, {1, 1, 7, 5}); }, {1, 1, 7, 5}},
       // Filled, then stroked half a pixel to either side of the outline.
       {"path", [](MaskSurface& s) {
-         const CPoint chain[] = {{2, 1}, {2, 1}, {6, 1}, {6, 1}, {6, 1}, {6, 4}, {6, 4}, {6, 4}, {2, 4}, {2, 4}, {2, 4}, {2, 1}, {2, 1}};
+         const CPoint chain[] = {{2, 1}, {2, 1}, {6, 1}, {6, 1}, {6, 1}, {6, 4}, {6, 4},
+                                 {6, 4}, {2, 4}, {2, 4}, {2, 4}, {2, 1}, {2, 1}};
          s.BeginPath();
          s.PolyBezier(chain, 13);
          s.EndPath();
          s.StrokeAndFillPath();
        },
-       [](int x, int y) { return x >= 2 && x < 6 && y >= 1 && y < 4 ? In : x >= 1 && x < 7 && y >= 0 && y < 5 ? Band : Out; },
-       {1, 0, 7, 5}},
+       [](int x, int y) { return Within(x, y, {2, 1, 6, 4}, {1, 0, 7, 5}); }, {1, 0, 7, 5}},
+      // Corners millions of pixels away are clipped off exactly: right of the diagonal y = x
+      // full, on it a band.
+      {"far corners", [](MaskSurface& s) { s.Polygon(kHuge, 3); },
+       [](int x, int y) { return y < x ? In : y == x ? Band : Out; }, {0, 0, 8, 6}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const Drawn d = DrawOn(8, 6, true, c.draw);
     ASSERT_EQ(d.mask->Depth(), 8);
-    ExpectCoverage(*d.mask, c.expected);
+    for (int y = 0; y < 6; ++y)
+      for (int x = 0; x < 8; ++x)
+        EXPECT_EQ(Of(*d.mask, x, y), c.expected(x, y)) << x << ", " << y << " holds " << int(d.mask->MaskRow(y)[x]);
     EXPECT_EQ(d.bounds, c.bounds);
   }
 }
@@ -134,14 +139,6 @@ TEST(MaskSurface, NothingIsDrawnForShapesWithoutInside) {
     EXPECT_EQ(MaskValues(*d.mask), Bytes(48, 0)) << c.what;
     EXPECT_EQ(d.bounds, CRect{}) << c.what;
   }
-}
-
-// Corners millions of pixels away are clipped off exactly: the edges through the surface stay.
-TEST(MaskSurface, FarCornersAreClippedOff) {
-  const CPoint huge[] = {{-5000000, -5000000}, {5000000, -5000000}, {5000000, 5000000}};
-  const Drawn d = DrawOn(8, 6, true, [&](MaskSurface& s) { s.Polygon(huge, 3); });
-  // Right of the diagonal y = x full, on it a band.
-  ExpectCoverage(*d.mask, [](int x, int y) { return y < x ? In : y == x ? Band : Out; });
 }
 
 TEST(MaskSurface, ImpossibleSizesAreRefused) {

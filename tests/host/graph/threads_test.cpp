@@ -1,4 +1,4 @@
-// DoMultiProcess on 1, 2 and 7 worker threads: every chunk exactly once, the quick slot for
+// DoMultiProcess on 1, 2 and 7 worker threads: every chunk exactly once, in the quick slot for
 // quick requests, nothing for zero chunks, and a row loop that stops when the abort flag is set.
 #include <gtest/gtest.h>
 
@@ -46,34 +46,26 @@ class DoMultiProcessTest : public ::testing::TestWithParam<int> {
   void TearDown() override { SetWorkerThreads(0); }
 };
 
-TEST_P(DoMultiProcessTest, EveryChunkRunsExactlyOnce) {
+// Full requests run the full slot, quick ones the quick slot.
+TEST_P(DoMultiProcessTest, EveryChunkRunsExactlyOnceInItsSlot) {
   EXPECT_EQ(WorkerThreads(), GetParam());
-  for (long chunks : {1L, 2L, 7L, 1080L, 5000L}) {
-    CountingTool tool(chunks);
-    Request req(&tool, 3.0, 0);
-    tool.expected = &req;
-    tool.DoMultiProcess(&req, chunks);
-    for (long c = 0; c < chunks; ++c) {
-      ASSERT_EQ(tool.full[size_t(c)].load(), 1) << "chunk " << c << " of " << chunks;
-      ASSERT_EQ(tool.quick[size_t(c)].load(), 0) << "chunk " << c << " of " << chunks;
+  for (uint32_t flags : {0u, rflag::Quick | rflag::Proxy})
+    for (long chunks : {1L, 2L, 7L, 1080L, 5000L}) {
+      SCOPED_TRACE(testing::Message() << chunks << " chunks" << (flags ? ", quick" : ""));
+      CountingTool tool(chunks);
+      Request req(&tool, 3.0, flags);
+      tool.expected = &req;
+      tool.DoMultiProcess(&req, chunks);
+      for (long c = 0; c < chunks; ++c) {
+        ASSERT_EQ(tool.full[size_t(c)].load(), flags ? 0 : 1) << "chunk " << c;
+        ASSERT_EQ(tool.quick[size_t(c)].load(), flags ? 1 : 0) << "chunk " << c;
+      }
+      EXPECT_EQ(tool.wrong_request.load(), 0);
+      // One thread runs the chunks inline, on the caller's own thread.
+      if (GetParam() == 1) {
+        EXPECT_EQ(tool.off_caller_thread.load(), 0);
+      }
     }
-    EXPECT_EQ(tool.wrong_request.load(), 0);
-    // One thread runs the chunks inline, on the caller's own thread.
-    if (GetParam() == 1) {
-      EXPECT_EQ(tool.off_caller_thread.load(), 0);
-    }
-  }
-}
-
-TEST_P(DoMultiProcessTest, QuickRequestsRunTheQuickSlot) {
-  CountingTool tool(100);
-  Request req(&tool, 0.0, rflag::Quick | rflag::Proxy);
-  tool.expected = &req;
-  tool.DoMultiProcess(&req, 100);
-  for (size_t c = 0; c < 100; ++c) {
-    ASSERT_EQ(tool.quick[c].load(), 1) << c;
-    ASSERT_EQ(tool.full[c].load(), 0) << c;
-  }
 }
 
 TEST_P(DoMultiProcessTest, NoChunksReturnAtOnce) {

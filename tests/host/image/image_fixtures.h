@@ -22,13 +22,11 @@ using Bytes = std::vector<uint8_t>;
 
 enum class Rows { Owned, TopDown, BottomUp };
 
-inline std::string RowsName(Rows rows) {
-  return rows == Rows::Owned ? "Owned" : rows == Rows::TopDown ? "TopDown" : "BottomUp";
-}
-
 // Every row layout, and the test names they give, for suites run over each of them.
 constexpr Rows kAllRows[] = {Rows::Owned, Rows::TopDown, Rows::BottomUp};
-inline std::string RowsTestName(const ::testing::TestParamInfo<Rows>& info) { return RowsName(info.param); }
+inline std::string RowsTestName(const ::testing::TestParamInfo<Rows>& info) {
+  return info.param == Rows::Owned ? "Owned" : info.param == Rows::TopDown ? "TopDown" : "BottomUp";
+}
 
 constexpr uint32_t Bgra(uint32_t b, uint32_t g, uint32_t r, uint32_t a) { return b | g << 8 | r << 16 | a << 24; }
 

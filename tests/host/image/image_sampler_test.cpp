@@ -38,6 +38,8 @@ const SampleCase kCases[] = {
   // Half way between P00 and P10: (10 + 50) / 2 and so on.
   {"half across",            128,  0,    1, Bgra(30, 40, 50, 60), Bgra(30, 40, 50, 60)},
   {"quality 2 is bilinear",  128,  0,    2, Bgra(30, 40, 50, 60), Bgra(30, 40, 50, 60)},
+  // 3/256 of the way: 10 + 40 * 3 / 256 = 10.47 rounds down, as do 20.47, 30.47 and 40.47.
+  {"just short of half",     3,    0,    1, P00, P00},
   // fx = 64, fy = 192: 3/16 P00 + 1/16 P10 + 9/16 P01 + 3/16 P11 = 80 in blue, +10 per channel.
   {"quarter, three quarters", 64,  192,  1, Bgra(80, 90, 100, 110), Bgra(80, 90, 100, 110)},
   // Past the right edge: half of P10 and half of black (or of P10 again).
@@ -61,27 +63,36 @@ const SampleCase kCases[] = {
 };
 // clang-format on
 
-class SamplerTest : public ::testing::TestWithParam<Rows> {};
+// The single-point sample at (x, y), in 1/256 pixel.
+uint32_t Sample(const Image& img, long x, long y, long quality, bool clamp) {
+  Pixel p;
+  clamp ? img.DoSample_Clamp(&p, x, y, quality) : img.DoSample_Black(&p, x, y, quality);
+  return p.Word();
+}
+
+class SamplerTest : public ::testing::TestWithParam<Rows> {
+ protected:
+  int Pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random_); }
+  // Random pixels, as many as given.
+  Vec Noise(size_t n) {
+    Vec words(n);
+    for (uint32_t& w : words) w = uint32_t(random_());
+    return words;
+  }
+  // A frame of random pixels, from 1 x 1 to 9 x 6.
+  TestImage RandomFrame() {
+    const int w = Pick(1, 9), h = Pick(1, 6);
+    return MakeFrame(w, h, GetParam(), Noise(size_t(w * h)));
+  }
+  std::mt19937 random_{5};
+};
 
 TEST_P(SamplerTest, BlackAndClampGiveTheTabledValues) {
   const auto img = MakeFrame(2, 2, GetParam(), {P00, P10, P01, P11});
   for (const SampleCase& c : kCases) {
-    Pixel black, clamp;
-    img->DoSample_Black(&black, c.x, c.y, c.quality);
-    img->DoSample_Clamp(&clamp, c.x, c.y, c.quality);
-    EXPECT_EQ(black.Word(), c.black) << c.what;
-    EXPECT_EQ(clamp.Word(), c.clamp) << c.what;
+    EXPECT_EQ(Sample(*img.get(), c.x, c.y, c.quality, false), c.black) << c.what;
+    EXPECT_EQ(Sample(*img.get(), c.x, c.y, c.quality, true), c.clamp) << c.what;
   }
-}
-
-TEST_P(SamplerTest, BilinearRoundsHalfUp) {
-  // Blue 0 and 1: half way is 0.5, which rounds up; a 256th short of it rounds down.
-  const auto img = MakeFrame(2, 1, GetParam(), {Bgra(0, 0, 0, 0), Bgra(1, 0, 0, 0)});
-  Pixel p;
-  img->DoSample_Black(&p, 128, 0, 1);
-  EXPECT_EQ(p.b, 1);
-  img->DoSample_Black(&p, 127, 0, 1);
-  EXPECT_EQ(p.b, 0);
 }
 
 TEST_P(SamplerTest, MaskValueFillsAllFourBytes) {
@@ -93,17 +104,6 @@ TEST_P(SamplerTest, MaskValueFillsAllFourBytes) {
   EXPECT_EQ(p, (Pixel{200, 200, 200, 200}));
   mask->DoSample_Black(&p, 1000, 0, 0);
   EXPECT_EQ(p, Pixel{});
-}
-
-TEST_P(SamplerTest, RowsComeFromTheRowTable) {
-  // One column, three rows: sampling half way between rows 1 and 2 must mix those rows, not
-  // whatever lies next in memory.
-  const auto img = MakeFrame(1, 3, GetParam(), {Bgra(0, 0, 0, 0), Bgra(100, 0, 0, 0), Bgra(200, 0, 0, 0)});
-  Pixel p;
-  img->DoSample_Clamp(&p, 0, 384, 1);
-  EXPECT_EQ(p.b, 150);
-  img->DoSample_Black(&p, 0, 384, 1);
-  EXPECT_EQ(p.b, 150);
 }
 
 // A line of samples as the row samplers take it: from (x, y) in steps of (dx, dy), 1/65536 pixel.
@@ -119,9 +119,7 @@ Vec OneByOne(const Image& img, const Line& l, long quality, bool clamp) {
   for (int k = 0; k < l.count; ++k) {
     const int32_t x = int32_t(uint32_t(l.x) + uint32_t(k) * uint32_t(l.dx));
     const int32_t y = int32_t(uint32_t(l.y) + uint32_t(k) * uint32_t(l.dy));
-    Pixel p;
-    clamp ? img.DoSample_Clamp(&p, x >> 8, y >> 8, quality) : img.DoSample_Black(&p, x >> 8, y >> 8, quality);
-    out.push_back(p.Word());
+    out.push_back(Sample(img, x >> 8, y >> 8, quality, clamp));
   }
   return out;
 }
@@ -158,15 +156,8 @@ const Line kLines[] = {
 };
 // clang-format on
 
-Vec NoiseWords(std::mt19937& random, size_t n) {
-  Vec words(n);
-  for (uint32_t& w : words) w = uint32_t(random());
-  return words;
-}
-
 TEST_P(SamplerTest, RowsGiveTheSinglePointSamples) {
-  std::mt19937 random(3);
-  const auto img = MakeFrame(7, 5, GetParam(), NoiseWords(random, 35));
+  const auto img = MakeFrame(7, 5, GetParam(), Noise(35));
   for (const Line& l : kLines) ExpectRowsMatchOneByOne(*img.get(), l);
   const auto mask = MakeMask(7, 5, GetParam(), Bytes(35, 90));
   for (const Line& l : kLines) ExpectRowsMatchOneByOne(*mask.get(), l);
@@ -175,14 +166,12 @@ TEST_P(SamplerTest, RowsGiveTheSinglePointSamples) {
 // Random lines of every length up to 67 through, past and around images from 1 x 1 to 9 x 6,
 // a third of them whole pixels along a row.
 TEST_P(SamplerTest, RandomRowsGiveTheSinglePointSamples) {
-  std::mt19937 random(5);
-  const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
   for (int count = 1; count <= 67; ++count) {
-    const int w = pick(1, 9), h = pick(1, 6);
-    const auto img = MakeFrame(w, h, GetParam(), NoiseWords(random, size_t(w * h)));
+    const auto img = RandomFrame();
+    const int w = img->Width(), h = img->Height();
     const bool straight = count % 3 == 0;
-    const Line l{straight ? "straight" : "any", pick(-3 * w * kOne, 3 * w * kOne), pick(-2 * h * kOne, 3 * h * kOne),
-                 straight ? kOne : pick(-2 * kOne, 2 * kOne), straight ? 0 : pick(-2 * kOne, 2 * kOne), count};
+    const Line l{straight ? "straight" : "any", Pick(-3 * w * kOne, 3 * w * kOne), Pick(-2 * h * kOne, 3 * h * kOne),
+                 straight ? kOne : Pick(-2 * kOne, 2 * kOne), straight ? 0 : Pick(-2 * kOne, 2 * kOne), count};
     ExpectRowsMatchOneByOne(*img.get(), l);
   }
 }
@@ -190,26 +179,20 @@ TEST_P(SamplerTest, RandomRowsGiveTheSinglePointSamples) {
 // Points given one by one: random points in and around images from 1 x 1 to 9 x 6, and far
 // outside, each exactly the single-point sample.
 TEST_P(SamplerTest, PointsGiveTheSinglePointSamples) {
-  std::mt19937 random(7);
-  const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
   for (int count = 1; count <= 67; ++count) {
-    const int w = pick(1, 9), h = pick(1, 6);
-    const auto img = MakeFrame(w, h, GetParam(), NoiseWords(random, size_t(w * h)));
+    const auto img = RandomFrame();
     std::vector<int32_t> x, y;
     for (int k = 0; k < count; ++k) {
-      x.push_back(k == 0 ? INT32_MIN : pick(-2 * 256, (w + 2) * 256));
-      y.push_back(k == 1 ? INT32_MAX : pick(-2 * 256, (h + 2) * 256));
+      x.push_back(k == 0 ? INT32_MIN : Pick(-2 * 256, (img->Width() + 2) * 256));
+      y.push_back(k == 1 ? INT32_MAX : Pick(-2 * 256, (img->Height() + 2) * 256));
     }
     for (long quality : {0L, 1L}) {
       Vec black(static_cast<size_t>(count)), clamp(static_cast<size_t>(count)), black_one, clamp_one;
       img->SamplePoints_Black(black.data(), count, x.data(), y.data(), quality);
       img->SamplePoints_Clamp(clamp.data(), count, x.data(), y.data(), quality);
-      for (int k = 0; k < count; ++k) {
-        Pixel p;
-        img->DoSample_Black(&p, x[size_t(k)], y[size_t(k)], quality);
-        black_one.push_back(p.Word());
-        img->DoSample_Clamp(&p, x[size_t(k)], y[size_t(k)], quality);
-        clamp_one.push_back(p.Word());
+      for (size_t k = 0; k < x.size(); ++k) {
+        black_one.push_back(Sample(*img.get(), x[k], y[k], quality, false));
+        clamp_one.push_back(Sample(*img.get(), x[k], y[k], quality, true));
       }
       EXPECT_EQ(black, black_one) << count << " points, quality " << quality;
       EXPECT_EQ(clamp, clamp_one) << count << " points, quality " << quality;
