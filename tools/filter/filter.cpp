@@ -214,12 +214,16 @@ void MedianNetworkRow(const FilterRender& t, BandScratch& s, int y) {
   const uint32_t* padded = PaddedRows(t, s, y, kRadius);
   s.keys.resize(s.padded.size());
   for (size_t i = 0; i < s.padded.size(); ++i) s.keys[i] = LuminanceKey(s.padded[i]) << 9;
-  s.values.resize(4 * size_t(w));
-  size_t offset[kCount];  // of each window place from the window's top-left pixel in `padded`
-  for (int place = 0; place < kCount; ++place) offset[place] = line * size_t(place / kSide) + size_t(place % kSide);
+  // A whole pixel is taken, so with a full blend it is stored as it is; other blends mix it.
+  const bool whole = t.blend == 256;
+  if (!whole) s.values.resize(4 * size_t(w));
+  uint32_t offset[kCount];  // of each window place from the window's top-left pixel in `padded`
+  for (int place = 0; place < kCount; ++place) offset[place] = uint32_t(line) * uint32_t(place / kSide) + place % kSide;
   typedef uint32_t Lanes __attribute__((vector_size(kGroup * sizeof(uint32_t))));
   // Keys read eight at a time at any place in a row, straight into registers.
   typedef uint32_t KeyLanes __attribute__((vector_size(kGroup * sizeof(uint32_t)), aligned(4), may_alias));
+  const uint32_t* src = t.src->Row(y);
+  uint32_t* out = t.out->Row(y);
   for (int x0 = 0; x0 < w; x0 += kGroup) {
     Lanes sorted[kCount];
     for (int place = 0; place < kCount; ++place)
@@ -227,12 +231,17 @@ void MedianNetworkRow(const FilterRender& t, BandScratch& s, int y) {
     [&]<size_t... I>(std::index_sequence<I...>) {
       (CompareExchange(sorted[kNetwork[I].first], sorted[kNetwork[I].second]), ...);
     }(std::make_index_sequence<kNetwork.size()>());
+    const Lanes taken = sorted[t.rank] & 511;
     uint32_t chosen[kGroup];
-    for (int l = 0; l < kGroup; ++l) chosen[l] = padded[size_t(x0 + l) + offset[sorted[t.rank][l] & 511]];
-    for (int l = 0; l < kGroup && x0 + l < w; ++l)
-      for (int c = 0; c < 4; ++c) s.values[size_t(4 * (x0 + l) + c)] = Channel(chosen[l], c) << 8;
+    for (int l = 0; l < kGroup; ++l) chosen[l] = padded[uint32_t(x0 + l) + offset[taken[l]]];
+    const int lanes = std::min(kGroup, w - x0);
+    if (whole)
+      for (int l = 0; l < lanes; ++l) out[x0 + l] = (chosen[l] & ~t.kept) | (src[x0 + l] & t.kept);
+    else
+      for (int l = 0; l < lanes; ++l)
+        for (int c = 0; c < 4; ++c) s.values[size_t(4 * (x0 + l) + c)] = Channel(chosen[l], c) << 8;
   }
-  StoreRow(s.values.data(), t.src->Row(y), t.out->Row(y), w, t.kept, t.blend);
+  if (!whole) StoreRow(s.values.data(), src, out, w, t.kept, t.blend);
 }
 
 // Wide windows: each pixel's window sorted as far as the place taken.
