@@ -61,6 +61,8 @@ const module::InputDecl (&InputTable())[kInputCount] {
 constexpr int32_t kShadingPowerLimit = 256;
 // A median radius typed beyond this is held there (a window of 40401 pixels).
 constexpr int kMedianRadiusLimit = 100;
+// The largest window that sorts through a network: 5 x 5 pixels.
+constexpr int kNetworkCount = 25;
 constexpr int kGroup = 8;
 
 struct FilterRender;
@@ -78,8 +80,11 @@ struct FilterRender {
   int32_t blend = 256;  // B = trunc(Blend x 256)
   int32_t power = 1;
   int dx = 0, dy = 0;   // Relief and Emboss Over: the direction
-  // Median: the radius and the sorted place taken.
+  // Median: the radius, the sorted place taken, and for the windows that sort through a network
+  // (radius 1 or 2) each window place's offset from the window's top-left pixel in the padded
+  // rows.
   int radius = 0, rank = 0;
+  uint32_t window_offsets[kNetworkCount] = {};
   // Defocus: the ring's offsets.
   std::vector<std::pair<int, int>> ring;
   // Noise and Grain: the state before the render's first draw, and the maps from a row's first
@@ -208,17 +213,17 @@ inline void CompareExchange(Lanes& low, Lanes& high) {
 template <int kSide>
 void MedianNetworkRow(const FilterRender& t, BandScratch& s, int y) {
   constexpr int kRadius = kSide / 2, kCount = kSide * kSide;
+  static_assert(kCount <= kNetworkCount);
   static constexpr auto kNetwork = SortingNetwork<kCount>();
   const int w = t.width;
-  const size_t line = size_t(w + 2 * kRadius);
   const uint32_t* padded = PaddedRows(t, s, y, kRadius);
   s.keys.resize(s.padded.size());
   for (size_t i = 0; i < s.padded.size(); ++i) s.keys[i] = LuminanceKey(s.padded[i]) << 9;
   // A whole pixel is taken, so with a full blend it is stored as it is; other blends mix it.
   const bool whole = t.blend == 256;
   if (!whole) s.values.resize(4 * size_t(w));
-  uint32_t offset[kCount];  // of each window place from the window's top-left pixel in `padded`
-  for (int place = 0; place < kCount; ++place) offset[place] = uint32_t(line) * uint32_t(place / kSide) + place % kSide;
+  uint32_t offset[kCount];  // a local copy: the row's stores cannot alias it
+  std::copy_n(t.window_offsets, kCount, offset);
   typedef uint32_t Lanes __attribute__((vector_size(kGroup * sizeof(uint32_t))));
   // Keys read eight at a time at any place in a row, straight into registers.
   typedef uint32_t KeyLanes __attribute__((vector_size(kGroup * sizeof(uint32_t)), aligned(4), may_alias));
@@ -448,6 +453,9 @@ class Filter final : public filter::FilterTool<kClassId, kInputCount> {
     const long side = 2 * long(t.radius) + 1, count = side * side;
     t.rank = int(std::clamp(long(double(float(count - 1) * median_point) + 0.5), 0L, count - 1));
     t.kernel = t.radius == 1 ? &MedianNetworkRow<3> : t.radius == 2 ? &MedianNetworkRow<5> : &MedianWideRow;
+    if (count <= kNetworkCount)
+      for (int place = 0; place < count; ++place)
+        t.window_offsets[place] = uint32_t(t.width + 2 * t.radius) * uint32_t(place / side) + uint32_t(place % side);
   }
 
   // Seeds the generator with the request's time (truncated), takes one draw per pixel and
