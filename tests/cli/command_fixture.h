@@ -79,6 +79,13 @@ class CommandTest : public ::testing::Test {
     return outcomes;
   }
 
+  // Copies the example flow and its media into the folder.
+  void CopyExample() {
+    const std::filesystem::path examples = std::filesystem::path(KESTRION_TEST_SOURCE_DIR) / "examples";
+    std::filesystem::copy_file(examples / "grade.json", dir_.path() / "grade.json");
+    std::filesystem::copy(examples / "media", dir_.path() / "media");
+  }
+
   TempFolder dir_;
 };
 

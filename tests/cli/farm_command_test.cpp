@@ -32,11 +32,7 @@ class ScopedVariable {
 
 class FarmCommandTest : public CommandTest {
  protected:
-  void SetUp() override {
-    const fs::path examples = fs::path(KESTRION_TEST_SOURCE_DIR) / "examples";
-    fs::copy_file(examples / "grade.json", dir_.path() / "grade.json");
-    fs::copy(examples / "media", dir_.path() / "media");
-  }
+  void SetUp() override { CopyExample(); }
   // Writes a program for PATH into bin/.
   void WriteProgram(const std::string& name, const std::string& body) {
     fs::create_directories(dir_.path() / "bin");

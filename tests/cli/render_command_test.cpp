@@ -76,11 +76,7 @@ Picture ReadPicture(const fs::path& path) {
 // A copy of the example flow and its media, and the command run on it.
 class RenderCommandTest : public CommandTest {
  protected:
-  void SetUp() override {
-    const fs::path examples = fs::path(KESTRION_TEST_SOURCE_DIR) / "examples";
-    fs::copy_file(examples / "grade.json", dir_.path() / "grade.json");
-    fs::copy(examples / "media", dir_.path() / "media");
-  }
+  void SetUp() override { CopyExample(); }
 
   Outcome Render(const fs::path& flow, std::vector<std::string> more = {}) {
     more.insert(more.begin(), {"render", flow.string()});
